@@ -1,0 +1,21 @@
+// The subcommands of `lumora`. Each is a short function over library calls that picks an exit
+// status; main.cc only dispatches.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace lumora::cli {
+
+// Exit statuses of the public contract.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitInterrupted = 130;
+
+using Args = std::vector<std::string>;
+
+int replyCommand(const Args& args);
+int settingsCommand(const Args& args);
+
+}  // namespace lumora::cli

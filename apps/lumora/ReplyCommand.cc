@@ -1,0 +1,292 @@
+// `lumora reply`: the compose assistant run once, as the panel runs it.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "Commands.h"
+#include "lumora/chat/Errors.h"
+#include "lumora/mailcontent/MailParser.h"
+#include "lumora/panel/MailExtensionView.h"
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/Errors.h"
+#include "lumora/platform/Redact.h"
+#include "lumora/store/DefaultsStore.h"
+#include "lumora/store/UserSettings.h"
+#include "Support.h"
+
+namespace lumora::cli {
+namespace {
+
+constexpr const char* kReplyHelp =
+    "Usage: lumora reply [MESSAGE] [--model NAME] [--instruction TEXT]\n"
+    "                    [--conversation UUID] [--dry-run] [--debug]\n"
+    "\n"
+    "Writes a reply with the chosen model and streams it to standard output.\n"
+    "\n"
+    "  MESSAGE              the raw message being answered (a file, or - for standard\n"
+    "                       input); without it the reply is to a new mail\n"
+    "  --model NAME         the model for this run (default: the stored selection, or\n"
+    "                       the default model)\n"
+    "  --instruction TEXT   the instruction for this run\n"
+    "  --conversation UUID  the stored conversation to use as preset for this run\n"
+    "  --dry-run            print the request as JSON instead of sending it\n"
+    "  --debug              debug lines on standard error (also LUMORA_DEBUG=1)\n"
+    "\n"
+    "Exit status: 0 done, 1 failed (reason on standard error), 2 usage error,\n"
+    "130 stopped by SIGINT or SIGTERM.\n";
+
+struct Options {
+  std::optional<std::string> message;
+  std::optional<std::string> model;
+  std::optional<std::string> instruction;
+  std::optional<std::string> conversation;
+  bool dryRun = false;
+  bool debug = false;
+};
+
+// Records the request instead of sending it, and answers with an empty stream.
+class RecordingTransport final : public HttpTransport {
+ public:
+  std::optional<HttpRequest> request;
+
+  std::unique_ptr<HttpResponse> send(const HttpRequest& r, const SessionConfiguration&,
+                                     std::stop_token) override {
+    request = r;
+    return std::make_unique<EmptyResponse>();
+  }
+
+ private:
+  class EmptyResponse final : public HttpResponse {
+   public:
+    int status() const override { return 200; }
+    const HttpHeaders& headers() const override { return headers_; }
+    void readBody(const std::function<void(std::string_view)>&, std::stop_token) override {}
+
+   private:
+    HttpHeaders headers_;
+  };
+};
+
+// Stops the run on SIGINT or SIGTERM. The signals are blocked in every thread and taken by
+// one thread of our own, so nothing runs in a signal handler.
+class SignalWatcher {
+ public:
+  SignalWatcher(MainExecutor& executor, std::function<void()> onSignal) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    thread_ = std::thread([this, set, &executor, onSignal = std::move(onSignal)] {
+      const timespec tick{0, 50'000'000};
+      while (!quit_) {
+        if (sigtimedwait(&set, nullptr, &tick) > 0) {
+          interrupted_ = true;
+          executor.post(onSignal);
+        }
+      }
+    });
+  }
+  ~SignalWatcher() {
+    quit_ = true;
+    thread_.join();
+  }
+  bool interrupted() const { return interrupted_; }
+
+ private:
+  std::atomic<bool> quit_{false};
+  std::atomic<bool> interrupted_{false};
+  std::thread thread_;
+};
+
+// Shows that the model is being waited for, on a terminal only.
+class Spinner {
+ public:
+  Spinner() : active_(isatty(STDERR_FILENO) == 1) {}
+  void tick() {
+    if (!active_) return;
+    static constexpr const char* kFrames[] = {"⠋", "⠙", "⠹", "⠸", "⠼", "⠴", "⠦", "⠧", "⠇", "⠏"};
+    std::fprintf(stderr, "\r%s waiting for the model…", kFrames[frame_++ % 10]);
+    std::fflush(stderr);
+    shown_ = true;
+  }
+  void clear() {
+    if (!shown_) return;
+    std::fprintf(stderr, "\r\033[K");
+    std::fflush(stderr);
+    shown_ = false;
+  }
+
+ private:
+  bool active_;
+  bool shown_ = false;
+  unsigned frame_ = 0;
+};
+
+int parse(const Args& args, Options& o) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&](std::optional<std::string>& out) {
+      const size_t eq = a.find('=');
+      if (eq != std::string::npos) {
+        out = a.substr(eq + 1);
+        return true;
+      }
+      if (i + 1 >= args.size()) return false;
+      out = args[++i];
+      return true;
+    };
+    auto is = [&](std::string_view name) {
+      return a == name || (a.starts_with(name) && a.size() > name.size() && a[name.size()] == '=');
+    };
+    if (a == "--help" || a == "-h") {
+      std::fputs(kReplyHelp, stdout);
+      return -1;
+    } else if (a == "--dry-run") {
+      o.dryRun = true;
+    } else if (a == "--debug") {
+      o.debug = true;
+    } else if (is("--model")) {
+      if (!value(o.model)) return usageError("--model needs a model name", kReplyHelp);
+    } else if (is("--instruction")) {
+      if (!value(o.instruction)) return usageError("--instruction needs a text", kReplyHelp);
+    } else if (is("--conversation")) {
+      if (!value(o.conversation)) return usageError("--conversation needs a UUID", kReplyHelp);
+    } else if (a.size() > 1 && a[0] == '-' ) {
+      return usageError("unknown option '" + a + "'", kReplyHelp);
+    } else if (!o.message) {
+      o.message = a;
+    } else {
+      return usageError("only one MESSAGE can be given", kReplyHelp);
+    }
+  }
+  return 0;
+}
+
+std::string dryRunJSON(const Service& service, const HttpRequest& request) {
+  nlohmann::ordered_json out;
+  out["service"] = service.id();
+  out["method"] = request.method;
+  out["url"] = request.url;
+  nlohmann::ordered_json headers = nlohmann::ordered_json::object();
+  for (const auto& [name, value] : request.headers) headers[name] = value;
+  out["headers"] = std::move(headers);
+  auto body = nlohmann::ordered_json::parse(request.body, nullptr, false);
+  out["body"] = body.is_discarded() ? nlohmann::ordered_json(request.body) : body;
+  return redact::scrub(out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+}  // namespace
+
+int replyCommand(const Args& args) {
+  Options options;
+  if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
+
+  const char* debugEnv = std::getenv("LUMORA_DEBUG");
+  const bool debugOn = options.debug || (debugEnv && std::string_view(debugEnv) == "1");
+  debug::setSink(debugOn ? debug::stderrSink() : debug::Sink());
+
+  std::optional<std::string> raw;
+  if (options.message) {
+    auto bytes = readMessage(*options.message);
+    if (!bytes) return kExitFailed;
+    raw = std::move(*bytes);
+  }
+
+  try {
+    MainExecutor executor;
+    SimpleComposeSession session = raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
+    RecordingTransport recorder;
+    HttpTransport& transport = options.dryRun ? static_cast<HttpTransport&>(recorder)
+                                              : defaultTransport();
+    MemoryPasteboard pasteboard;
+    NoConversations conversations;
+    std::optional<Service> chosen;
+
+    MailExtensionView::Dependencies deps{
+        .executor = executor,
+        .session = session,
+        .ownDefaults = ownDefaults(),
+        .environment = ChatEnvironment{sharedDefaults(), transport},
+        .pasteboard = pasteboard,
+        .conversations = conversations,
+        .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },
+        .quotedTexts = [](const std::string& message) { return MailParser::quotedTexts(message); },
+        .overrides = {},
+        .onServiceChosen = [&](const Service& s) { chosen = s; },
+    };
+    if (options.model) deps.overrides[std::string(MailExtensionView::kSelectedModelKey)] = *options.model;
+    if (options.instruction)
+      deps.overrides[std::string(MailExtensionView::kPromptKey)] = *options.instruction;
+    if (options.conversation)
+      deps.overrides[std::string(MailExtensionView::kSelectedConversationKey)] = *options.conversation;
+
+    auto panel = MailExtensionView::make(std::move(deps));
+    SignalWatcher signals(executor, [&panel] { panel->stopGeneration(); });
+    Spinner spinner;
+
+    // The reply goes to standard output as it grows: only what is new each time.
+    ReplyText written;
+    panel->setObserver([&] {
+      if (options.dryRun) return;
+      const ReplyText& now = panel->output();
+      std::string fresh;
+      if (now.extends(written)) {
+        now.appendSuffix(written.size(), fresh);
+      } else {
+        // A text made anew (the cancellation mark appended): print what goes beyond.
+        const std::string whole = now.str();
+        const std::string before = written.str();
+        if (whole.starts_with(before)) fresh = whole.substr(before.size());
+      }
+      written = now;
+      if (fresh.empty()) return;
+      spinner.clear();
+      std::fwrite(fresh.data(), 1, fresh.size(), stdout);
+      std::fflush(stdout);
+    });
+
+    panel->panelDidAppear();
+    panel->startGeneration();
+    while (!executor.runUntil([&] { return panel->latestRunEnded(); },
+                              std::chrono::milliseconds(100))) {
+      if (!options.dryRun && panel->generating() && panel->output().empty()) spinner.tick();
+    }
+    spinner.clear();
+
+    if (options.dryRun && panel->errorMessage().empty()) {
+      if (!chosen || !recorder.request) {
+        std::fputs("lumora: the run ended before a request was made\n", stderr);
+        return kExitFailed;
+      }
+      std::puts(dryRunJSON(*chosen, *recorder.request).c_str());
+      return kExitOk;
+    }
+    if (!options.dryRun && (panel->errorMessage().empty() || !panel->output().empty())) {
+      std::fputc('\n', stdout);
+      std::fflush(stdout);
+    }
+    if (!panel->errorMessage().empty()) {
+      std::fprintf(stderr, "lumora: %s\n", panel->errorMessage().c_str());
+      return kExitFailed;
+    }
+    return signals.interrupted() ? kExitInterrupted : kExitOk;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
+    return kExitFailed;
+  }
+}
+
+}  // namespace lumora::cli

@@ -1,0 +1,34 @@
+#include "Support.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+
+#include "Commands.h"
+
+namespace lumora::cli {
+
+int usageError(const std::string& message, const char* help) {
+  std::fprintf(stderr, "lumora: %s\n\n%s", message.c_str(), help);
+  return kExitUsage;
+}
+
+std::optional<std::string> readMessage(const std::string& path) {
+  if (path == "-") {
+    std::ostringstream buffer;
+    buffer << std::cin.rdbuf();
+    return buffer.str();
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    std::fprintf(stderr, "lumora: cannot read %s: %s\n", path.c_str(), std::strerror(errno));
+    return std::nullopt;
+  }
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+}  // namespace lumora::cli

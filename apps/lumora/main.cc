@@ -1,0 +1,57 @@
+// `lumora`: dispatches to its subcommands.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "Commands.h"
+
+namespace {
+
+struct Command {
+  const char* name;
+  const char* help;
+  int (*run)(const lumora::cli::Args&);
+};
+
+constexpr Command kCommands[] = {
+    {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
+    {"settings", "read and write the settings", lumora::cli::settingsCommand},
+};
+
+void usage(FILE* out) {
+  std::fprintf(out,
+               "Usage: lumora COMMAND [ARGS...]\n"
+               "\n"
+               "Lumora writes replies to e-mail with the language model of your choice.\n"
+               "\n"
+               "Commands:\n");
+  for (const Command& c : kCommands) std::fprintf(out, "  %-10s %s\n", c.name, c.help);
+  std::fprintf(out,
+               "\n"
+               "Run 'lumora COMMAND --help' for a command's options.\n"
+               "Options: --help, --version\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    usage(stderr);
+    return lumora::cli::kExitUsage;
+  }
+  const std::string name = argv[1];
+  if (name == "--help" || name == "-h" || name == "help") {
+    usage(stdout);
+    return lumora::cli::kExitOk;
+  }
+  if (name == "--version") {
+    std::printf("lumora %s\n", LUMORA_VERSION);
+    return lumora::cli::kExitOk;
+  }
+  for (const Command& c : kCommands) {
+    if (name == c.name) return c.run(lumora::cli::Args(argv + 2, argv + argc));
+  }
+  std::fprintf(stderr, "lumora: unknown command '%s'\n", name.c_str());
+  usage(stderr);
+  return lumora::cli::kExitUsage;
+}

@@ -1,0 +1,139 @@
+#include "lumora/chat/ChatRequest.h"
+
+#include <charconv>
+#include <cmath>
+
+#include "lumora/chat/Errors.h"
+#include "lumora/chat/HttpSession.h"
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/LineSplitter.h"
+#include "lumora/platform/Text.h"
+
+namespace lumora {
+namespace {
+
+// An error body is only decoded for its text; a larger one is cut here rather than held whole.
+constexpr size_t kMaxErrorBody = size_t{1} << 20;
+
+constexpr std::string_view kDoneMarker = "[DONE]";
+constexpr std::string_view kOpenRouterKeepAlive = ": OPENROUTER PROCESSING";
+constexpr std::string_view kDataPrefix = "data:";
+
+}  // namespace
+
+double clampTemperature(double temperature) {
+  if (std::isnan(temperature) || temperature <= 0) return 0;
+  if (temperature > 2) return 2;
+  return temperature;
+}
+
+std::string formatDouble(double value) {
+  char buffer[64];
+  auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
+  std::string text(buffer, end);
+  if (text.find_first_of(".eni") == std::string::npos) text += ".0";
+  return text;
+}
+
+HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeaders,
+                            const std::string& model, const std::vector<ChatMessage>& messages,
+                            double temperature) {
+  HttpRequest request;
+  request.url = url;
+  request.headers = authHeaders;
+  request.method = std::string(kChatMethod);
+  request.headers.emplace_back("Content-Type", "application/json");
+  request.headers.emplace_back("Accept", "text/event-stream");
+
+  ChatRequestPayload payload;
+  payload.model = model;
+  payload.messages = messages;
+  payload.stream = true;
+  payload.temperature = clampTemperature(temperature);
+  if (model == "gpt-4-vision-preview") payload.maxTokens = 4096;
+  request.body = payload.toJSON();
+  return request;
+}
+
+ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::string& url,
+                            const HttpHeaders& authHeaders, const std::string& model,
+                            const std::vector<ChatMessage>& messages, double temperature,
+                            LineRule rule, std::stop_token stop) {
+  HttpRequest request = makeChatRequest(url, authHeaders, model, messages, temperature);
+  debug::line({"[debug] request model:", model, "temperature",
+               formatDouble(clampTemperature(temperature)), url});
+
+  const SessionConfiguration session = makeSession(environment);
+  std::unique_ptr<HttpResponse> response = environment.transport.send(request, session, stop);
+
+  if (response->status() != 200) {
+    // Read the whole (bounded) body, its lines joined with nothing between them.
+    std::string joined;
+    LineSplitter splitter(kMaxErrorBody);
+    auto onLine = [&](std::string_view line) {
+      if (joined.size() + line.size() <= kMaxErrorBody) joined.append(line);
+    };
+    try {
+      response->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop);
+      splitter.finish(onLine);
+    } catch (const TransportError& e) {
+      if (e.code() != TransportError::Code::lineTooLong) throw;
+    }
+    debug::line({"[debug][api error]", joined});
+    checkErrorBody(joined, response->status());
+    throw OpenAIError::httpError(response->status());  // not reached: the status is not 200
+  }
+
+  std::shared_ptr<HttpResponse> body(std::move(response));
+  return ChunkStream::start([body, rule](const ChunkStream::Emit& emit, std::stop_token stop) {
+    LineProcessor processor(rule);
+    LineSplitter splitter;
+    auto onLine = [&](std::string_view line) {
+      if (auto chunk = processor.process(line)) emit(std::move(*chunk));
+    };
+    body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop);
+    if (!stop.stop_requested()) splitter.finish(onLine);
+  });
+}
+
+LineProcessor::LineProcessor(LineRule rule)
+    : rule_(rule), text_(std::make_shared<ReplyBuffer>()) {}
+
+std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
+  // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.
+  std::string repaired;
+  if (!text::isValidUtf8(raw)) {
+    repaired = text::repairedUtf8(raw);
+    raw = repaired;
+  }
+  std::string_view line = text::trimmed(raw);
+  if (debug::enabled()) debug::line({"[debug] process line", line});
+
+  if (line.ends_with(kDoneMarker)) return std::nullopt;
+  if (rule_ == LineRule::openAICompatible && line.ends_with(kOpenRouterKeepAlive))
+    return std::nullopt;
+  if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
+
+  if (!decoder_.parse(line))
+    throw DecodingError("The server's reply could not be read: a line is not JSON (" +
+                        decoder_.error() + ").");
+  if (auto error = decoder_.errorResponse()) throw OpenAIError::apiError(std::move(*error));
+  const ChatDelta& delta = decoder_.chatDelta();
+
+  std::optional<std::string> finishReason;
+  if (!delta.choices.empty()) {
+    const ChatDelta::Choice& first = delta.choices.front();
+    if (first.delta && first.delta->content) text_->append(*first.delta->content);
+    if (first.finishReason) finishReason = std::string(*first.finishReason);
+  }
+  return StreamChunk{std::string(delta.model), ReplyText(text_, text_->size()),
+                     std::move(finishReason)};
+}
+
+void checkErrorBody(std::string_view body, int status) {
+  if (auto error = decodeOpenAIErrorResponse(body)) throw OpenAIError::apiError(std::move(*error));
+  if (status == 200) return;
+  throw OpenAIError::httpError(status);
+}
+
+}  // namespace lumora

@@ -1,0 +1,70 @@
+// One chat request to an OpenAI-style server, and what its answer becomes: a stream of chunks
+// or an error.
+#pragma once
+
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lumora/chat/ChatEnvironment.h"
+#include "lumora/chat/ChatMessage.h"
+#include "lumora/chat/ChunkStream.h"
+#include "lumora/chat/Payloads.h"
+#include "lumora/platform/Http.h"
+
+namespace lumora {
+
+// Constants of the chat request.
+inline constexpr std::string_view kChatPath = "/v1/chat/completions";
+inline constexpr std::string_view kChatMethod = "POST";
+
+// What a stream line that is neither data nor the end marker does: the OpenAI service's rule
+// fails on it; the compatible servers' rule also passes over OpenRouter's keep-alive comment.
+enum class LineRule { openAI, openAICompatible };
+
+// The temperature as sent: NaN and values not above 0 become 0, values above 2 become 2.
+double clampTemperature(double temperature);
+
+// The request as it goes out, built without touching the network: the URL, the authentication
+// headers, then Content-Type and Accept, and the JSON body.
+HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeaders,
+                            const std::string& model, const std::vector<ChatMessage>& messages,
+                            double temperature);
+
+// Sends the chat request and waits for the response head. Status 200 gives the stream of
+// chunks (no byte of the body read yet). Anything else reads the body and throws an
+// OpenAIError made from it. Network failures throw TransportError; a stop before the head
+// throws CancellationError.
+ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::string& url,
+                            const HttpHeaders& authHeaders, const std::string& model,
+                            const std::vector<ChatMessage>& messages, double temperature,
+                            LineRule rule, std::stop_token stop);
+
+// Turns the lines of one stream into chunks. Holds the stream's decoder and the running text.
+// Not thread-safe: one per stream, used by its reader.
+class LineProcessor {
+ public:
+  explicit LineProcessor(LineRule rule);
+
+  // The chunk for one line, or nullopt for a line that yields nothing. Throws OpenAIError for
+  // an error record and DecodingError for a line that is no record.
+  std::optional<StreamChunk> process(std::string_view line);
+
+ private:
+  LineRule rule_;
+  WireDecoder decoder_;
+  std::shared_ptr<ReplyBuffer> text_;
+};
+
+// Throws OpenAIError::apiError when `body` is an error body; returns when it is not one and
+// the status is 200; throws OpenAIError::httpError(status) otherwise (0 for a response that
+// is not HTTP).
+void checkErrorBody(std::string_view body, int status);
+
+// A double as the companion application prints it: shortest form, always with a fraction
+// ("1.0", "0.7").
+std::string formatDouble(double value);
+
+}  // namespace lumora

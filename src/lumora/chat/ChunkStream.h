@@ -1,0 +1,51 @@
+// The sequence of chunks that a streaming call returns.
+//
+// A producer (the reader of one response body) runs on a thread of its own and feeds an
+// unbounded queue, so the body is read as fast as the network gives it whatever the consumer
+// does. The consumer pulls with next(). Failures cross from the producer to the consumer as
+// exceptions: the next pull after the last chunk rethrows the producer's failure.
+//
+// When the consumer is gone (the stream is destroyed), the producer is asked to stop and its
+// transfer is aborted, so a reply that nobody reads stops costing the user tokens.
+//
+// Thread-safety: one consumer thread calls next(); the producer runs on its own thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stop_token>
+
+#include "lumora/chat/ChatMessage.h"
+
+namespace lumora {
+
+class ChunkStream {
+ public:
+  using Emit = std::function<void(StreamChunk)>;
+  // Produces the chunks: calls emit for each, returns at the end of the stream, throws on
+  // failure, and returns early when `stop` is requested.
+  using Producer = std::function<void(const Emit& emit, std::stop_token stop)>;
+
+  // Starts `producer` on its own thread.
+  static ChunkStream start(Producer producer);
+
+  // A stream that ends at once with no chunk.
+  static ChunkStream empty();
+
+  ChunkStream(ChunkStream&&) noexcept;
+  ChunkStream& operator=(ChunkStream&&) noexcept;
+  ~ChunkStream();
+
+  // The next chunk. Blocks until there is one. nullopt when the stream has ended, or when
+  // `stop` is requested: the iteration then ends at once and what was taken so far stands.
+  // Throws the producer's failure once every chunk before it has been taken.
+  std::optional<StreamChunk> next(std::stop_token stop = {});
+
+ private:
+  struct State;
+  explicit ChunkStream(std::shared_ptr<State> state);
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace lumora

@@ -1,0 +1,166 @@
+#include "lumora/chat/LLMClients.h"
+
+#include <initializer_list>
+#include <nlohmann/json.hpp>
+
+#include "lumora/chat/OpenAIClient.h"
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/Redact.h"
+#include "lumora/platform/Text.h"
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora {
+namespace {
+
+// A string setting trimmed, with blank counting as absent.
+std::optional<std::string> present(DefaultsStore& store, std::string_view key) {
+  const std::optional<std::string> value = store.string(key);
+  if (!value) return std::nullopt;
+  const std::string_view trimmed = text::trimmed(*value);
+  if (trimmed.empty()) return std::nullopt;
+  return std::string(trimmed);
+}
+
+std::vector<std::string> compatibleModels(DefaultsStore& store) {
+  const std::optional<std::string> text = store.string("openAICompatibleModels");
+  if (!text) return {};
+  const auto json = nlohmann::json::parse(*text, nullptr, false);
+  if (!json.is_array()) return {};
+  std::vector<std::string> models;
+  for (const auto& item : json) {
+    if (!item.is_string()) return {};
+    models.push_back(item.get<std::string>());
+  }
+  return models;
+}
+
+const Service* scan(const std::vector<Service>& services, std::initializer_list<std::string_view> ids) {
+  for (const Service& service : services) {
+    const std::string id = service.id();
+    for (std::string_view wanted : ids)
+      if (id == wanted) return &service;
+  }
+  return nullptr;
+}
+
+bool startsWithAny(std::string_view model, std::initializer_list<std::string_view> prefixes) {
+  for (std::string_view p : prefixes)
+    if (model.starts_with(p)) return true;
+  return false;
+}
+
+constexpr std::string_view kGroqModels[] = {"mixtral-8x7b-32768", "gemma-7b-it", "llama3-8b-8192",
+                                            "llama3-70b-8192"};
+
+bool isGroqModel(std::string_view model) {
+  for (std::string_view m : kGroqModels)
+    if (model == m) return true;
+  return false;
+}
+
+}  // namespace
+
+std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment) {
+  DefaultsStore& d = environment.sharedDefaults;
+  std::vector<Service> services;
+
+  auto endpoint = present(d, "azureEndPoint");
+  auto azureKey = present(d, "azureApiKey");
+  if (endpoint && azureKey) services.push_back(Azure{*endpoint, *azureKey});
+
+  auto apiKey = present(d, "apiKey");
+  if (auto domain = present(d, "customApiDomain")) {
+    services.push_back(CustomDomain{*domain, apiKey, d.boolean("customApiDomainSendKey")});
+  } else if (apiKey) {
+    services.push_back(OpenAiService{*apiKey});
+  }
+  if (auto key = present(d, "claudeApikey")) services.push_back(Claude{*key});
+  if (auto key = present(d, "geminiApiKey")) services.push_back(Gemini{*key});
+  if (auto key = present(d, "groqApiKey")) services.push_back(Groq{*key});
+  if (auto key = present(d, "openRouterApiKey")) services.push_back(OpenRouter{*key});
+  if (auto token = present(d, "cloudToken")) services.push_back(Cloud{*token});
+  if (auto url = present(d, "ollamaURL")) services.push_back(Ollama{*url});
+  if (auto key = present(d, "moonshotApiKey")) services.push_back(Moonshot{*key});
+  if (auto key = present(d, "mistralApiKey")) services.push_back(Mistral{*key});
+  if (auto endpointURL = present(d, "openAICompatibleEndpoint")) {
+    services.push_back(OpenAICompatible{*endpointURL, d.string("openAICompatiblePath").value_or(""),
+                                        d.string("openAICompatibleApiKey").value_or(""),
+                                        d.string("openAICompatibleHeader").value_or(""),
+                                        compatibleModels(d)});
+  }
+  if (auto key = present(d, "rekaApiKey")) services.push_back(Reka{*key});
+
+  std::string list;
+  for (const Service& s : services) {
+    for (const std::string& secret : s.credentials()) redact::registerSecret(secret);
+    list += (list.empty() ? "" : ", ") + s.description();
+  }
+  debug::line({"services", "[" + list + "]"});
+  return services;
+}
+
+bool LLMClients::supportsModel(const Service& service, std::string_view model) {
+  switch (service.value().index()) {
+    case 0:  // openai
+    case 1:  // customDomain
+    case 2:  // team
+      return OpenAIClient::isOpenAIModel(model);
+    case 3:  // cloud: any catalogue model, once the catalogue is here
+    case 4:  // azure: a catalogue model with a deployment, once the catalogue is here
+      return false;
+    case 5:
+      return model.starts_with("claude");
+    case 6:
+      return model.starts_with("gemini");
+    case 7:  // ollama
+    case 11:  // mistral
+      return false;
+    case 8:
+      return isGroqModel(model);
+    case 9:
+      return model.starts_with("moonshot");
+    case 10:
+      return startsWithAny(model, {"gpt", "gemini", "claude"});
+    case 12: {
+      const auto& compatible = *service.as<OpenAICompatible>();
+      if (compatible.models.empty()) return model.starts_with("gpt");
+      for (const std::string& m : compatible.models)
+        if (m == model) return true;
+      return false;
+    }
+    case 13:
+      return model.starts_with("reka");
+  }
+  return false;
+}
+
+Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
+  const Service* found = nullptr;
+  if (startsWithAny(model, {"tts", "whisper"})) found = scan(services, {"cloud", "openai"});
+  if (!found && model.starts_with("claude")) found = scan(services, {"claude", "openRouter", "cloud"});
+  if (!found && model.starts_with("gemini")) found = scan(services, {"gemini", "openRouter", "cloud"});
+  if (!found && model.starts_with("moonshot")) found = scan(services, {"moonshot"});
+  if (!found && model.starts_with("reka")) found = scan(services, {"reka"});
+  if (!found && startsWithAny(model, {"mistral", "open_mistral", "open_mixtral"}))
+    found = scan(services, {"mistral"});
+  if (!found && isGroqModel(model)) found = scan(services, {"groq"});
+  if (!found) {
+    for (const Service& s : services) {
+      if (supportsModel(s, model)) {
+        found = &s;
+        break;
+      }
+    }
+  }
+  if (found) return *found;
+  if (services.empty()) return OpenAiService{""};
+  if (const Service* s = scan(services, {"cloud", "openai"})) return *s;
+  return services.front();
+}
+
+std::unique_ptr<LLMClient> LLMClients::client(const Service& service,
+                                              const ChatEnvironment& environment) {
+  return std::make_unique<OpenAIClient>(service, environment);
+}
+
+}  // namespace lumora

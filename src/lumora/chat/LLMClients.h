@@ -1,0 +1,36 @@
+// From the settings to the client that answers: the ordered list of configured services, the
+// decision by model name, and the client of the chosen service.
+//
+// Stateless: the settings are read afresh on every call, so a key saved by the companion
+// application counts at the next generation.
+#pragma once
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "lumora/chat/ChatEnvironment.h"
+#include "lumora/chat/LLMClient.h"
+#include "lumora/chat/Service.h"
+
+namespace lumora {
+
+class LLMClients {
+ public:
+  // The configured services, in route order, from the shared settings. String settings are
+  // trimmed and a blank one counts as absent. Prints "services" and the list.
+  static std::vector<Service> loadServices(const ChatEnvironment& environment);
+
+  // The service that answers `model`. Never fails: with no service at all it is OpenAI with
+  // an empty key, and the server's rejection tells the user.
+  static Service service(std::string_view model, const std::vector<Service>& services);
+
+  // The client for `service`.
+  static std::unique_ptr<LLMClient> client(const Service& service,
+                                           const ChatEnvironment& environment);
+
+  // Whether the client of `service` answers for `model`.
+  static bool supportsModel(const Service& service, std::string_view model);
+};
+
+}  // namespace lumora

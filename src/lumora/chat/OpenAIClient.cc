@@ -1,0 +1,143 @@
+#include "lumora/chat/OpenAIClient.h"
+
+#include <nlohmann/json.hpp>
+
+#include "lumora/chat/Endpoints.h"
+#include "lumora/chat/Errors.h"
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/Text.h"
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora {
+namespace {
+
+std::string withoutCharacter(std::string_view s, char drop) {
+  std::string out;
+  for (char c : s)
+    if (c != drop) out += c;
+  return out;
+}
+
+Url parsedOrThrow(std::string_view text) {
+  auto url = Url::parse(text);
+  if (!url) throw OpenAIError::urlError();
+  return *url;
+}
+
+// "azureModels": model name to deployment name, in the stored order. A value that is not an
+// object of strings throughout counts as empty.
+std::vector<std::pair<std::string, std::string>> azureDeployments(DefaultsStore& shared) {
+  std::vector<std::pair<std::string, std::string>> out;
+  const std::optional<nlohmann::json> value = shared.value("azureModels");
+  if (!value || !value->is_object()) return out;
+  for (auto it = value->begin(); it != value->end(); ++it) {
+    if (!it.value().is_string()) return {};
+    out.emplace_back(it.key(), it.value().get<std::string>());
+  }
+  return out;
+}
+
+// Unsupported until their own clients exist in this build.
+[[noreturn]] void notAvailable(std::string_view service) {
+  throw AppError::unknown("The " + std::string(service) +
+                          " service is not supported by this version of Lumora yet.");
+}
+
+}  // namespace
+
+bool OpenAIClient::isOpenAIModel(std::string_view model) {
+  return model.starts_with("gpt") || model.starts_with("tts") || model.starts_with("whisper");
+}
+
+Url OpenAIClient::baseURL(std::string_view domain) {
+  if (domain.starts_with("https://") || domain.starts_with("http://")) return parsedOrThrow(domain);
+  return parsedOrThrow("https://" + std::string(domain));
+}
+
+Url OpenAIClient::openAIURL(std::string_view path) const {
+  const std::optional<std::string> stored = environment_.sharedDefaults.string("aiGateway");
+  const std::string_view gateway = stored ? text::trimmed(*stored) : std::string_view();
+  if (gateway.empty())
+    return parsedOrThrow(endpointBase(FixedEndpoint::openai)).appendingPath(path);
+  // The gateway's own path, then "openai", then the operation's path without its "/v1/".
+  const std::string_view shortened = path.size() > 4 ? path.substr(4) : std::string_view();
+  const Url base = baseURL(std::string(gateway) + "/");
+  const auto resolved = base.resolving("openai");
+  if (!resolved) throw OpenAIError::urlError();
+  return resolved->appendingPath(shortened);
+}
+
+Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
+                           std::optional<std::string_view> model) const {
+  const auto deployments = azureDeployments(environment_.sharedDefaults);
+  if (model && *model == "whisper") {
+    std::string deployment = "whisper";
+    for (const auto& [name, id] : deployments)
+      if (name == "whisper" && !id.empty()) deployment = id;
+    return parsedOrThrow(azure.endpoint)
+        .appendingPath("/openai/deployments/" + deployment + "/audio/transcriptions")
+        .withQueryItem("api-version", "2023-09-01-preview");
+  }
+  if (path == kChatPath) {
+    const std::string m = model ? withoutCharacter(*model, '.') : std::string();
+    const std::string wanted = withoutCharacter(m, ',');
+    std::optional<std::string> deployment;
+    for (const auto& [name, id] : deployments) {
+      if (id == wanted) {
+        deployment = id;
+        break;
+      }
+    }
+    if (!deployment) {
+      for (const auto& [name, id] : deployments)
+        if (name == m && !id.empty()) deployment = id;
+    }
+    return parsedOrThrow(azure.endpoint)
+        .appendingPath("/openai/deployments/" + deployment.value_or(m) + "/chat/completions")
+        .withQueryItem("api-version", "2023-05-15");
+  }
+  return parsedOrThrow(azure.endpoint + std::string(path));
+}
+
+Url OpenAIClient::serviceURL(std::string_view path, std::optional<std::string_view> model) const {
+  if (const auto* s = service_.as<CustomDomain>()) return baseURL(s->domain).appendingPath(path);
+  if (const auto* s = service_.as<Team>()) return baseURL(s->domain).appendingPath(path);
+  if (service_.as<Cloud>()) return parsedOrThrow(endpointBase(FixedEndpoint::cloud)).appendingPath(path);
+  if (const auto* s = service_.as<Azure>()) return azureURL(*s, path, model);
+  return openAIURL(path);
+}
+
+HttpHeaders OpenAIClient::authHeaders() const {
+  if (const auto* s = service_.as<OpenAiService>()) return {{"Authorization", "Bearer " + s->apiKey}};
+  if (const auto* s = service_.as<Cloud>()) return {{"Authorization", "Bearer " + s->token}};
+  if (const auto* s = service_.as<Team>()) return {{"Authorization", "Bearer " + s->token}};
+  if (const auto* s = service_.as<CustomDomain>()) {
+    if (s->sendKey && s->apiKey) return {{"Authorization", "Bearer " + *s->apiKey}};
+    return {};
+  }
+  if (const auto* s = service_.as<Azure>()) return {{"api-key", s->apiKey}};
+  return {};
+}
+
+HttpRequest OpenAIClient::chatRequest(const std::string& model,
+                                      const std::vector<ChatMessage>& messages,
+                                      double temperature) const {
+  return makeChatRequest(serviceURL(kChatPath, model).text(), authHeaders(), model, messages,
+                         temperature);
+}
+
+ChunkStream OpenAIClient::streamChat(const std::string& model,
+                                     const std::vector<ChatMessage>& messages, double temperature,
+                                     std::stop_token stop) {
+  debug::line({"[debug] streaming using", service_.description()});
+  const bool claudeModel = model.starts_with("claude-");
+  if (model.starts_with("gemini") && service_.as<Gemini>()) notAvailable("Gemini");
+  if (claudeModel && service_.as<Claude>()) notAvailable("Claude");
+  if (claudeModel && service_.as<Cloud>()) notAvailable("Claude (through the cloud)");
+  if (service_.as<Ollama>()) notAvailable("Ollama");
+  if (service_.as<Cloud>()) notAvailable("hosted cloud");
+  return sendChatRequest(environment_, serviceURL(kChatPath, model).text(), authHeaders(), model,
+                         messages, temperature, LineRule::openAI, stop);
+}
+
+}  // namespace lumora

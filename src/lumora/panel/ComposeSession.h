@@ -1,0 +1,49 @@
+// What the panel needs of the mail host: the compose session and the message being answered.
+// Each front-end implements these; the command builds them from a message file.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace lumora {
+
+// A message of the host.
+class Message {
+ public:
+  virtual ~Message() = default;
+  // The message's raw RFC 5322 bytes, if the host has them.
+  virtual std::optional<std::string> rawData() const = 0;
+};
+
+// One compose window.
+class ComposeSession {
+ public:
+  virtual ~ComposeSession() = default;
+  // The message being answered or forwarded; nullptr for a new mail.
+  virtual const Message* originalMessage() const = 0;
+};
+
+// A message whose bytes are known up front.
+class BytesMessage final : public Message {
+ public:
+  explicit BytesMessage(std::optional<std::string> bytes) : bytes_(std::move(bytes)) {}
+  std::optional<std::string> rawData() const override { return bytes_; }
+
+ private:
+  std::optional<std::string> bytes_;
+};
+
+// A compose session answering `message`, or a new mail when there is none.
+class SimpleComposeSession final : public ComposeSession {
+ public:
+  SimpleComposeSession() = default;
+  explicit SimpleComposeSession(std::optional<std::string> rawMessage)
+      : message_(std::move(rawMessage)), hasMessage_(true) {}
+  const Message* originalMessage() const override { return hasMessage_ ? &message_ : nullptr; }
+
+ private:
+  BytesMessage message_{std::nullopt};
+  bool hasMessage_ = false;
+};
+
+}  // namespace lumora

@@ -1,0 +1,222 @@
+#include "lumora/panel/MailExtensionView.h"
+
+#include "lumora/chat/ChunkStream.h"
+#include "lumora/chat/Errors.h"
+#include "lumora/chat/LLMClients.h"
+#include "lumora/platform/Text.h"
+#include "lumora/platform/Uuid.h"
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora {
+
+// One run: its cancellation and its worker.
+struct MailExtensionView::Task {
+  std::stop_source stop;
+  std::jthread worker;
+  std::atomic<bool> done{false};  // the worker has nothing left to do
+  bool ended = false;             // the run's last change is made (executor only)
+};
+
+bool MailExtensionView::latestRunEnded() const {
+  return generatingTask_ && generatingTask_->ended;
+}
+
+void MailExtensionView::finish(const std::shared_ptr<Task>& task) {
+  generating_ = false;
+  task->ended = true;
+  changed();
+}
+
+std::shared_ptr<MailExtensionView> MailExtensionView::make(Dependencies dependencies) {
+  return std::shared_ptr<MailExtensionView>(new MailExtensionView(std::move(dependencies)));
+}
+
+MailExtensionView::MailExtensionView(Dependencies dependencies) : deps_(std::move(dependencies)) {}
+
+MailExtensionView::~MailExtensionView() {
+  for (auto& task : tasks_) {
+    task->stop.request_stop();
+    if (task->worker.joinable()) task->worker.join();
+  }
+}
+
+std::string MailExtensionView::stored(std::string_view key, std::string_view fallback) const {
+  if (auto it = deps_.overrides.find(key); it != deps_.overrides.end()) return it->second;
+  return deps_.ownDefaults.string(key).value_or(std::string(fallback));
+}
+
+void MailExtensionView::store(std::string_view key, const std::string& value) {
+  if (auto it = deps_.overrides.find(key); it != deps_.overrides.end()) {
+    it->second = value;
+  } else {
+    deps_.ownDefaults.set(key, value);
+  }
+  changed();
+}
+
+std::string MailExtensionView::prompt() const { return stored(kPromptKey, kDefaultPrompt); }
+void MailExtensionView::setPrompt(const std::string& v) { store(kPromptKey, v); }
+std::string MailExtensionView::selectedModel() const { return stored(kSelectedModelKey, ""); }
+void MailExtensionView::setSelectedModel(const std::string& v) { store(kSelectedModelKey, v); }
+std::string MailExtensionView::selectedConversationId() const {
+  return stored(kSelectedConversationKey, "");
+}
+void MailExtensionView::setSelectedConversationId(const std::string& v) {
+  store(kSelectedConversationKey, v);
+}
+
+std::optional<ConversationPreset> MailExtensionView::selectedConversation() const {
+  const std::string wanted = selectedConversationId();
+  for (const ConversationPreset& c : conversations_)
+    if (c.id && *c.id == wanted) return c;
+  return std::nullopt;
+}
+
+void MailExtensionView::changed() {
+  if (observer_) observer_();
+}
+
+void MailExtensionView::panelDidAppear() {
+  if (selectedModel().empty()) setSelectedModel(deps_.defaultModel());
+  loadConversations();
+}
+
+void MailExtensionView::loadConversations() {
+  try {
+    conversations_ = deps_.conversations.fetchConversations();
+  } catch (...) {
+    errorMessage_ = describeFailure(std::current_exception());
+  }
+  changed();
+}
+
+void MailExtensionView::startGeneration() {
+  // Runs whose workers have finished are let go here, on the executor.
+  std::erase_if(tasks_, [](const std::shared_ptr<Task>& t) {
+    if (!t->done) return false;
+    if (t->worker.joinable()) t->worker.join();
+    return true;
+  });
+  auto task = std::make_shared<Task>();
+  tasks_.push_back(task);
+  generatingTask_ = task;
+  std::weak_ptr<MailExtensionView> weak = weak_from_this();
+  deps_.executor.post([weak, task] {
+    if (auto self = weak.lock()) self->generate(task);
+  });
+}
+
+void MailExtensionView::stopGeneration() {
+  if (generatingTask_) generatingTask_->stop.request_stop();
+}
+
+void MailExtensionView::leaveResult() {
+  if (generatingTask_) generatingTask_->stop.request_stop();
+  output_ = ReplyText();
+  changed();
+}
+
+void MailExtensionView::copyOutput() {
+  deps_.pasteboard.clearContents();
+  deps_.pasteboard.setString(output_.str());
+  copyAnimating_ = !copyAnimating_;
+  changed();
+}
+
+void MailExtensionView::fail(const std::shared_ptr<Task>& task, std::exception_ptr failure) {
+  generating_ = false;
+  task->ended = true;
+  try {
+    std::rethrow_exception(failure);
+  } catch (const CancellationError&) {
+    output_ = output_.appending(kCancelledText);
+  } catch (...) {
+    errorMessage_ = describeFailure(std::current_exception());
+  }
+  changed();
+}
+
+void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
+  std::vector<std::string> passages;
+  std::string model;
+  std::vector<ChatMessage> messages;
+  std::unique_ptr<LLMClient> client;
+  try {
+    // The message being answered. Bytes that are not UTF-8 count as no message at all.
+    if (const Message* original = deps_.session.originalMessage()) {
+      if (std::optional<std::string> raw = original->rawData(); raw && text::isValidUtf8(*raw))
+        passages = deps_.quotedTexts(*raw);
+    }
+
+    model = selectedModel();
+    const std::vector<Service> services = LLMClients::loadServices(deps_.environment);
+    // The client is fixed here, from the selected model, before a conversation can change
+    // the model name below.
+    const Service service = LLMClients::service(model, services);
+    client = LLMClients::client(service, deps_.environment);
+    if (deps_.onServiceChosen) deps_.onServiceChosen(service);
+
+    const std::string conversationId = selectedConversationId();
+    if (!passages.empty()) {
+      std::optional<std::string> system;
+      if (const auto wanted = uuid::canonical(conversationId); !wanted) {
+        system = prompt();  // none chosen, or not a UUID
+      } else {
+        for (const ConversationPreset& c : conversations_) {
+          if (!c.id || uuid::canonical(*c.id) != wanted) continue;
+          if (c.systemPrompt) {
+            system = c.systemPrompt;
+            if (c.model) model = *c.model;
+          }
+          break;
+        }
+      }
+      if (system) messages.push_back({"system", *system, std::nullopt});
+    } else {
+      const auto conversation = selectedConversation();
+      passages.push_back(conversation && conversation->systemPrompt ? *conversation->systemPrompt
+                                                                    : prompt());
+    }
+    std::string joined;
+    for (size_t i = 0; i < passages.size(); ++i) {
+      if (i > 0) joined += '\n';
+      joined += passages[i];
+    }
+    messages.push_back({"user", std::move(joined), std::nullopt});
+  } catch (...) {
+    fail(task, std::current_exception());
+    return;
+  }
+
+  generating_ = true;
+  changed();
+
+  std::weak_ptr<MailExtensionView> weak = weak_from_this();
+  MainExecutor& executor = deps_.executor;
+  // The worker never holds the panel: everything it does to the panel is posted.
+  task->worker = std::jthread([weak, &executor, task, client = std::move(client),
+                               model = std::move(model), messages = std::move(messages)] {
+    std::stop_token stop = task->stop.get_token();
+    try {
+      ChunkStream stream = client->streamChat(model, messages, kTemperature, stop);
+      while (std::optional<StreamChunk> chunk = stream.next(stop)) {
+        executor.post([weak, text = std::move(chunk->completed)] {
+          if (auto self = weak.lock()) {
+            self->output_ = text;
+            self->changed();
+          }
+        });
+      }
+      executor.post([weak, task] {
+        if (auto self = weak.lock()) self->finish(task);
+      });
+    } catch (...) {
+      executor.post([weak, task, failure = std::current_exception()] {
+        if (auto self = weak.lock()) self->fail(task, failure);
+      });
+    }
+    task->done = true;
+  });
+}
+
+}  // namespace lumora

@@ -1,0 +1,127 @@
+// The compose assistant: the panel's state and operations, without any user interface.
+//
+// It takes the message being answered, asks for its quoted passages, builds at most two chat
+// messages from them and an instruction, asks one client for a streamed answer and shows the
+// text as it grows. Front-ends draw its state and call its operations.
+//
+// Threading: every field is read and written on the main executor, and every operation must
+// be called there. A run's steps up to the request run on the executor too; the streaming call
+// and the chunk loop run on a worker thread that posts each change back. Observers are called
+// on the executor after each change.
+//
+// Lifetime: made with make() and held by shared_ptr. Destroying the panel stops its runs and
+// waits for their workers; the executor and everything in Dependencies must outlive it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lumora/chat/ChatEnvironment.h"
+#include "lumora/chat/ChatMessage.h"
+#include "lumora/chat/Service.h"
+#include "lumora/panel/ComposeSession.h"
+#include "lumora/panel/Conversations.h"
+#include "lumora/panel/Pasteboard.h"
+#include "lumora/platform/Executor.h"
+
+namespace lumora {
+
+class DefaultsStore;
+
+class MailExtensionView : public std::enable_shared_from_this<MailExtensionView> {
+ public:
+  static constexpr std::string_view kPromptKey = "mailDefaultPrompt";
+  static constexpr std::string_view kSelectedModelKey = "mailSelectedModel";
+  static constexpr std::string_view kSelectedConversationKey = "mailSelectedConversationId";
+  static constexpr std::string_view kDefaultPrompt = "You're my assistant, please reply this email";
+  // Appended to the reply when a run is cancelled before its stream exists.
+  static constexpr std::string_view kCancelledText = "已取消";
+  // The temperature of every run.
+  static constexpr double kTemperature = 1.0;
+
+  struct Dependencies {
+    MainExecutor& executor;
+    const ComposeSession& session;
+    DefaultsStore& ownDefaults;  // the three stored fields
+    ChatEnvironment environment;  // settings and transport for the clients
+    Pasteboard& pasteboard;
+    ConversationSource& conversations;
+    // The default model as the settings say now ("defaultModel").
+    std::function<std::string()> defaultModel;
+    // The quoted passages of a raw message; may throw, which fails the run.
+    std::function<std::vector<std::string>(const std::string&)> quotedTexts;
+    // Values that replace the stored fields for this panel only (keys as above): reads give
+    // them, writes change them in memory and never reach the store.
+    std::map<std::string, std::string, std::less<>> overrides;
+    // Told the service each run goes to, on the executor (the command's dry run shows it).
+    std::function<void(const Service&)> onServiceChosen;
+  };
+
+  static std::shared_ptr<MailExtensionView> make(Dependencies dependencies);
+  ~MailExtensionView();
+
+  // State.
+  const ReplyText& output() const { return output_; }
+  bool generating() const { return generating_; }
+  const std::string& errorMessage() const { return errorMessage_; }
+  const std::vector<ConversationPreset>& conversations() const { return conversations_; }
+  bool copyAnimating() const { return copyAnimating_; }
+  bool hasGeneratingTask() const { return generatingTask_ != nullptr; }
+  // True once the latest run has ended, whichever way: its last change has been made.
+  bool latestRunEnded() const;
+
+  // The stored fields: each read asks the store, each write goes to it at once.
+  std::string prompt() const;
+  void setPrompt(const std::string& value);
+  std::string selectedModel() const;
+  void setSelectedModel(const std::string& value);
+  std::string selectedConversationId() const;
+  void setSelectedConversationId(const std::string& value);
+
+  // True when there is text to show, or a run is under way: the result page.
+  bool showsResult() const { return !output_.empty() || generating_; }
+  // The conversation whose id equals selectedConversationId, compared as text.
+  std::optional<ConversationPreset> selectedConversation() const;
+
+  // Operations.
+  void panelDidAppear();
+  void loadConversations();
+  void startGeneration();
+  void stopGeneration();
+  void leaveResult();
+  void copyOutput();
+
+  // Called on the executor after every change of state.
+  void setObserver(std::function<void()> observer) { observer_ = std::move(observer); }
+
+ private:
+  struct Task;
+
+  explicit MailExtensionView(Dependencies dependencies);
+  std::string stored(std::string_view key, std::string_view fallback) const;
+  void store(std::string_view key, const std::string& value);
+  void generate(const std::shared_ptr<Task>& task);
+  void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
+  void finish(const std::shared_ptr<Task>& task);
+  void changed();
+
+  Dependencies deps_;
+  ReplyText output_;
+  bool generating_ = false;
+  std::shared_ptr<Task> generatingTask_;
+  std::string errorMessage_;
+  std::vector<ConversationPreset> conversations_;
+  bool copyAnimating_ = false;
+  std::function<void()> observer_;
+  std::vector<std::shared_ptr<Task>> tasks_;  // every run whose worker may still be going
+};
+
+}  // namespace lumora

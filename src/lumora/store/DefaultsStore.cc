@@ -1,0 +1,490 @@
+#include "lumora/store/DefaultsStore.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "lumora/platform/Errors.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace lumora {
+namespace {
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd& operator=(Fd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  ~Fd() { reset(); }
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// What identifies one version of the file without reading it.
+struct Stamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  time_t mtimeSeconds = 0;
+  long mtimeNanoseconds = 0;
+
+  static Stamp of(const struct stat& st) {
+    return {st.st_dev, st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+  }
+  bool operator==(const Stamp&) const = default;
+};
+
+std::string describeErrno(int error) { return std::system_category().message(error); }
+
+std::string fileText(const fs::path& file) { return "The settings file " + file.string(); }
+
+[[noreturn]] void throwSystem(const std::string& action, const fs::path& file, int error) {
+  throw FileError("Cannot " + action + " the settings file " + file.string() + ": " +
+                  describeErrno(error) + ".");
+}
+
+// nlohmann's parser keeps its own stack, but copying and serialising a value recurse once per
+// level, so a few MiB of '[' would exhaust the stack later on. Such text is refused before it
+// is parsed. Only brackets outside strings count; syntax is left to the parser.
+bool nestsTooDeep(std::string_view text) {
+  int depth = 0;
+  bool inString = false;
+  bool escaped = false;
+  for (char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > DefaultsStore::kMaxDepth) return true;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+bool isBlank(std::string_view text) {
+  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
+// The position of a parse error as a person would look for it. The parser's own message is not
+// used: it quotes the text around the error, which may be a credential.
+std::string position(std::string_view text, size_t byte) {
+  const size_t end = std::min(byte > 0 ? byte - 1 : 0, text.size());
+  size_t line = 1;
+  size_t lineStart = 0;
+  for (size_t i = 0; i < end; ++i) {
+    if (text[i] == '\n') {
+      ++line;
+      lineStart = i + 1;
+    }
+  }
+  return "line " + std::to_string(line) + ", column " + std::to_string(end - lineStart + 1);
+}
+
+std::string readBounded(int fd, const fs::path& file) {
+  std::string text;
+  char buffer[1 << 16];
+  while (true) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throwSystem("read", file, errno);
+    }
+    if (n == 0) return text;
+    if (text.size() + static_cast<size_t>(n) > DefaultsStore::kMaxFileSize) {
+      throw FileError(fileText(file) + " is larger than 16 MiB.");
+    }
+    text.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+// The object held by `text`, or the reason why there is none.
+std::pair<std::shared_ptr<const json>, std::string> parseSuite(const std::string& text,
+                                                               const fs::path& file) {
+  if (isBlank(text)) return {nullptr, fileText(file) + " is empty, not a JSON object."};
+  if (nestsTooDeep(text)) {
+    return {nullptr, fileText(file) + " nests values deeper than " +
+                         std::to_string(DefaultsStore::kMaxDepth) + " levels."};
+  }
+  json parsed;
+  try {
+    parsed = json::parse(text);
+  } catch (const json::parse_error& e) {
+    return {nullptr, fileText(file) + " is not valid JSON (" + position(text, e.byte) + ")."};
+  }
+  if (!parsed.is_object()) {
+    return {nullptr, fileText(file) + " holds a JSON " + parsed.type_name() + ", not an object."};
+  }
+  return {std::make_shared<const json>(std::move(parsed)), ""};
+}
+
+}  // namespace
+
+// One version of the file as read. The descriptor of that version stays open while it is
+// cached: as long as it is, the kernel cannot hand its inode number to a new file, so a file
+// replaced by rename always differs in its stamp even within one tick of the file clock.
+struct DefaultsStore::Snapshot {
+  Stamp stamp;
+  Fd held;
+  std::shared_ptr<const json> object;  // null when the file is missing or bad
+  std::string error;                   // why the file is bad; empty otherwise
+
+  // The file at `file` as it is now. Content that is not a suite is reported in `error`;
+  // failures to read at all throw.
+  static std::unique_ptr<Snapshot> load(const fs::path& file) {
+    auto snapshot = std::make_unique<Snapshot>();
+    // O_NONBLOCK so that a FIFO put in the file's place cannot stall the open.
+    Fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd) {
+      if (errno == ENOENT) return snapshot;
+      throwSystem("open", file, errno);
+    }
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0) throwSystem("read", file, errno);
+    snapshot->stamp = Stamp::of(st);
+    if (!S_ISREG(st.st_mode)) {
+      snapshot->error = fileText(file) + " is not a regular file.";
+    } else if (static_cast<uintmax_t>(st.st_size) > kMaxFileSize) {
+      snapshot->error = fileText(file) + " is larger than 16 MiB.";
+    } else {
+      try {
+        std::tie(snapshot->object, snapshot->error) = parseSuite(readBounded(fd.get(), file), file);
+      } catch (const FileError& e) {
+        snapshot->error = e.what();  // grew past the bound while being read
+      }
+    }
+    snapshot->held = std::move(fd);
+    return snapshot;
+  }
+
+  bool missing() const { return !held; }
+};
+
+DefaultsStore::DefaultsStore(std::filesystem::path file) : path_(std::move(file)) {}
+
+DefaultsStore::~DefaultsStore() = default;
+
+std::shared_ptr<const json> DefaultsStore::current() const {
+  static const auto empty = std::make_shared<const json>(json::object());
+  std::lock_guard lock(mutex_);
+  struct stat st;
+  if (::stat(path_.c_str(), &st) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) throwSystem("read", path_, errno);
+    cache_.reset();
+    return empty;
+  }
+  if (!cache_ || cache_->missing() || cache_->stamp != Stamp::of(st)) {
+    cache_ = Snapshot::load(path_);
+  }
+  if (!cache_->error.empty()) throw FileError(cache_->error);
+  return cache_->object ? cache_->object : empty;
+}
+
+std::optional<json> DefaultsStore::value(std::string_view key) const {
+  const auto object = current();
+  const auto it = object->find(key);
+  if (it == object->end()) return std::nullopt;
+  return *it;
+}
+
+std::optional<std::string> DefaultsStore::string(std::string_view key) const {
+  const auto v = value(key);
+  return v ? defaults::asString(*v) : std::nullopt;
+}
+
+bool DefaultsStore::boolean(std::string_view key) const {
+  const auto v = value(key);
+  return v ? defaults::asBool(*v).value_or(false) : false;
+}
+
+std::optional<int64_t> DefaultsStore::integer(std::string_view key) const {
+  const auto v = value(key);
+  return v ? defaults::asInteger(*v) : std::nullopt;
+}
+
+std::optional<double> DefaultsStore::number(std::string_view key) const {
+  const auto v = value(key);
+  return v ? defaults::asNumber(*v) : std::nullopt;
+}
+
+json DefaultsStore::all() const { return *current(); }
+
+void DefaultsStore::set(std::string_view key, const json& value) { change(key, &value); }
+
+void DefaultsStore::remove(std::string_view key) { change(key, nullptr); }
+
+namespace {
+
+// Creates the missing directories of `directory`, each 0700.
+void makeDirectories(const fs::path& directory) {
+  std::error_code ec;
+  if (directory.empty() || fs::is_directory(directory, ec)) return;
+  makeDirectories(directory.parent_path());
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw FileError("Cannot create the settings directory " + directory.string() + ": " +
+                    describeErrno(errno) + ".");
+  }
+}
+
+// The file a write replaces: a symbolic link (settings kept with other dotfiles) is followed,
+// so that the link survives the rename.
+fs::path writeTarget(const fs::path& file) {
+  std::error_code ec;
+  if (!fs::is_symlink(file, ec)) return file;
+  fs::path target = fs::canonical(file, ec);
+  return ec ? file : target;
+}
+
+Fd lockSuite(const fs::path& file) {
+  const fs::path lockPath = file.string() + ".lock";
+  Fd fd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd) throwSystem("lock", file, errno);
+  while (::flock(fd.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) throwSystem("lock", file, errno);
+  }
+  return fd;  // closing it releases the lock
+}
+
+void writeAll(int fd, std::string_view text, const fs::path& file) {
+  while (!text.empty()) {
+    const ssize_t n = ::write(fd, text.data(), text.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throwSystem("write", file, errno);
+    }
+    text.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
+}  // namespace
+
+void DefaultsStore::change(std::string_view key, const json* value) {
+  if (value) {
+    try {
+      (void)value->dump();
+    } catch (const json::type_error&) {
+      throw DecodingError("The value for \"" + std::string(key) + "\" is not valid UTF-8.");
+    }
+  }
+  const fs::path target = writeTarget(path_);
+  makeDirectories(target.parent_path());
+  const Fd lock = lockSuite(target);
+
+  // Under the lock, the file on disk is the truth: what this process cached may be stale.
+  std::unique_ptr<Snapshot> now = Snapshot::load(target);
+  if (!now->error.empty()) throw FileError(now->error + " It was left unchanged.");
+  json object = now->object ? *now->object : json::object();
+  const auto it = object.find(key);
+  if (value) {
+    if (it != object.end() && *it == *value) return;
+    object[std::string(key)] = *value;
+  } else {
+    if (it == object.end()) return;
+    object.erase(it);
+  }
+  const std::string text = object.dump(2) + "\n";
+
+  const fs::path directory = target.parent_path();
+  std::string temporary = (directory / ("." + target.filename().string() + ".XXXXXX")).string();
+  Fd out(::mkstemp(temporary.data()));
+  if (!out) throwSystem("write", target, errno);
+  auto snapshot = std::make_unique<Snapshot>();
+  try {
+    if (::fchmod(out.get(), 0600) != 0) throwSystem("write", target, errno);
+    writeAll(out.get(), text, target);
+    if (::fsync(out.get()) != 0) throwSystem("write", target, errno);
+    struct stat st;
+    if (::fstat(out.get(), &st) != 0) throwSystem("write", target, errno);
+    snapshot->stamp = Stamp::of(st);
+    if (::rename(temporary.c_str(), target.c_str()) != 0) throwSystem("replace", target, errno);
+  } catch (...) {
+    ::unlink(temporary.c_str());
+    throw;
+  }
+  // The rename is durable only once the directory entry is; a failure here loses nothing that
+  // readers could see, so it is not reported.
+  if (Fd dir(::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      dir) {
+    ::fsync(dir.get());
+  }
+
+  snapshot->held = std::move(out);
+  snapshot->object = std::make_shared<const json>(std::move(object));
+  // path_ may be a link to `target`; its stat() follows the link to this very inode.
+  std::lock_guard guard(mutex_);
+  cache_ = std::move(snapshot);
+}
+
+namespace defaults {
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+  const size_t start = text.find_first_not_of(" \t\r\n");
+  if (start == std::string_view::npos) return {};
+  return text.substr(start, text.find_last_not_of(" \t\r\n") - start + 1);
+}
+
+// A string that is wholly a number: an integer when it has the form of one, else a double.
+std::optional<json> numberInText(std::string_view text) {
+  text = trimmed(text);
+  if (text.empty()) return std::nullopt;
+  const char* first = text.data();
+  const char* last = first + text.size();
+  if (*first == '+') ++first;
+  int64_t integer = 0;
+  if (auto [end, error] = std::from_chars(first, last, integer);
+      error == std::errc() && end == last) {
+    return json(integer);
+  }
+  double real = 0;
+  if (auto [end, error] = std::from_chars(first, last, real);
+      error == std::errc() && end == last && std::isfinite(real)) {
+    return json(real);
+  }
+  return std::nullopt;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return (x >= 'A' && x <= 'Z' ? x + 32 : x) == y;
+         });
+}
+
+}  // namespace
+
+std::optional<std::string> asString(const json& value) {
+  switch (value.type()) {
+    case json::value_t::string:
+      return value.get<std::string>();
+    case json::value_t::boolean:
+      return value.get<bool>() ? "true" : "false";
+    case json::value_t::number_integer:
+    case json::value_t::number_unsigned:
+    case json::value_t::number_float:
+      return value.dump();
+    case json::value_t::null:
+    case json::value_t::object:
+    case json::value_t::array:
+    case json::value_t::binary:
+    case json::value_t::discarded:
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::optional<bool> asBool(const json& value) {
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number()) return value.get<double>() != 0;
+  if (!value.is_string()) return std::nullopt;
+  const std::string_view text = trimmed(value.get_ref<const std::string&>());
+  if (equalsIgnoringCase(text, "true") || equalsIgnoringCase(text, "yes")) return true;
+  if (equalsIgnoringCase(text, "false") || equalsIgnoringCase(text, "no")) return false;
+  if (const auto number = numberInText(text)) return asBool(*number);
+  return std::nullopt;
+}
+
+std::optional<int64_t> asInteger(const json& value) {
+  if (value.is_number_integer() && !value.is_number_unsigned()) return value.get<int64_t>();
+  if (value.is_number_unsigned()) {
+    const uint64_t u = value.get<uint64_t>();
+    if (u > static_cast<uint64_t>(INT64_MAX)) return std::nullopt;
+    return static_cast<int64_t>(u);
+  }
+  if (value.is_number_float()) {
+    const double d = std::trunc(value.get<double>());
+    // 2^63 itself is out of range; every double below it converts exactly.
+    if (!std::isfinite(d) || d < -9223372036854775808.0 || d >= 9223372036854775808.0) {
+      return std::nullopt;
+    }
+    return static_cast<int64_t>(d);
+  }
+  if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
+  if (value.is_string()) {
+    if (const auto number = numberInText(value.get_ref<const std::string&>())) {
+      return asInteger(*number);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<double> asNumber(const json& value) {
+  if (value.is_number()) return value.get<double>();
+  if (value.is_boolean()) return value.get<bool>() ? 1.0 : 0.0;
+  if (value.is_string()) {
+    if (const auto number = numberInText(value.get_ref<const std::string&>())) {
+      return number->get<double>();
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace defaults
+
+std::filesystem::path configDirectory() {
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");
+  // The XDG rules ignore a relative value, so a stray one cannot move the settings around.
+  if (xdg && xdg[0] == '/') return fs::path(xdg) / "lumora";
+  std::string home;
+  if (const char* env = std::getenv("HOME"); env && env[0] != '\0') {
+    home = env;
+  } else {
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+        found->pw_dir) {
+      home = found->pw_dir;
+    }
+  }
+  if (home.empty()) {
+    throw FileError("Cannot find the home directory for the settings: set HOME or XDG_CONFIG_HOME.");
+  }
+  return fs::path(home) / ".config" / "lumora";
+}
+
+DefaultsStore& sharedDefaults() {
+  static DefaultsStore store(configDirectory() / (std::string(kSharedSuiteName) + ".json"));
+  return store;
+}
+
+DefaultsStore& ownDefaults() {
+  static DefaultsStore store(configDirectory() / (std::string(kOwnDomainName) + ".json"));
+  return store;
+}
+
+}  // namespace lumora

@@ -1,0 +1,239 @@
+#include "lumora/store/SettingsKeys.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "lumora/platform/Errors.h"
+
+using nlohmann::json;
+
+namespace lumora {
+namespace {
+
+constexpr SettingStore kShared = SettingStore::shared;
+constexpr SettingStore kOwn = SettingStore::own;
+constexpr SettingType kString = SettingType::string;
+constexpr SettingType kBool = SettingType::boolean;
+constexpr SettingType kInteger = SettingType::integer;
+constexpr SettingType kNumber = SettingType::number;
+
+constexpr SettingKey plain(std::string_view key, SettingStore store, SettingType type,
+                           std::string_view defaultText) {
+  return {key, store, type, defaultText, {}, false};
+}
+
+// A credential or endpoint of the companion's service list: a string, empty by default.
+constexpr SettingKey endpoint(std::string_view key) { return plain(key, kShared, kString, ""); }
+constexpr SettingKey credential(std::string_view key) {
+  return {key, kShared, kString, "", {}, true};
+}
+// A validity flag the companion keeps after checking a service's credentials.
+constexpr SettingKey validity(std::string_view key) { return plain(key, kShared, kBool, "false"); }
+
+constexpr SettingKey kKeys[] = {
+    plain("fontSize", kOwn, kInteger, "14"),
+    plain("whisperLanguage", kShared, kString, ""),
+    {"defaultModel", kShared, kString, "gpt-3.5-turbo", "ERNIE-Bot", false},
+    plain("defaultSpeechVoice", kShared, kString, ""),
+    plain("defaultContextMessages", kOwn, kInteger, "4"),
+    plain("renderMarkdown", kOwn, kBool, "true"),
+    plain("conversationAutoFocus", kOwn, kBool, "true"),
+    plain("useDoH", kOwn, kBool, "true"),
+    plain("hapticFeedback", kOwn, kBool, "true"),
+    plain("dohServer", kOwn, kString, "aliyun"),
+    plain("httpsProxyUrl", kShared, kString, ""),
+    plain("temperature", kOwn, kNumber, "1.0"),
+    plain("showDollar", kOwn, kBool, "true"),
+    credential("apiKey"),
+    credential("cloudToken"),
+    endpoint("customApiDomain"),
+    plain("customApiDomainSendKey", kShared, kBool, "false"),
+    plain("aiGateway", kShared, kString, ""),
+    endpoint("azureEndPoint"),
+    credential("azureApiKey"),
+    credential("claudeApikey"),
+    credential("geminiApiKey"),
+    credential("groqApiKey"),
+    plain("keyboardAutoSwitch", kShared, kBool, "true"),
+    plain("keyboardSaveMessage", kShared, kBool, "true"),
+    plain("keyboardReplaceInputPrompt", kShared, kBool, "false"),
+    plain("keyboardClearPasteboard", kShared, kBool, "false"),
+    plain("autoCompleteShortcutKey", kShared, kString, "shiftEnter"),
+    plain("autoCompleteServiceEnabled", kShared, kBool, "false"),
+    plain("saveMessagesInConversation", kShared, kBool, "false"),
+    plain("hideDockIconAfterLastScreen", kShared, kBool, "false"),
+    endpoint("ollamaURL"),
+    credential("moonshotApiKey"),
+    credential("openRouterApiKey"),
+    credential("mistralApiKey"),
+    endpoint("openAICompatibleEndpoint"),
+    endpoint("openAICompatiblePath"),
+    endpoint("openAICompatibleHeader"),
+    credential("openAICompatibleApiKey"),
+    plain("openAICompatibleModels", kShared, SettingType::stringList, "[]"),
+    credential("rekaApiKey"),
+    validity("isOpenAiValid"),
+    validity("isAzureValid"),
+    validity("isClaudeValid"),
+    validity("isGeminiValid"),
+    validity("isGroqValid"),
+    validity("isAzureTTSValid"),
+    validity("isOllamaValid"),
+    validity("isMoonshotValid"),
+    validity("isOpenRouterValid"),
+    validity("isMistralValid"),
+    validity("isOpenAICompatibleValid"),
+    validity("isRekaValid"),
+    // Read directly by their users rather than through a field of UserSettings.
+    plain("azureModels", kShared, SettingType::dictionary, "{}"),
+    plain("mailDefaultPrompt", kOwn, kString, "You're my assistant, please reply this email"),
+    plain("mailSelectedModel", kOwn, kString, ""),
+    plain("mailSelectedConversationId", kOwn, kString, ""),
+};
+
+bool isStringList(const json& value) {
+  return value.is_array() &&
+         std::all_of(value.begin(), value.end(), [](const json& v) { return v.is_string(); });
+}
+
+bool isStringDictionary(const json& value) {
+  return value.is_object() &&
+         std::all_of(value.begin(), value.end(), [](const json& v) { return v.is_string(); });
+}
+
+}  // namespace
+
+std::optional<json> decodeSetting(const SettingKey& entry, const json& stored) {
+  switch (entry.type) {
+    case SettingType::string:
+      if (auto text = defaults::asString(stored)) return json(std::move(*text));
+      return std::nullopt;
+    case SettingType::boolean:
+      if (auto flag = defaults::asBool(stored)) return json(*flag);
+      return std::nullopt;
+    case SettingType::integer:
+      if (auto integer = defaults::asInteger(stored)) return json(*integer);
+      return std::nullopt;
+    case SettingType::number:
+      if (auto number = defaults::asNumber(stored)) return json(*number);
+      return std::nullopt;
+    case SettingType::dictionary:
+      if (isStringDictionary(stored)) return stored;
+      return std::nullopt;
+    case SettingType::stringList: {
+      if (!stored.is_string()) return std::nullopt;
+      json list = json::parse(stored.get_ref<const std::string&>(), nullptr, false);
+      if (isStringList(list)) return list;
+      return std::nullopt;
+    }
+  }
+  return std::nullopt;
+}
+
+namespace {
+
+[[noreturn]] void refuse(const SettingKey& entry) {
+  throw DecodingError("The setting \"" + std::string(entry.key) + "\" takes " +
+                      std::string(describeSettingType(entry.type)) + ".");
+}
+
+bool isUtf8(std::string_view text) {
+  try {
+    (void)json(std::string(text)).dump();
+    return true;
+  } catch (const json::type_error&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::span<const SettingKey> settingKeys() { return kKeys; }
+
+const SettingKey* findSettingKey(std::string_view key) {
+  for (const SettingKey& entry : kKeys) {
+    if (entry.key == key) return &entry;
+  }
+  return nullptr;
+}
+
+std::string_view describeSettingType(SettingType type) {
+  switch (type) {
+    case SettingType::string:
+      return "text in UTF-8";
+    case SettingType::boolean:
+      return "true or false";
+    case SettingType::integer:
+      return "a whole number, such as 14";
+    case SettingType::number:
+      return "a number, such as 0.7";
+    case SettingType::dictionary:
+      return "a JSON object of strings, such as {\"gpt-4\": \"my-deployment\"}";
+    case SettingType::stringList:
+      return "a JSON list of strings, such as [\"llama3\", \"mixtral\"]";
+  }
+  return "";
+}
+
+json parseSettingText(const SettingKey& entry, std::string_view text) {
+  const char* first = text.data();
+  const char* last = first + text.size();
+  switch (entry.type) {
+    case SettingType::string:
+      if (!isUtf8(text)) refuse(entry);
+      return json(std::string(text));
+    case SettingType::boolean:
+      if (text == "true") return json(true);
+      if (text == "false") return json(false);
+      refuse(entry);
+    case SettingType::integer: {
+      int64_t integer = 0;
+      auto [end, error] = std::from_chars(first, last, integer);
+      if (text.empty() || error != std::errc() || end != last) refuse(entry);
+      return json(integer);
+    }
+    case SettingType::number: {
+      double number = 0;
+      auto [end, error] = std::from_chars(first, last, number);
+      if (text.empty() || error != std::errc() || end != last || !std::isfinite(number)) {
+        refuse(entry);
+      }
+      return json(number);
+    }
+    case SettingType::dictionary: {
+      json object = json::parse(text, nullptr, false);
+      if (!isStringDictionary(object)) refuse(entry);
+      return object;
+    }
+    case SettingType::stringList:
+      if (!isStringList(json::parse(text, nullptr, false))) refuse(entry);
+      return json(std::string(text));
+  }
+  refuse(entry);
+}
+
+json settingDefault(const SettingKey& entry, bool inChina) {
+  const std::string_view text =
+      inChina && !entry.chinaDefaultText.empty() ? entry.chinaDefaultText : entry.defaultText;
+  // The table's own defaults always decode; the registry test holds every entry to that.
+  return decodeSetting(entry, parseSettingText(entry, text)).value_or(json());
+}
+
+json readSetting(const SettingKey& entry, const std::optional<json>& stored, bool inChina) {
+  if (stored) {
+    if (auto value = decodeSetting(entry, *stored)) return std::move(*value);
+  }
+  return settingDefault(entry, inChina);
+}
+
+json storedSetting(const SettingKey& entry, const json& value) {
+  if (entry.type != SettingType::stringList) return value;
+  try {
+    return json(value.dump());
+  } catch (const json::type_error&) {
+    return json("[]");
+  }
+}
+
+}  // namespace lumora

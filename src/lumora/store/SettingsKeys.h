@@ -1,0 +1,86 @@
+// The registry of every settings key: its store, its type, its default and whether its value is
+// a credential. The keys and value forms are a contract with data that other programs write,
+// so this table is the only place where they are spelled; UserSettings and the `settings`
+// command both work from it.
+//
+// Values come in three forms:
+//  - text: what a user types on the command line ("true", "14", "0.7", "{...}", plain text);
+//  - stored: the JSON value in the suite's file (a list of strings is stored as its JSON text);
+//  - read: what a reader gets, one JSON shape per type (see SettingType).
+// Pure functions over constant data; thread-safe.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora {
+
+enum class SettingStore {
+  shared,  // the suite shared with the companion application
+  own,     // the command's own domain
+};
+
+// The type of a key, with the JSON shape of its read form.
+enum class SettingType {
+  string,      // string
+  boolean,     // bool
+  integer,     // integer
+  number,      // double
+  dictionary,  // object whose values are all strings
+  stringList,  // array of strings; stored as the JSON text of that array
+};
+
+struct SettingKey {
+  std::string_view key;
+  SettingStore store;
+  SettingType type;
+  std::string_view defaultText;       // the default in text form
+  std::string_view chinaDefaultText;  // the default for users in China; empty: defaultText
+  bool credential = false;            // shown masked, never in clear
+};
+
+// Every key: the fields of UserSettings in their order, then the keys that their readers read
+// directly ("azureModels" and the panel's three "mail..." keys).
+std::span<const SettingKey> settingKeys();
+
+// The entry of `key` (exact, case-sensitive), or null.
+const SettingKey* findSettingKey(std::string_view key);
+
+inline DefaultsStore& storeOf(const SettingKey& entry, DefaultsStore& shared, DefaultsStore& own) {
+  return entry.store == SettingStore::shared ? shared : own;
+}
+
+// The read form of the default. `inChina` picks chinaDefaultText where there is one.
+nlohmann::json settingDefault(const SettingKey& entry, bool inChina);
+
+// The read form of `stored`: coerced to the key's type as DefaultsStore's lenient reads do;
+// nullopt when it does not fit (a dictionary with a non-string value, list text that is not a
+// JSON list of strings, an array where a string is wanted).
+std::optional<nlohmann::json> decodeSetting(const SettingKey& entry, const nlohmann::json& stored);
+
+// What a reader gets for `stored` (nullopt: the key is absent): decodeSetting(stored), or the
+// default when the key is absent or its value does not fit.
+nlohmann::json readSetting(const SettingKey& entry, const std::optional<nlohmann::json>& stored,
+                           bool inChina);
+
+// The stored form of `value`, a value in read form. A list is encoded as JSON text, "[]" when it
+// cannot be encoded (text that is not UTF-8).
+nlohmann::json storedSetting(const SettingKey& entry, const nlohmann::json& value);
+
+// The stored form of `text` typed for `entry`: bools "true" or "false"; integers in decimal;
+// numbers in decimal or exponent form, finite; a dictionary as a JSON object of strings; a list
+// as the JSON text of a list of strings, stored exactly as given; strings as they are, in UTF-8.
+// DecodingError saying what the key takes when `text` is not such a value; the text itself is
+// not repeated in the error, since it may be a credential.
+nlohmann::json parseSettingText(const SettingKey& entry, std::string_view text);
+
+// "true or false", "a whole number", ...: what a key of `type` takes, for messages and help.
+std::string_view describeSettingType(SettingType type);
+
+}  // namespace lumora

@@ -1,0 +1,32 @@
+#include "lumora/store/UserSettings.h"
+
+#include "lumora/platform/Redact.h"
+#include "lumora/store/Features.h"
+
+namespace lumora {
+
+namespace detail {
+
+void noteCredentialRead(const SettingKey& entry, const nlohmann::json& value) {
+  if (entry.credential && value.is_string()) redact::registerSecret(value.get<std::string>());
+}
+
+SettingBinding SettingBinder::bind(std::string_view key) const {
+  const SettingKey* entry = findSettingKey(key);
+  if (!entry) throw std::logic_error("unknown setting \"" + std::string(key) + "\"");
+  return {entry, &storeOf(*entry, shared_, own_), inChina_};
+}
+
+}  // namespace detail
+
+UserSettings& UserSettings::shared() {
+  // The region flag is read here, once; the stores come first, as the fields need them.
+  static UserSettings instance = [] {
+    DefaultsStore& shared = sharedDefaults();
+    DefaultsStore& own = ownDefaults();
+    return UserSettings(shared, own, Features::shared().inChina());
+  }();
+  return instance;
+}
+
+}  // namespace lumora

@@ -1,0 +1,202 @@
+// The user's preferences as typed fields, one per key of the registry (SettingsKeys.h).
+//
+// A field is a thin handle on its store: every get() asks the store at that moment and gives the
+// field's default when the key is absent or its value does not fit the type, every set() writes
+// to the store at once. Nothing is cached here, so a value saved by another process is seen at
+// the next read without any notice or refresh. Defaults are never written: a key never set stays
+// absent for readers that read the store directly.
+//
+// Thread-safe as the stores are: any thread may read and write. get() throws FileError when the
+// store's file exists but is not a settings file (see DefaultsStore); set() and unset() throw
+// FileError for that and for failures of the file system.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "lumora/store/DefaultsStore.h"
+#include "lumora/store/SettingsKeys.h"
+
+namespace lumora {
+
+// Which store a field lives in and the default it reads as, fixed when the field is made.
+struct SettingBinding {
+  const SettingKey* entry;
+  DefaultsStore* store;
+  bool inChina;
+};
+
+namespace detail {
+template <typename T>
+constexpr SettingType settingTypeOf();
+template <>
+constexpr SettingType settingTypeOf<std::string>() { return SettingType::string; }
+template <>
+constexpr SettingType settingTypeOf<bool>() { return SettingType::boolean; }
+template <>
+constexpr SettingType settingTypeOf<int64_t>() { return SettingType::integer; }
+template <>
+constexpr SettingType settingTypeOf<double>() { return SettingType::number; }
+template <>
+constexpr SettingType settingTypeOf<std::vector<std::string>>() { return SettingType::stringList; }
+template <>
+constexpr SettingType settingTypeOf<std::map<std::string, std::string>>() {
+  return SettingType::dictionary;
+}
+
+// Records a credential that has been read, so that it is scrubbed from every output.
+void noteCredentialRead(const SettingKey& entry, const nlohmann::json& value);
+}  // namespace detail
+
+// One typed key. T is std::string, bool, int64_t, double, std::vector<std::string> (stored as
+// JSON text) or std::map<std::string, std::string>, and must match the key's registered type.
+template <typename T>
+class Setting {
+ public:
+  // std::logic_error when T does not match the key's type: a programming error.
+  Setting(SettingBinding binding)  // NOLINT(google-explicit-constructor): fields are bound inline
+      : entry_(binding.entry),
+        store_(binding.store),
+        default_(settingDefault(*entry_, binding.inChina)) {
+    if (entry_->type != detail::settingTypeOf<T>()) {
+      throw std::logic_error("setting \"" + std::string(entry_->key) + "\" has another type");
+    }
+  }
+
+  std::string_view key() const { return entry_->key; }
+  const SettingKey& entry() const { return *entry_; }
+  DefaultsStore& store() const { return *store_; }
+  T defaultValue() const { return default_.get<T>(); }
+
+  T get() const {
+    const auto stored = store_->value(entry_->key);
+    if (stored) {
+      if (auto value = decodeSetting(*entry_, *stored)) {
+        if (entry_->credential) detail::noteCredentialRead(*entry_, *value);
+        return value->template get<T>();
+      }
+    }
+    return defaultValue();
+  }
+
+  // A list that cannot be encoded (text not in UTF-8) is stored as "[]"; other text not in UTF-8
+  // throws DecodingError and writes nothing.
+  void set(const T& value) { store_->set(entry_->key, storedSetting(*entry_, nlohmann::json(value))); }
+
+  // Removes the key: readers see the default again.
+  void unset() { store_->remove(entry_->key); }
+
+ private:
+  const SettingKey* entry_;
+  DefaultsStore* store_;
+  nlohmann::json default_;
+};
+
+using StringSetting = Setting<std::string>;
+using BoolSetting = Setting<bool>;
+using IntegerSetting = Setting<int64_t>;
+using DoubleSetting = Setting<double>;
+
+namespace detail {
+// Holds what the fields of UserSettings are bound to. A base class, so that it is initialised
+// before the fields that name it in their initialisers.
+class SettingBinder {
+ protected:
+  SettingBinder(DefaultsStore& shared, DefaultsStore& own, bool inChina)
+      : shared_(shared), own_(own), inChina_(inChina) {}
+  // std::logic_error for a key that the registry does not know.
+  SettingBinding bind(std::string_view key) const;
+
+ private:
+  DefaultsStore& shared_;
+  DefaultsStore& own_;
+  bool inChina_;
+};
+}  // namespace detail
+
+class UserSettings : private detail::SettingBinder {
+ public:
+  // Fields over `shared` and `own`, which must outlive this object. `inChina` chooses the
+  // default of defaultModel, once: later changes of the region flag do not move it.
+  UserSettings(DefaultsStore& shared, DefaultsStore& own, bool inChina)
+      : SettingBinder(shared, own, inChina) {}
+  UserSettings(const UserSettings&) = delete;
+  UserSettings& operator=(const UserSettings&) = delete;
+
+  // The process's instance over sharedDefaults() and ownDefaults(), with inChina as
+  // Features::shared() says when it is made. Made on first use (thread-safe), never destroyed
+  // before exit.
+  static UserSettings& shared();
+
+  // Where a field's name differs from its key, the key is given: the key is what stored data
+  // and the companion application know.
+  IntegerSetting fontSize{bind("fontSize")};
+  StringSetting whisperLanguage{bind("whisperLanguage")};
+  StringSetting defaultModel{bind("defaultModel")};  // "ERNIE-Bot" in China, else "gpt-3.5-turbo"
+  StringSetting defaultSpeechVoice{bind("defaultSpeechVoice")};
+  IntegerSetting defaultContextMessages{bind("defaultContextMessages")};
+  BoolSetting renderMarkdown{bind("renderMarkdown")};
+  BoolSetting conversationAutoFocus{bind("conversationAutoFocus")};
+  BoolSetting useDoH{bind("useDoH")};
+  BoolSetting hapticFeedback{bind("hapticFeedback")};
+  StringSetting dohServer{bind("dohServer")};
+  StringSetting httpsProxy{bind("httpsProxyUrl")};
+  DoubleSetting defaultTemperature{bind("temperature")};
+  BoolSetting showDollar{bind("showDollar")};
+  StringSetting apiKey{bind("apiKey")};
+  StringSetting cloudToken{bind("cloudToken")};
+  StringSetting customApiDomain{bind("customApiDomain")};
+  BoolSetting insecureSendKey{bind("customApiDomainSendKey")};
+  StringSetting aiGateway{bind("aiGateway")};
+  StringSetting endPoint{bind("azureEndPoint")};
+  StringSetting azureApiKey{bind("azureApiKey")};
+  StringSetting claudeApikey{bind("claudeApikey")};
+  StringSetting geminiApiKey{bind("geminiApiKey")};
+  StringSetting groqApiKey{bind("groqApiKey")};
+  BoolSetting autoSwitchKeyboard{bind("keyboardAutoSwitch")};
+  BoolSetting keyboardSaveMessage{bind("keyboardSaveMessage")};
+  BoolSetting keyboardReplaceInputPrompt{bind("keyboardReplaceInputPrompt")};
+  BoolSetting keyboardClearPasteboard{bind("keyboardClearPasteboard")};
+  StringSetting shortcutKey{bind("autoCompleteShortcutKey")};
+  BoolSetting isAutoCompleteServiceEnabled{bind("autoCompleteServiceEnabled")};
+  BoolSetting saveMessagesInConversation{bind("saveMessagesInConversation")};
+  BoolSetting hideDockIconAfterLastScreen{bind("hideDockIconAfterLastScreen")};
+  StringSetting ollamaURL{bind("ollamaURL")};
+  StringSetting moonshotApiKey{bind("moonshotApiKey")};
+  StringSetting openRouterApiKey{bind("openRouterApiKey")};
+  StringSetting mistralApiKey{bind("mistralApiKey")};
+  StringSetting openAICompatibleEndpoint{bind("openAICompatibleEndpoint")};
+  StringSetting openAICompatiblePath{bind("openAICompatiblePath")};
+  StringSetting openAICompatibleHeader{bind("openAICompatibleHeader")};
+  StringSetting openAICompatibleApiKey{bind("openAICompatibleApiKey")};
+  Setting<std::vector<std::string>> openAICompatibleModels{bind("openAICompatibleModels")};
+  StringSetting rekaApiKey{bind("rekaApiKey")};
+  // Validity flags: the companion application keeps them after checking credentials.
+  BoolSetting isOpenAiValid{bind("isOpenAiValid")};
+  BoolSetting isAzureValid{bind("isAzureValid")};
+  BoolSetting isClaudeValid{bind("isClaudeValid")};
+  BoolSetting isGeminiValid{bind("isGeminiValid")};
+  BoolSetting isGroqValid{bind("isGroqValid")};
+  BoolSetting isAzureTTSValid{bind("isAzureTTSValid")};
+  BoolSetting isOllamaValid{bind("isOllamaValid")};
+  BoolSetting isMoonshotValid{bind("isMoonshotValid")};
+  BoolSetting isOpenRouterValid{bind("isOpenRouterValid")};
+  BoolSetting isMistralValid{bind("isMistralValid")};
+  BoolSetting isOpenAICompatibleValid{bind("isOpenAICompatibleValid")};
+  BoolSetting isRekaValid{bind("isRekaValid")};
+
+  // Keys whose readers (the clients, the panel) read them without a field of the companion's
+  // list; typed here so that their key, type and default are still written once.
+  Setting<std::map<std::string, std::string>> azureModels{bind("azureModels")};
+  StringSetting mailDefaultPrompt{bind("mailDefaultPrompt")};
+  StringSetting mailSelectedModel{bind("mailSelectedModel")};
+  StringSetting mailSelectedConversationId{bind("mailSelectedConversationId")};
+};
+
+}  // namespace lumora

@@ -1,0 +1,332 @@
+// The compose assistant's operations and states, driven through an in-memory transport.
+#include "lumora/panel/MailExtensionView.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "lumora/chat/Errors.h"
+#include "lumora/store/DefaultsStore.h"
+#include "support/FakeTransport.h"
+#include "support/TempDir.h"
+
+namespace lumora {
+namespace {
+
+using testing::FakeAnswer;
+using testing::FakeTransport;
+using testing::Gate;
+using testing::sseRecord;
+
+constexpr const char* kConversationId = "0F8FAD5B-D9CB-469F-A165-70867728950E";
+
+class PanelTest : public ::testing::Test {
+ protected:
+  PanelTest()
+      : shared_(dir_ / "shared.json"), own_(dir_ / "own.json") {
+    shared_.set("apiKey", "sk-test-0000");
+  }
+
+  std::shared_ptr<MailExtensionView> makePanel(std::optional<std::string> raw = std::nullopt,
+                                               bool withMessage = false) {
+    session_ = withMessage ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
+    MailExtensionView::Dependencies deps{
+        .executor = executor_,
+        .session = session_,
+        .ownDefaults = own_,
+        .environment = ChatEnvironment{shared_, transport_},
+        .pasteboard = pasteboard_,
+        .conversations = conversations_,
+        .defaultModel = [] { return std::string("gpt-3.5-turbo"); },
+        .quotedTexts = [this](const std::string&) {
+          if (parserFailure_) std::rethrow_exception(parserFailure_);
+          return passages_;
+        },
+        .overrides = {},
+        .onServiceChosen = {},
+    };
+    return MailExtensionView::make(std::move(deps));
+  }
+
+  // Runs the executor until the latest run has ended.
+  void settle(MailExtensionView& panel) {
+    ASSERT_TRUE(executor_.runUntil([&] { return panel.latestRunEnded(); },
+                                   std::chrono::seconds(5)));
+  }
+
+  nlohmann::json lastBody() const {
+    auto requests = transport_.requests();
+    return requests.empty() ? nlohmann::json() : nlohmann::json::parse(requests.back().body);
+  }
+
+  class ListConversations final : public ConversationSource {
+   public:
+    std::vector<ConversationPreset> list;
+    std::exception_ptr failure;
+    std::vector<ConversationPreset> fetchConversations() override {
+      if (failure) std::rethrow_exception(failure);
+      return list;
+    }
+  };
+
+  testing::TempDir dir_;
+  DefaultsStore shared_;
+  DefaultsStore own_;
+  MainExecutor executor_;
+  FakeTransport transport_;
+  MemoryPasteboard pasteboard_;
+  ListConversations conversations_;
+  SimpleComposeSession session_;
+  std::vector<std::string> passages_;
+  std::exception_ptr parserFailure_;
+};
+
+// What goes out for each combination of passages and chosen conversation.
+TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> passages;
+    std::string conversationId;
+    std::optional<ConversationPreset> conversation;
+    nlohmann::json messages;
+    std::string model;
+  };
+  const ConversationPreset withPrompt{kConversationId, "Be brief.", "claude-3-haiku"};
+  const ConversationPreset withoutPrompt{kConversationId, std::nullopt, "claude-3-haiku"};
+  const ConversationPreset emptyPrompt{kConversationId, "", std::nullopt};
+  const std::string prompt = "You're my assistant, please reply this email";
+  const std::vector<std::string> two{"first quote", "second quote"};
+  const Case cases[] = {
+      {"quotes, nothing chosen", two, "", std::nullopt,
+       {{{"role", "system"}, {"content", prompt}},
+        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "gpt-4o"},
+      {"quotes, id not a UUID", two, "not-a-uuid", withPrompt,
+       {{{"role", "system"}, {"content", prompt}},
+        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "gpt-4o"},
+      {"quotes, conversation gone", two, kConversationId, std::nullopt,
+       {{{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "gpt-4o"},
+      {"quotes, conversation without instruction keeps the model", two, kConversationId,
+       withoutPrompt, {{{"role", "user"}, {"content", "first quote\nsecond quote"}}}, "gpt-4o"},
+      {"quotes, conversation with instruction and model", two, kConversationId, withPrompt,
+       {{{"role", "system"}, {"content", "Be brief."}},
+        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "claude-3-haiku"},
+      {"quotes, lower-case id still matches", two,
+       "0f8fad5b-d9cb-469f-a165-70867728950e", withPrompt,
+       {{{"role", "system"}, {"content", "Be brief."}},
+        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "claude-3-haiku"},
+      {"quotes, empty instruction is still a system message", two, kConversationId, emptyPrompt,
+       {{{"role", "system"}, {"content", ""}},
+        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "gpt-4o"},
+      {"no quotes, nothing chosen", {}, "", std::nullopt,
+       {{{"role", "user"}, {"content", prompt}}}, "gpt-4o"},
+      {"no quotes, conversation instruction is the user message", {}, kConversationId,
+       withPrompt, {{{"role", "user"}, {"content", "Be brief."}}}, "gpt-4o"},
+      {"no quotes, lower-case id is compared as text and misses", {},
+       "0f8fad5b-d9cb-469f-a165-70867728950e", withPrompt,
+       {{{"role", "user"}, {"content", prompt}}}, "gpt-4o"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    passages_ = c.passages;
+    conversations_.list.clear();
+    if (c.conversation) conversations_.list.push_back(*c.conversation);
+    own_.set("mailSelectedConversationId", c.conversationId);
+    own_.set("mailSelectedModel", "gpt-4o");
+    auto panel = makePanel("From: a@example.org\r\n\r\nhello", true);
+    panel->panelDidAppear();
+    transport_.enqueue(FakeAnswer{});
+    panel->startGeneration();
+    settle(*panel);
+    const nlohmann::json body = lastBody();
+    EXPECT_EQ(body["messages"], c.messages);
+    EXPECT_EQ(body["model"], c.model);
+    EXPECT_EQ(body["temperature"], 1.0);
+  }
+}
+
+TEST_F(PanelTest, MessageBytesThatAreNotUtf8CountAsANewMail) {
+  passages_ = {"never asked for"};
+  auto panel = makePanel(std::string("Subject: \xff\xfe\r\n\r\nbody"), true);
+  panel->panelDidAppear();
+  transport_.enqueue(FakeAnswer{});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(lastBody()["messages"].size(), 1u);
+  EXPECT_EQ(lastBody()["messages"][0]["role"], "user");
+  EXPECT_EQ(panel->errorMessage(), "");
+}
+
+TEST_F(PanelTest, AParserFailureIsShownAndNothingIsSent) {
+  parserFailure_ = std::make_exception_ptr(DecodingError("The message could not be read."));
+  auto panel = makePanel("x", true);
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_TRUE(transport_.requests().empty());
+  EXPECT_EQ(panel->errorMessage(), "The message could not be read.");
+  EXPECT_FALSE(panel->generating());
+}
+
+TEST_F(PanelTest, TheModelIsFilledInOnlyWhenEmpty) {
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  EXPECT_EQ(panel->selectedModel(), "gpt-3.5-turbo");
+  EXPECT_EQ(own_.string("mailSelectedModel"), "gpt-3.5-turbo");
+  panel->setSelectedModel("gpt-4o");
+  panel->panelDidAppear();
+  EXPECT_EQ(panel->selectedModel(), "gpt-4o");
+}
+
+TEST_F(PanelTest, OverridesAreNeverStored) {
+  session_ = SimpleComposeSession();
+  MailExtensionView::Dependencies deps{executor_, session_, own_, ChatEnvironment{shared_, transport_},
+                                       pasteboard_, conversations_,
+                                       [] { return std::string("gpt-3.5-turbo"); },
+                                       [](const std::string&) { return std::vector<std::string>{}; },
+                                       {{"mailSelectedModel", "gpt-4o"}}, {}};
+  auto panel = MailExtensionView::make(std::move(deps));
+  panel->panelDidAppear();
+  panel->setSelectedModel("gpt-4.1");
+  EXPECT_EQ(panel->selectedModel(), "gpt-4.1");
+  EXPECT_FALSE(own_.string("mailSelectedModel").has_value());
+}
+
+TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) {
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Hello"), sseRecord(", world", "stop"),
+                                           "data: [DONE]\n\n"}});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "Hello, world");
+  EXPECT_FALSE(panel->generating());
+  EXPECT_TRUE(panel->showsResult());
+
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
+  EXPECT_EQ(panel->output().str(), "Hello, world");  // old text stands while waiting
+  gate->open();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "Hello, world");  // a stream with no chunk changes nothing
+
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("New")}});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "New");
+}
+
+TEST_F(PanelTest, FailuresKeepTheTextAndTheErrorStaysAfterASuccess) {
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  transport_.enqueue(FakeAnswer{
+      .pieces = {sseRecord("Partial")},
+      .bodyFailure = std::make_exception_ptr(TransportError(
+          TransportError::Code::connectionLost, "The network connection was lost."))});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "Partial");
+  EXPECT_EQ(panel->errorMessage(), "The network connection was lost.");
+
+  transport_.enqueue(FakeAnswer{.status = 401,
+                                .pieces = {R"({"error":{"message":"Bad key","code":"invalid_api_key"}})"}});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->errorMessage(), "Error invalid_api_key: Bad key");
+  EXPECT_EQ(panel->output().str(), "Partial");
+
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Fine")}});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "Fine");
+  EXPECT_EQ(panel->errorMessage(), "Error invalid_api_key: Bad key");
+}
+
+TEST_F(PanelTest, AFailureWithNoTextGoesBackToTheInputPage) {
+  auto panel = makePanel();
+  transport_.enqueue(FakeAnswer{.status = 500, .pieces = {"<html>oops</html>"}});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_FALSE(panel->showsResult());
+  EXPECT_EQ(panel->errorMessage(), "Unexpected http code 500");
+}
+
+TEST_F(PanelTest, StopMidStreamKeepsTheTextWithoutTheCancellationMark) {
+  auto panel = makePanel();
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("So far")}, .bodyGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return !panel->output().empty(); }, std::chrono::seconds(5));
+  panel->stopGeneration();
+  EXPECT_TRUE(panel->generating());  // nothing changes until the run has ended
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "So far");
+  EXPECT_FALSE(panel->generating());
+  EXPECT_EQ(panel->errorMessage(), "");
+}
+
+TEST_F(PanelTest, StopBeforeTheResponseHeadAppendsTheCancellationMark) {
+  auto panel = makePanel();
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
+  panel->stopGeneration();
+  settle(*panel);
+  EXPECT_EQ(panel->output().str(), "已取消");
+  EXPECT_TRUE(panel->showsResult());
+  EXPECT_EQ(panel->errorMessage(), "");
+}
+
+TEST_F(PanelTest, BackClearsAtOnceAndTheResultPageStaysUntilTheRunEnds) {
+  auto panel = makePanel();
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Text")}, .bodyGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return !panel->output().empty(); }, std::chrono::seconds(5));
+  panel->leaveResult();
+  EXPECT_TRUE(panel->output().empty());
+  EXPECT_TRUE(panel->showsResult());
+  settle(*panel);
+  EXPECT_FALSE(panel->showsResult());
+}
+
+TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
+  auto panel = makePanel();
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
+  panel->copyOutput();  // during the wait for the first chunk
+  EXPECT_TRUE(pasteboard_.declared());
+  EXPECT_EQ(pasteboard_.text(), "");
+  EXPECT_TRUE(panel->copyAnimating());
+  gate->open();
+  settle(*panel);
+
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Copied text")}});
+  panel->startGeneration();
+  settle(*panel);
+  panel->copyOutput();
+  EXPECT_EQ(pasteboard_.text(), "Copied text");
+  EXPECT_FALSE(panel->copyAnimating());
+}
+
+TEST_F(PanelTest, AConversationFetchFailureIsShownAndTheListStays) {
+  conversations_.list = {{kConversationId, "x", std::nullopt}};
+  auto panel = makePanel();
+  panel->loadConversations();
+  conversations_.failure = std::make_exception_ptr(FileError("The store could not be opened."));
+  panel->loadConversations();
+  EXPECT_EQ(panel->errorMessage(), "The store could not be opened.");
+  EXPECT_EQ(panel->conversations().size(), 1u);
+}
+
+}  // namespace
+}  // namespace lumora

@@ -121,7 +121,7 @@ class Conn {
   // Sends every byte of `pieces`, in as few system calls as the kernel allows.
   // `pieces` is used up in the process.
   Io sendAll(iovec* pieces, std::size_t count);
-  // Waits `duration` (or until `deadline`), ending early when the peer hangs up.
+  // Waits `duration`, ending early when the peer hangs up or the server stops.
   Io sleepFor(std::chrono::milliseconds duration);
   // Closes so that the client sees the end of the stream: a FIN, not an RST.
   void closeGracefully();

@@ -114,9 +114,14 @@ std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
     return std::nullopt;
   if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
 
-  if (!decoder_.parse(line))
-    throw DecodingError("The server's reply could not be read: a line is not JSON (" +
-                        decoder_.error() + ").");
+  if (!decoder_.parse(line)) {
+    // The line itself says more to the user than the parser's diagnosis.
+    constexpr size_t kShown = 80;
+    std::string_view shown = line.substr(0, kShown);
+    while (!shown.empty() && !text::isValidUtf8(shown)) shown.remove_suffix(1);
+    throw DecodingError("The server's reply could not be read: a line is not JSON: \"" +
+                        std::string(shown) + (line.size() > shown.size() ? "…" : "") + "\".");
+  }
   if (auto error = decoder_.errorResponse()) throw OpenAIError::apiError(std::move(*error));
   const ChatDelta& delta = decoder_.chatDelta();
 

@@ -54,14 +54,15 @@ TransportError transportError(CURLcode code, const char* detail) {
     case CURLE_COULDNT_RESOLVE_PROXY:
       return make(C::cannotFindHost, "A server with the specified hostname could not be found.");
     case CURLE_OPERATION_TIMEDOUT:
-      return make(C::timedOut, "The request timed out.");
+      return TransportError(C::timedOut, "The request timed out.");
     case CURLE_PARTIAL_FILE:
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
     case CURLE_GOT_NOTHING:
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
-      return make(C::connectionLost, "The network connection was lost.");
+      // libcurl's detail here is about framing, which tells the user nothing more.
+      return TransportError(C::connectionLost, "The network connection was lost.");
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CERTPROBLEM:

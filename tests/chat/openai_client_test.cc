@@ -1,0 +1,315 @@
+// The OpenAI client's URLs, headers, request body and error texts, and the session's proxy.
+#include "lumora/chat/OpenAIClient.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "lumora/chat/Errors.h"
+#include "lumora/chat/HttpSession.h"
+#include "lumora/store/DefaultsStore.h"
+#include "support/FakeTransport.h"
+#include "support/Fixtures.h"
+#include "support/TempDir.h"
+
+namespace lumora {
+namespace {
+
+using testing::FakeAnswer;
+using testing::FakeTransport;
+
+class OpenAIClientTest : public ::testing::Test {
+ protected:
+  OpenAIClientTest() : shared_(dir_ / "shared.json") { unsetenv("LUMORA_OPENAI_BASE_URL"); }
+
+  std::string url(const Service& service, std::optional<std::string_view> model = "gpt-4o",
+                  std::string_view path = kChatPath) {
+    try {
+      return OpenAIClient(service, env_).serviceURL(path, model).text();
+    } catch (const std::exception& e) {
+      return "error: " + describeFailure(e);
+    }
+  }
+
+  testing::TempDir dir_;
+  DefaultsStore shared_;
+  FakeTransport transport_;
+  ChatEnvironment env_{shared_, transport_};
+};
+
+TEST_F(OpenAIClientTest, ServiceURLs) {
+  struct Case {
+    const char* name;
+    Service service;
+    std::string gateway;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"openai", OpenAiService{"k"}, "", "https://api.openai.com/v1/chat/completions"},
+      {"custom domain without scheme", CustomDomain{"llm.example.org", "k", true}, "",
+       "https://llm.example.org/v1/chat/completions"},
+      {"custom domain keeps plain http", CustomDomain{"http://10.1.2.3:8080", "k", true}, "",
+       "http://10.1.2.3:8080/v1/chat/completions"},
+      {"custom domain with a path of its own", CustomDomain{"https://llm.example.org/api/", {}, false},
+       "", "https://llm.example.org/api/v1/chat/completions"},
+      {"a scheme in capitals is not recognised", CustomDomain{"HTTPS://llm.example.org", {}, false},
+       "", "https://HTTPS//llm.example.org/v1/chat/completions"},
+      {"team without scheme", Team{"team.example.org", "t"}, "",
+       "https://team.example.org/v1/chat/completions"},
+      {"a domain that is no URL", Team{"bad host name", "t"}, "", "error: Invalid domain"},
+      {"openai through the gateway", OpenAiService{"k"},
+       "https://gateway.example.net/v1/acct/gw", "https://gateway.example.net/v1/acct/gw/openai/chat/completions"},
+      {"gateway without scheme", OpenAiService{"k"}, "gateway.example.net/acct",
+       "https://gateway.example.net/acct/openai/chat/completions"},
+      {"a gateway of spaces counts as absent", OpenAiService{"k"}, "   ",
+       "https://api.openai.com/v1/chat/completions"},
+      {"custom domains ignore the gateway", CustomDomain{"llm.example.org", {}, false},
+       "https://gateway.example.net/x", "https://llm.example.org/v1/chat/completions"},
+      {"teams ignore the gateway", Team{"team.example.org", "t"}, "https://gateway.example.net/x",
+       "https://team.example.org/v1/chat/completions"},
+      {"other services use the OpenAI endpoint", Groq{"k"}, "",
+       "https://api.openai.com/v1/chat/completions"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.gateway.empty()) {
+      shared_.remove("aiGateway");
+    } else {
+      shared_.set("aiGateway", c.gateway);
+    }
+    EXPECT_EQ(url(c.service), c.expected);
+  }
+}
+
+TEST_F(OpenAIClientTest, BaseURLOverrideFromTheEnvironment) {
+  setenv("LUMORA_OPENAI_BASE_URL", "http://127.0.0.1:9/prefix", 1);
+  EXPECT_EQ(url(OpenAiService{"k"}), "http://127.0.0.1:9/prefix/v1/chat/completions");
+  unsetenv("LUMORA_OPENAI_BASE_URL");
+}
+
+TEST_F(OpenAIClientTest, AzureDeploymentRules) {
+  const Service azure = Azure{"https://res.openai.azure.com", "k"};
+  struct Case {
+    const char* name;
+    nlohmann::json deployments;
+    std::optional<std::string> model;
+    std::string path;
+    std::string expected;
+  };
+  const std::string chat(kChatPath);
+  const Case cases[] = {
+      {"no deployments: the model without dots", nlohmann::json::object(), "gpt-3.5-turbo", chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
+      {"a deployment value equal to the dotless model", {{"anything", "gpt-35-turbo"}},
+       "gpt-3.5-turbo", chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
+      {"the value stored under the dotless model", {{"gpt-4", "my-gpt4"}}, "gpt-4", chat,
+       "https://res.openai.azure.com/openai/deployments/my-gpt4/chat/completions?api-version=2023-05-15"},
+      {"the key is the dotless model, not the model", {{"gpt-3.5-turbo", "mine"}},
+       "gpt-3.5-turbo", chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
+      {"an empty value falls back to the model", {{"gpt-4", ""}}, "gpt-4", chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/completions?api-version=2023-05-15"},
+      {"not all strings counts as empty", {{"gpt-4", "mine"}, {"x", 3}}, "gpt-4", chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/completions?api-version=2023-05-15"},
+      {"whisper", {{"whisper", "my-whisper"}}, "whisper", chat,
+       "https://res.openai.azure.com/openai/deployments/my-whisper/audio/transcriptions?api-version=2023-09-01-preview"},
+      {"whisper without its own deployment", nlohmann::json::object(), "whisper", "/v1/other",
+       "https://res.openai.azure.com/openai/deployments/whisper/audio/transcriptions?api-version=2023-09-01-preview"},
+      {"another path is appended as text", nlohmann::json::object(), "gpt-4", "/v1/models",
+       "https://res.openai.azure.com/v1/models"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    shared_.set("azureModels", c.deployments);
+    EXPECT_EQ(url(azure, c.model, c.path), c.expected);
+  }
+}
+
+TEST_F(OpenAIClientTest, AuthenticationHeaders) {
+  struct Case {
+    Service service;
+    HttpHeaders expected;
+  };
+  const Case cases[] = {
+      {OpenAiService{"sk-a"}, {{"Authorization", "Bearer sk-a"}}},
+      {Cloud{"tok"}, {{"Authorization", "Bearer tok"}}},
+      {Team{"d", "tok"}, {{"Authorization", "Bearer tok"}}},
+      {CustomDomain{"d", "sk-a", true}, {{"Authorization", "Bearer sk-a"}}},
+      {CustomDomain{"d", "sk-a", false}, {}},
+      {CustomDomain{"d", std::nullopt, true}, {}},
+      {Azure{"https://e", "az"}, {{"api-key", "az"}}},
+      {Claude{"c"}, {}},
+      {Reka{"r"}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.service.description());
+    EXPECT_EQ(OpenAIClient(c.service, env_).authHeaders(), c.expected);
+  }
+}
+
+TEST_F(OpenAIClientTest, RequestConstantsAndBody) {
+  const OpenAIClient client(OpenAiService{"sk-a"}, env_);
+  const HttpRequest r = client.chatRequest(
+      "gpt-4o.1", {{"system", "Be kind", std::nullopt}, {"user", "Hi", std::nullopt}}, 0.7);
+  EXPECT_EQ(r.method, "POST");
+  EXPECT_EQ(r.headers, (HttpHeaders{{"Authorization", "Bearer sk-a"},
+                                    {"Content-Type", "application/json"},
+                                    {"Accept", "text/event-stream"}}));
+  EXPECT_EQ(r.body,
+            R"({"model":"gpt-4o.1","messages":[{"role":"system","content":"Be kind"},{"role":"user","content":"Hi"}],"stream":true,"temperature":0.7})");
+}
+
+TEST_F(OpenAIClientTest, TemperatureIsClampedAndMaxTokensOnlyForTheVisionPreview) {
+  struct Case {
+    std::string model;
+    double temperature;
+    double sent;
+    std::optional<int> maxTokens;
+  };
+  const Case cases[] = {
+      {"gpt-4o", 2.5, 2.0, std::nullopt},   {"gpt-4o", -1, 0.0, std::nullopt},
+      {"gpt-4o", 0, 0.0, std::nullopt},     {"gpt-4o", std::nan(""), 0.0, std::nullopt},
+      {"gpt-4o", 1.3, 1.3, std::nullopt},   {"gpt-4-vision-preview", 1, 1.0, 4096},
+      {"gpt-4-vision-preview-2", 1, 1.0, std::nullopt},
+  };
+  const OpenAIClient client(OpenAiService{"k"}, env_);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.model + " " + std::to_string(c.temperature));
+    const auto body = nlohmann::json::parse(client.chatRequest(c.model, {}, c.temperature).body);
+    EXPECT_EQ(body["temperature"].get<double>(), c.sent);
+    EXPECT_EQ(body["stream"], true);
+    if (c.maxTokens) {
+      EXPECT_EQ(body["max_tokens"], *c.maxTokens);
+    } else {
+      EXPECT_FALSE(body.contains("max_tokens"));
+    }
+  }
+}
+
+TEST_F(OpenAIClientTest, ImagesSwitchEveryMessageToTheImageForm) {
+  ChatRequestPayload payload;
+  payload.model = "gpt-4o";
+  payload.messages = {{"system", "s", std::nullopt},
+                      {"user", "", std::vector<std::string>{}},
+                      {"user", "look", std::vector<std::string>{"\xff\xd8\xff", "ab"}}};
+  const auto body = nlohmann::json::parse(payload.toJSON());
+  EXPECT_EQ(body["messages"][0]["content"],
+            nlohmann::json::parse(R"([{"type":"text","text":"s"}])"));
+  EXPECT_EQ(body["messages"][1]["content"],
+            nlohmann::json::parse(R"([{"type":"text","text":""}])"));
+  EXPECT_EQ(body["messages"][2]["content"], nlohmann::json::parse(R"([
+      {"type":"text","text":"look"},
+      {"type":"image_url","image_url":{"url":"data:image/jpeg;base64,/9j/"}},
+      {"type":"image_url","image_url":{"url":"data:image/jpeg;base64,YWI="}}])"));
+
+  payload.messages = {{"user", "", std::vector<std::string>{}}};
+  EXPECT_EQ(nlohmann::json::parse(payload.toJSON())["messages"][0]["content"], "");
+}
+
+// Error bodies of real servers, sent with a status other than 200, give these exact texts.
+TEST_F(OpenAIClientTest, ErrorBodiesGiveTheUsersText) {
+  struct Case {
+    std::string body;  // a fixture file under providers/, or the body itself
+    int status;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"openai/error-401-invalid-api-key.json", 401,
+       "Error invalid_api_key: Incorrect API key provided: invalid-key. You can find your API "
+       "key at https://platform.openai.com/account/api-keys."},
+      {"openai/error-401-invalid-api-key-compact-indent.json", 401,
+       "Error invalid_api_key: Incorrect API key provided: invalid-key. You can find your API "
+       "key at https://platform.openai.com/account/api-keys."},
+      {"openai/error-429-rate-limit-tokens.json", 429,
+       "Error rate_limit_exceeded: Request too large for gpt-4.1-nano-long-context in "
+       "organization org-eLwBCUaB2ePnSi6dlToWtHZK on tokens per min (TPM): Limit 400000, "
+       "Requested 2500013. The input or output tokens must be reduced in order to run "
+       "successfully. Visit https://platform.openai.com/account/rate-limits to learn more."},
+      {"openai/error-400-context-length.json", 400,
+       "Error context_length_exceeded: Your input exceeds the context window of this model. "
+       "Please adjust your input and try again."},
+      {"openai/error-400-unsupported-parameter.json", 400,
+       "Error unsupported_parameter: Unsupported parameter: 'max_tokens' is not supported with "
+       "this model. Use 'max_completion_tokens' instead."},
+      {"openai-compatible/ollama-cloud-error-401.json", 401, "Error : Unauthorized"},
+      {"openai-compatible/ollama-cloud-error-400.json", 400,
+       "Error : prompt too long; exceeded max context length by 1119046 tokens (ref: "
+       "96164522-08b2-4cbf-886e-e5a38961a688)"},
+      {"openai-compatible/deepseek-error-401.json", 401,
+       "Error invalid_request_error: Authentication Fails, Your api key: ****-key is invalid"},
+      {"<html><body>502 Bad Gateway</body></html>", 502, "Unexpected http code 502"},
+      {R"({"error":{"message":"m","code":42}})", 400, "Unexpected http code 400"},
+      {R"({"error":{"code":"x"}})", 403, "Unexpected http code 403"},
+      {R"({"error":{"message":"Quota"}})", 201, "Error : Quota"},
+      {"", 204, "Unexpected http code 204"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body);
+    const bool isFile = c.body.ends_with(".json");
+    const std::string body =
+        isFile ? testing::readFile(testing::fixturesDir() / "providers" / c.body) : c.body;
+    transport_.enqueue(FakeAnswer{.status = c.status, .pieces = {body}});
+    OpenAIClient client(OpenAiService{"k"}, env_);
+    try {
+      client.streamChat("gpt-4o", {{"user", "hi", std::nullopt}}, 1.0, {});
+      ADD_FAILURE() << "no failure";
+    } catch (const std::exception& e) {
+      EXPECT_EQ(describeFailure(e), c.text);
+    }
+  }
+}
+
+TEST_F(OpenAIClientTest, ServicesWithTheirOwnClientsAreNotSentAsOpenAI) {
+  for (const Service& s : {Service(Ollama{"http://localhost:11434"}), Service(Cloud{"t"}),
+                           Service(Gemini{"g"})}) {
+    SCOPED_TRACE(s.description());
+    const std::string model = s.as<Gemini>() ? "gemini-pro" : "llama3";
+    EXPECT_THROW(OpenAIClient(s, env_).streamChat(model, {}, 1.0, {}), AppError);
+  }
+  EXPECT_TRUE(transport_.requests().empty());
+}
+
+TEST_F(OpenAIClientTest, SupportedModelNames) {
+  const OpenAIClient client(Claude{"c"}, env_);
+  for (const char* yes : {"gpt-4o", "gpt", "tts-1", "whisper-1"}) EXPECT_TRUE(client.supportsModel(yes));
+  for (const char* no : {"GPT-4", "claude-3", "o1-mini", " gpt"}) EXPECT_FALSE(client.supportsModel(no));
+}
+
+TEST_F(OpenAIClientTest, TheProxySettingGivesAnHttpsProxyOnlyWithHostAndPort) {
+  struct Case {
+    std::optional<std::string> setting;
+    std::optional<std::pair<std::string, int>> proxy;
+  };
+  const Case cases[] = {
+      {std::nullopt, std::nullopt},
+      {"", std::nullopt},
+      {"http://proxy.example.net:3128", std::pair<std::string, int>{"proxy.example.net", 3128}},
+      {"  socks5://user:pw@proxy.example.net:1080/path \n",
+       std::pair<std::string, int>{"proxy.example.net", 1080}},
+      {"http://proxy.example.net", std::nullopt},  // no port, even where the scheme implies one
+      {"proxy.example.net:3128", std::nullopt},    // no scheme: not a URL
+      {"http://[::1]:8888", std::pair<std::string, int>{"[::1]", 8888}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.setting.value_or("(absent)"));
+    if (c.setting) {
+      shared_.set("httpsProxyUrl", *c.setting);
+    } else {
+      shared_.remove("httpsProxyUrl");
+    }
+    const SessionConfiguration session = makeSession(env_);
+    if (c.proxy) {
+      ASSERT_TRUE(session.httpsProxy.has_value());
+      EXPECT_EQ(session.httpsProxy->host, c.proxy->first);
+      EXPECT_EQ(session.httpsProxy->port, c.proxy->second);
+    } else {
+      EXPECT_FALSE(session.httpsProxy.has_value());
+    }
+    EXPECT_EQ(session.idleTimeout, std::chrono::milliseconds(60'000));
+  }
+}
+
+}  // namespace
+}  // namespace lumora

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs the build and test dependencies from Debian 12's packages (as root, or through sudo).
+set -euo pipefail
+packages=(g++ cmake ninja-build pkg-config curl
+          libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev
+          libgtest-dev libgmock-dev libbenchmark-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+fi

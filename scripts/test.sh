@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Installs the dependencies, builds everything and runs every test.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_BUILD_BENCH=ON
+cmake --build build -j "$(nproc)"
+ctest --test-dir build --output-on-failure -j 2

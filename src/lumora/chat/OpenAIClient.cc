@@ -24,7 +24,7 @@ Url parsedOrThrow(std::string_view text) {
   return *url;
 }
 
-// "azureModels": model name to deployment name, in the stored order. A value that is not an
+// "azureModels": model name to deployment name, in key order. A value that is not an
 // object of strings throughout counts as empty.
 std::vector<std::pair<std::string, std::string>> azureDeployments(DefaultsStore& shared) {
   std::vector<std::pair<std::string, std::string>> out;

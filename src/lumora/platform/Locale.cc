@@ -10,7 +10,8 @@ bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool isRegionSubtag(std::string_view part) {
   if (part.size() == 2) return isAsciiAlpha(part[0]) && isAsciiAlpha(part[1]);
-  if (part.size() == 3) return isAsciiDigit(part[0]) && isAsciiDigit(part[1]) && isAsciiDigit(part[2]);
+  if (part.size() == 3)
+    return isAsciiDigit(part[0]) && isAsciiDigit(part[1]) && isAsciiDigit(part[2]);
   return false;
 }
 

@@ -302,6 +302,9 @@ void DefaultsStore::change(std::string_view key, const json* value) {
     }
   }
   const fs::path target = writeTarget(path_);
+  std::error_code ec;
+  // Removing from a suite that does not exist changes nothing, so it creates nothing either.
+  if (!value && !fs::exists(target, ec)) return;
   makeDirectories(target.parent_path());
   const Fd lock = lockSuite(target);
 
@@ -336,12 +339,10 @@ void DefaultsStore::change(std::string_view key, const json* value) {
     ::unlink(temporary.c_str());
     throw;
   }
-  // The rename is durable only once the directory entry is; a failure here loses nothing that
-  // readers could see, so it is not reported.
-  if (Fd dir(::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      dir) {
-    ::fsync(dir.get());
-  }
+  // The directory is not synced: after a power loss the rename may be undone, which leaves the
+  // previous complete version. The file itself is synced before the rename, so the name never
+  // points at a file whose data did not reach the disk. Syncing both would double the time a
+  // writer holds the lock, for nothing a settings change needs.
 
   snapshot->held = std::move(out);
   snapshot->object = std::make_shared<const json>(std::move(object));
@@ -472,7 +473,8 @@ std::filesystem::path configDirectory() {
     }
   }
   if (home.empty()) {
-    throw FileError("Cannot find the home directory for the settings: set HOME or XDG_CONFIG_HOME.");
+    throw FileError(
+        "Cannot find the home directory for the settings: set HOME or XDG_CONFIG_HOME.");
   }
   return fs::path(home) / ".config" / "lumora";
 }

@@ -10,12 +10,11 @@
 // Pure functions over constant data; thread-safe.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "lumora/store/DefaultsStore.h"
 

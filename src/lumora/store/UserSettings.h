@@ -13,12 +13,12 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "lumora/store/DefaultsStore.h"
 #include "lumora/store/SettingsKeys.h"
@@ -34,20 +34,21 @@ struct SettingBinding {
 
 namespace detail {
 template <typename T>
-constexpr SettingType settingTypeOf();
-template <>
-constexpr SettingType settingTypeOf<std::string>() { return SettingType::string; }
-template <>
-constexpr SettingType settingTypeOf<bool>() { return SettingType::boolean; }
-template <>
-constexpr SettingType settingTypeOf<int64_t>() { return SettingType::integer; }
-template <>
-constexpr SettingType settingTypeOf<double>() { return SettingType::number; }
-template <>
-constexpr SettingType settingTypeOf<std::vector<std::string>>() { return SettingType::stringList; }
-template <>
-constexpr SettingType settingTypeOf<std::map<std::string, std::string>>() {
-  return SettingType::dictionary;
+constexpr SettingType settingTypeOf() {
+  if constexpr (std::is_same_v<T, std::string>) {
+    return SettingType::string;
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return SettingType::boolean;
+  } else if constexpr (std::is_same_v<T, int64_t>) {
+    return SettingType::integer;
+  } else if constexpr (std::is_same_v<T, double>) {
+    return SettingType::number;
+  } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
+    return SettingType::stringList;
+  } else {
+    static_assert(std::is_same_v<T, std::map<std::string, std::string>>, "not a setting type");
+    return SettingType::dictionary;
+  }
 }
 
 // Records a credential that has been read, so that it is scrubbed from every output.
@@ -87,7 +88,9 @@ class Setting {
 
   // A list that cannot be encoded (text not in UTF-8) is stored as "[]"; other text not in UTF-8
   // throws DecodingError and writes nothing.
-  void set(const T& value) { store_->set(entry_->key, storedSetting(*entry_, nlohmann::json(value))); }
+  void set(const T& value) {
+    store_->set(entry_->key, storedSetting(*entry_, nlohmann::json(value)));
+  }
 
   // Removes the key: readers see the default again.
   void unset() { store_->remove(entry_->key); }

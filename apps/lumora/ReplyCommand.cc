@@ -72,7 +72,8 @@ class RecordingTransport final : public HttpTransport {
    public:
     int status() const override { return 200; }
     const HttpHeaders& headers() const override { return headers_; }
-    void readBody(const std::function<void(std::string_view)>&, std::stop_token) override {}
+    void readBody(const std::function<void(std::string_view)>&, std::stop_token,
+                  const std::function<void()>&) override {}
 
    private:
     HttpHeaders headers_;

@@ -35,8 +35,11 @@ TEST(ReplyText, PrefixesAcrossBlocksReadWhileTheWriterAppends) {
 StreamChunk chunkOf(const std::string& text) { return StreamChunk{"m", ReplyText(text), std::nullopt}; }
 
 TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {
-  ChunkStream stream = ChunkStream::start([](const ChunkStream::Emit& emit, std::stop_token) {
-    for (int i = 0; i < 100; ++i) emit(chunkOf(std::to_string(i)));
+  ChunkStream stream = ChunkStream::start([](ChunkSink& sink, std::stop_token) {
+    for (int i = 0; i < 100; ++i) {
+      sink.emit(chunkOf(std::to_string(i)));
+      if (i % 30 == 0) sink.publish();
+    }
     throw DecodingError("bad line");
   });
   for (int i = 0; i < 100; ++i) {
@@ -51,8 +54,9 @@ TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {
 TEST(ChunkStream, AStopEndsTheIterationAndDroppingTheStreamStopsTheProducer) {
   std::atomic<bool> producerStopped{false};
   auto stream = std::make_unique<ChunkStream>(
-      ChunkStream::start([&](const ChunkStream::Emit& emit, std::stop_token stop) {
-        emit(chunkOf("first"));
+      ChunkStream::start([&](ChunkSink& sink, std::stop_token stop) {
+        sink.emit(chunkOf("first"));
+        sink.publish();
         while (!stop.stop_requested()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         producerStopped = true;
       }));

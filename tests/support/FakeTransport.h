@@ -85,11 +85,12 @@ class FakeTransport final : public HttpTransport {
     explicit Response(FakeAnswer answer) : answer_(std::move(answer)) {}
     int status() const override { return answer_.status; }
     const HttpHeaders& headers() const override { return headers_; }
-    void readBody(const std::function<void(std::string_view)>& onBytes,
-                  std::stop_token stop) override {
+    void readBody(const std::function<void(std::string_view)>& onBytes, std::stop_token stop,
+                  const std::function<void()>& onCaughtUp) override {
       for (const std::string& piece : answer_.pieces) {
         if (stop.stop_requested()) return;
         onBytes(piece);
+        if (onCaughtUp) onCaughtUp();
       }
       if (answer_.bodyGate && !answer_.bodyGate->wait(stop)) return;
       if (answer_.bodyFailure) std::rethrow_exception(answer_.bodyFailure);

@@ -85,13 +85,14 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::strin
   }
 
   std::shared_ptr<HttpResponse> body(std::move(response));
-  return ChunkStream::start([body, rule](const ChunkStream::Emit& emit, std::stop_token stop) {
+  return ChunkStream::start([body, rule](ChunkSink& sink, std::stop_token stop) {
     LineProcessor processor(rule);
     LineSplitter splitter;
     auto onLine = [&](std::string_view line) {
-      if (auto chunk = processor.process(line)) emit(std::move(*chunk));
+      if (auto chunk = processor.process(line)) sink.emit(std::move(*chunk));
     };
-    body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop);
+    body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop,
+                   [&] { sink.publish(); });
     if (!stop.stop_requested()) splitter.finish(onLine);
   });
 }

@@ -15,17 +15,42 @@
 #include <memory>
 #include <optional>
 #include <stop_token>
+#include <vector>
 
 #include "lumora/chat/ChatMessage.h"
 
 namespace lumora {
 
+class ChunkStream;
+
+// Where a producer puts its chunks. Chunks are kept until publish(), which hands them to the
+// consumer together: a reader publishes whenever it has caught up with the network, so a fast
+// stream wakes its consumer once per burst of data, not once per chunk. A long burst is
+// published every kMaxKept chunks, and what is kept when the producer returns or fails is
+// published then.
+class ChunkSink {
+ public:
+  static constexpr size_t kMaxKept = 256;
+
+  void emit(StreamChunk chunk) {
+    kept_.push_back(std::move(chunk));
+    if (kept_.size() >= kMaxKept) publish();
+  }
+  void publish();
+
+ private:
+  friend class ChunkStream;
+  struct Target;
+  explicit ChunkSink(Target& target) : target_(target) {}
+  Target& target_;
+  std::vector<StreamChunk> kept_;
+};
+
 class ChunkStream {
  public:
-  using Emit = std::function<void(StreamChunk)>;
-  // Produces the chunks: calls emit for each, returns at the end of the stream, throws on
-  // failure, and returns early when `stop` is requested.
-  using Producer = std::function<void(const Emit& emit, std::stop_token stop)>;
+  // Produces the chunks into `sink`, returns at the end of the stream, throws on failure, and
+  // returns early when `stop` is requested.
+  using Producer = std::function<void(ChunkSink& sink, std::stop_token stop)>;
 
   // Starts `producer` on its own thread.
   static ChunkStream start(Producer producer);
@@ -43,7 +68,7 @@ class ChunkStream {
   std::optional<StreamChunk> next(std::stop_token stop = {});
 
  private:
-  struct State;
+  using State = ChunkSink::Target;
   explicit ChunkStream(std::shared_ptr<State> state);
   std::shared_ptr<State> state_;
 };

@@ -53,6 +53,7 @@ struct WireDecoder::Impl {
   simdjson::dom::parser parser;
   simdjson::dom::element root;
   std::string padded;  // the input copied with simdjson's padding, reused
+  std::string keyScratch;
   ChatDelta delta;
 };
 
@@ -97,6 +98,29 @@ bool optionalString(element value, std::optional<std::string_view>& out) {
 
 std::string quoted(std::string_view key) { return "\"" + std::string(key) + "\""; }
 
+// The record fields a stream line is read for, by their names after key conversion.
+enum class Field { other, id, object, created, model, choices, delta, finishReason, role, content };
+
+constexpr std::pair<std::string_view, Field> kFields[] = {
+    {"id", Field::id},         {"object", Field::object},
+    {"created", Field::created}, {"model", Field::model},
+    {"choices", Field::choices}, {"delta", Field::delta},
+    {"finishReason", Field::finishReason}, {"role", Field::role},
+    {"content", Field::content}};
+
+// The field that the wire key `key` converts to. Called for every key of every record, so a
+// key is converted at most once, into a buffer reused from key to key.
+Field fieldOf(std::string_view key, std::string& scratch) {
+  std::string_view name = key;
+  if (key.find('_') != std::string_view::npos) {
+    keycase::fromSnakeCase(key, scratch);
+    name = scratch;
+  }
+  for (const auto& [known, field] : kFields)
+    if (name == known) return field;
+  return Field::other;
+}
+
 }  // namespace
 
 std::optional<OpenAIErrorResponse> WireDecoder::errorResponse() const {
@@ -128,6 +152,7 @@ std::optional<OpenAIErrorResponse> WireDecoder::errorResponse() const {
 
 const ChatDelta& WireDecoder::chatDelta() {
   ChatDelta& out = impl_->delta;
+  std::string& scratch = impl_->keyScratch;
   out.choices.clear();
   object top;
   if (impl_->root.get_object().get(top)) fail("a record is not a JSON object");
@@ -136,21 +161,30 @@ const ChatDelta& WireDecoder::chatDelta() {
   unsigned seen = 0;
   simdjson::dom::array choices;
   for (auto [key, value] : top) {
-    if (keycase::snakeKeyMatches(key, "id")) {
-      if (value.get_string().get(out.id)) fail("\"id\" is not a string");
-      seen |= kId;
-    } else if (keycase::snakeKeyMatches(key, "object")) {
-      if (value.get_string().get(out.object)) fail("\"object\" is not a string");
-      seen |= kObject;
-    } else if (keycase::snakeKeyMatches(key, "created")) {
-      if (value.get_int64().get(out.created)) fail("\"created\" is not a whole number");
-      seen |= kCreated;
-    } else if (keycase::snakeKeyMatches(key, "model")) {
-      if (value.get_string().get(out.model)) fail("\"model\" is not a string");
-      seen |= kModel;
-    } else if (keycase::snakeKeyMatches(key, "choices")) {
-      if (value.get_array().get(choices)) fail("\"choices\" is not a list");
-      seen |= kChoices;
+    switch (fieldOf(key, scratch)) {
+      case Field::id:
+        if (value.get_string().get(out.id)) fail("\"id\" is not a string");
+        seen |= kId;
+        break;
+      case Field::object:
+        if (value.get_string().get(out.object)) fail("\"object\" is not a string");
+        seen |= kObject;
+        break;
+      case Field::created:
+        if (value.get_int64().get(out.created)) fail("\"created\" is not a whole number");
+        seen |= kCreated;
+        break;
+      case Field::model:
+        if (value.get_string().get(out.model)) fail("\"model\" is not a string");
+        seen |= kModel;
+        break;
+      case Field::choices:
+        if (value.get_array().get(choices)) fail("\"choices\" is not a list");
+        seen |= kChoices;
+        break;
+      case Field::other: case Field::delta: case Field::finishReason: case Field::role:
+      case Field::content:
+        break;
     }
   }
   static constexpr std::pair<unsigned, const char*> kRequired[] = {
@@ -165,20 +199,22 @@ const ChatDelta& WireDecoder::chatDelta() {
     if (item.get_object().get(choice)) fail("a choice is not a JSON object");
     ChatDelta::Choice c;
     for (auto [key, value] : choice) {
-      if (keycase::snakeKeyMatches(key, "delta")) {
+      const Field field = fieldOf(key, scratch);
+      if (field == Field::delta) {
         if (value.is_null()) continue;
         object delta;
         if (value.get_object().get(delta)) fail("\"delta\" is not a JSON object");
         ChatDelta::Delta d;
         for (auto [dkey, dvalue] : delta) {
-          if (keycase::snakeKeyMatches(dkey, "role")) {
+          const Field inner = fieldOf(dkey, scratch);
+          if (inner == Field::role) {
             if (!optionalString(dvalue, d.role)) fail("\"role\" is not a string");
-          } else if (keycase::snakeKeyMatches(dkey, "content")) {
+          } else if (inner == Field::content) {
             if (!optionalString(dvalue, d.content)) fail("\"content\" is not a string");
           }
         }
         c.delta = d;
-      } else if (keycase::snakeKeyMatches(key, "finishReason")) {
+      } else if (field == Field::finishReason) {
         if (!optionalString(value, c.finishReason)) fail("\"finish_reason\" is not a string");
       }
     }

@@ -151,16 +151,18 @@ class CurlResponse final : public HttpResponse {
     drive(stop, /*untilHead=*/true);
   }
 
-  void readBody(const std::function<void(std::string_view)>& onBytes,
-                std::stop_token stop) override {
-    if (!pending_.empty()) {
-      std::string early = std::move(pending_);
-      pending_.clear();
-      onBytes(early);
-    }
+  void readBody(const std::function<void(std::string_view)>& onBytes, std::stop_token stop,
+                const std::function<void()>& onCaughtUp) override {
     sink_ = &onBytes;
+    caughtUp_ = onCaughtUp ? &onCaughtUp : nullptr;
+    if (paused_) {
+      // Hands over what libcurl held back while the head was awaited, then goes on.
+      paused_ = false;
+      if (easy_) curl_easy_pause(easy_, CURLPAUSE_CONT);
+    }
     drive(stop, /*untilHead=*/false);
     sink_ = nullptr;
+    caughtUp_ = nullptr;
   }
 
  private:
@@ -200,8 +202,10 @@ class CurlResponse final : public HttpResponse {
     r->lastActivity_ = Clock::now();
     r->headDone_ = true;
     if (!r->sink_) {
-      r->pending_.append(data, n);
-      return n;
+      // The body's reader is not there yet: libcurl keeps the bytes until it is, so they are
+      // neither copied here nor read ahead of the reader.
+      r->paused_ = true;
+      return CURL_WRITEFUNC_PAUSE;
     }
     try {
       (*r->sink_)(std::string_view(data, n));
@@ -234,6 +238,7 @@ class CurlResponse final : public HttpResponse {
         std::rethrow_exception(std::exchange(sinkError_, nullptr));
       }
       if (untilHead && headDone_) return;
+      if (caughtUp_) (*caughtUp_)();
       if (finished_) {
         if (result_ != CURLE_OK) throw transportError(result_, errorBuffer_);
         if (untilHead && !headDone_ && status_ < 200)
@@ -284,8 +289,9 @@ class CurlResponse final : public HttpResponse {
   bool headDone_ = false;
   bool finished_ = false;
   CURLcode result_ = CURLE_OK;
-  std::string pending_;
+  bool paused_ = false;
   const std::function<void(std::string_view)>* sink_ = nullptr;
+  const std::function<void()>* caughtUp_ = nullptr;
   std::exception_ptr sinkError_;
 };
 

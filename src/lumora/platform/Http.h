@@ -50,11 +50,15 @@ class HttpResponse {
   virtual const HttpHeaders& headers() const = 0;
 
   // Reads the body to its end, handing each piece to `onBytes` as it arrives, on the calling
-  // thread. Returns when the server has ended the body, or when `stop` is requested (the
-  // transfer is then aborted within milliseconds). Throws TransportError when the connection
-  // fails or stalls; an exception thrown by `onBytes` aborts the transfer and propagates.
+  // thread. `onCaughtUp`, if given, is called whenever every byte received so far has been
+  // handed over and the transport is about to wait for more (a reader that batches its output
+  // passes it on there, so nothing it holds waits on the network). Returns when the server has
+  // ended the body, or when `stop` is requested (the transfer is then aborted within
+  // milliseconds). Throws TransportError when the connection fails or stalls; an exception
+  // thrown by a callback aborts the transfer and propagates.
   virtual void readBody(const std::function<void(std::string_view)>& onBytes,
-                        std::stop_token stop) = 0;
+                        std::stop_token stop,
+                        const std::function<void()>& onCaughtUp = {}) = 0;
 };
 
 class HttpTransport {

@@ -33,16 +33,24 @@ std::string toSnakeCase(std::string_view camel) {
   return out;
 }
 
-std::string fromSnakeCase(std::string_view snake) {
+namespace {
+
+// Produces the camel-case form of `snake` character by character into `emit`, which returns
+// false to stop early. Returns false when stopped.
+template <typename Emit>
+bool convertFromSnake(std::string_view snake, Emit&& emit) {
   size_t first = 0;
   while (first < snake.size() && snake[first] == '_') ++first;
-  if (first == snake.size()) return std::string(snake);
   size_t last = snake.size();
   while (last > first && snake[last - 1] == '_') --last;
   const std::string_view core = snake.substr(first, last - first);
-  if (core.find('_') == std::string_view::npos) return std::string(snake);
-
-  std::string out(snake.substr(0, first));
+  if (core.empty() || core.find('_') == std::string_view::npos) {
+    for (char c : snake)
+      if (!emit(c)) return false;
+    return true;
+  }
+  for (size_t i = 0; i < first; ++i)
+    if (!emit('_')) return false;
   bool firstWord = true;
   size_t i = 0;
   while (i < core.size()) {
@@ -54,18 +62,42 @@ std::string fromSnakeCase(std::string_view snake) {
     while (j < core.size() && core[j] != '_') ++j;
     for (size_t k = i; k < j; ++k) {
       const bool capital = !firstWord && k == i;
-      out += capital ? upper(core[k]) : lower(core[k]);
+      if (!emit(capital ? upper(core[k]) : lower(core[k]))) return false;
     }
     firstWord = false;
     i = j;
   }
-  out += snake.substr(last);
+  for (size_t k = last; k < snake.size(); ++k)
+    if (!emit('_')) return false;
+  return true;
+}
+
+}  // namespace
+
+void fromSnakeCase(std::string_view snake, std::string& out) {
+  out.clear();
+  convertFromSnake(snake, [&](char c) {
+    out += c;
+    return true;
+  });
+}
+
+std::string fromSnakeCase(std::string_view snake) {
+  std::string out;
+  fromSnakeCase(snake, out);
   return out;
 }
 
+// Called for every key of every stream record: compares while converting, with no allocation.
 bool snakeKeyMatches(std::string_view snake, std::string_view camel) {
   if (snake.find('_') == std::string_view::npos) return snake == camel;
-  return fromSnakeCase(snake) == camel;
+  size_t at = 0;
+  const bool whole = convertFromSnake(snake, [&](char c) {
+    if (at >= camel.size() || camel[at] != c) return false;
+    ++at;
+    return true;
+  });
+  return whole && at == camel.size();
 }
 
 }  // namespace lumora::keycase

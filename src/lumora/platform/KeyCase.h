@@ -15,6 +15,8 @@ std::string toSnakeCase(std::string_view camel);
 // inner underscore stays as it is; otherwise the first word is lower-cased and each later one
 // capitalised ("FINISH_REASON" -> "finishReason").
 std::string fromSnakeCase(std::string_view snake);
+// The same, into `out` (replacing its contents; its capacity is reused).
+void fromSnakeCase(std::string_view snake, std::string& out);
 
 // True when the wire key `snake` converts to `camel`. Allocation-free for the common case of a
 // key without underscores.

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -49,9 +50,16 @@ template <typename OnLine>
 void LineSplitter::feed(std::string_view bytes, OnLine&& onLine) {
   const char* p = bytes.data();
   const char* const end = p + bytes.size();
+  // The next CR at or after p, found once and kept while p has not passed it: streams use LF,
+  // so this is usually one scan of the piece that finds nothing.
+  const char* cr = nullptr;
   while (p < end) {
-    const char* eol = p;
-    while (eol < end && *eol != '\n' && *eol != '\r') ++eol;
+    if (!cr || (cr < p && cr != end)) {
+      cr = static_cast<const char*>(std::memchr(p, '\r', end - p));
+      if (!cr) cr = end;
+    }
+    const char* lf = static_cast<const char*>(std::memchr(p, '\n', (cr == end ? end : cr) - p));
+    const char* eol = lf ? lf : cr;
     if (eol == end) {
       keepPartial(std::string_view(p, end - p));
       return;

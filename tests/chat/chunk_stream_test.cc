@@ -32,7 +32,9 @@ TEST(ReplyText, PrefixesAcrossBlocksReadWhileTheWriterAppends) {
   EXPECT_TRUE(ReplyText() == "");
 }
 
-StreamChunk chunkOf(const std::string& text) { return StreamChunk{"m", ReplyText(text), std::nullopt}; }
+StreamChunk chunkOf(const std::string& text) {
+  return StreamChunk{std::make_shared<const std::string>("m"), ReplyText(text), std::nullopt};
+}
 
 TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {
   ChunkStream stream = ChunkStream::start([](ChunkSink& sink, std::stop_token) {

@@ -17,6 +17,7 @@ struct Outcome {
   std::string completed;
   std::vector<std::string> finishReasons;
   std::string failure;  // describeFailure text; empty when the stream ended
+  std::string model;    // of the last chunk
 };
 
 // Feeds `body` in pieces of `piece` bytes (0: all at once) through the splitter and the rule.
@@ -28,6 +29,7 @@ Outcome run(const std::string& body, LineRule rule, size_t piece = 0) {
     if (auto chunk = processor.process(line)) {
       ++out.chunks;
       out.completed = chunk->completed.str();
+      out.model = *chunk->model;
       if (chunk->finishReason) out.finishReasons.push_back(*chunk->finishReason);
     }
   };
@@ -82,6 +84,7 @@ TEST(RecordedStreams, EveryRecordedStreamGivesItsTextAndFinishReasons) {
         EXPECT_EQ(out.chunks, c.chunks);
         EXPECT_EQ(out.completed, c.completed);
         EXPECT_EQ(out.finishReasons, c.finishReasons);
+        EXPECT_FALSE(out.model.empty());
       }
     }
   }
@@ -150,6 +153,9 @@ TEST(LineRules, EachKindOfLine) {
     EXPECT_EQ(out.completed, c.expected.completed);
     EXPECT_EQ(out.finishReasons, c.expected.finishReasons);
     EXPECT_EQ(out.failure, c.expected.failure);
+    if (out.chunks > 0) {
+      EXPECT_EQ(out.model, "m");
+    }
   }
 }
 

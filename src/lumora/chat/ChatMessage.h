@@ -1,6 +1,7 @@
 // The provider-neutral chat values that the panel hands in and every client hands back.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,7 +22,9 @@ struct ChatMessage {
 
 // What a client yields for each record of a stream.
 struct StreamChunk {
-  std::string model;      // the model the server names in its record
+  // The model the server names in its record. Shared: every record of a stream names the
+  // same model, and a string per chunk would be an allocation per chunk.
+  std::shared_ptr<const std::string> model;
   ReplyText completed;    // the whole reply so far; it replaces what the caller shows
   std::optional<std::string> finishReason;
 };

@@ -132,7 +132,8 @@ std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
     if (first.delta && first.delta->content) text_->append(*first.delta->content);
     if (first.finishReason) finishReason = std::string(*first.finishReason);
   }
-  return StreamChunk{std::string(delta.model), ReplyText(text_, text_->size()),
+  if (!model_ || *model_ != delta.model) model_ = std::make_shared<const std::string>(delta.model);
+  return StreamChunk{model_, ReplyText(text_, text_->size()),
                      std::move(finishReason)};
 }
 

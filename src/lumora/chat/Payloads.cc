@@ -108,11 +108,18 @@ constexpr std::pair<std::string_view, Field> kFields[] = {
     {"finishReason", Field::finishReason}, {"role", Field::role},
     {"content", Field::content}};
 
+constexpr size_t kLongestField = 12;  // "finishReason"
+
 // The field that the wire key `key` converts to. Called for every key of every record, so a
 // key is converted at most once, into a buffer reused from key to key.
 Field fieldOf(std::string_view key, std::string& scratch) {
   std::string_view name = key;
   if (key.find('_') != std::string_view::npos) {
+    // Conversion drops only inner underscores; a key too long to become any field name (such
+    // as "system_fingerprint") is no field, and needs no conversion.
+    size_t underscores = 0;
+    for (char c : key) underscores += c == '_';
+    if (key.size() - underscores > kLongestField) return Field::other;
     keycase::fromSnakeCase(key, scratch);
     name = scratch;
   }

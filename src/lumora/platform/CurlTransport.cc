@@ -238,7 +238,7 @@ class CurlResponse final : public HttpResponse {
         std::rethrow_exception(std::exchange(sinkError_, nullptr));
       }
       if (untilHead && headDone_) return;
-      if (caughtUp_) (*caughtUp_)();
+      if (finished_ && caughtUp_) (*caughtUp_)();
       if (finished_) {
         if (result_ != CURLE_OK) throw transportError(result_, errorBuffer_);
         if (untilHead && !headDone_ && status_ < 200)
@@ -258,6 +258,14 @@ class CurlResponse final : public HttpResponse {
       }
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(idleTimeout_ - idle);
       const int waitMs = static_cast<int>(std::clamp<int64_t>(left.count() + 1, 1, 1000));
+      if (caughtUp_) {
+        // Caught up only when nothing more is readable now: a fast stream is handed on in
+        // bursts, a slow one at every piece.
+        int ready = 0;
+        curl_multi_poll(multi_, nullptr, 0, 0, &ready);
+        if (ready > 0) continue;
+        (*caughtUp_)();
+      }
       curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
     }
   }

@@ -113,6 +113,8 @@ constexpr size_t kLongestField = 12;  // "finishReason"
 // The field that the wire key `key` converts to. Called for every key of every record, so a
 // key is converted at most once, into a buffer reused from key to key.
 Field fieldOf(std::string_view key, std::string& scratch) {
+  // The wire's own spelling of the one snake-case field, the key of every choice.
+  if (key == "finish_reason") return Field::finishReason;
   std::string_view name = key;
   if (key.find('_') != std::string_view::npos) {
     // Conversion drops only inner underscores; a key too long to become any field name (such

@@ -22,6 +22,9 @@ using testing::sseRecord;
 class TransportTest : public ::testing::Test {
  protected:
   TransportTest() : shared_(dir_ / "shared.json") {
+    // The loopback server is reached directly, whatever proxies the environment names.
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+      unsetenv(name);
     setenv("LUMORA_OPENAI_BASE_URL", server_.baseUrl().c_str(), 1);
   }
   ~TransportTest() override { unsetenv("LUMORA_OPENAI_BASE_URL"); }

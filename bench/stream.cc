@@ -10,7 +10,6 @@
 //      the library's WireDecoder, over the same records.
 // `--gbench` runs the same measurements as Google Benchmark entries instead.
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
 #include <simdjson.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -26,6 +25,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -83,11 +83,26 @@ constexpr std::string_view kDone = "data: [DONE]\n\n";
 // Words of a mail reply as JSON string contents: escapes and non-ASCII text included, since a
 // real reply has line breaks, quotes and accents, and those take the decoder's slower paths.
 constexpr std::string_view kWords[] = {
-    "Thanks", " for",   " the",   " update", ",",      " Anna",   ".",      " I",
-    "'ll",    " look",  " at",    " the",    " \\\"Q3", " plan\\\"", " and",  " reply",
-    " by",    " Friday", ".",     "\\n\\n",  "The",    " caf\xC3\xA9", " on",   " Rue",
-    " de",    " l\\u2019\xC3\x89glise", " works", " for",  " me",     ";",      " 10",  ":30",
-    " is",    " fine",  ".",      "\\n\\n",  "Best",   " regards", ",\\n",  "Jonas",
+    "Thanks",  " for",
+    " the",    " update",
+    ",",       " Anna",
+    ".",       " I",
+    "'ll",     " look",
+    " at",     " the",
+    " \\\"Q3", " plan\\\"",
+    " and",    " reply",
+    " by",     " Friday",
+    ".",       "\\n\\n",
+    "The",     " caf\xC3\xA9",
+    " on",     " Rue",
+    " de",     " l\\u2019\xC3\x89glise",
+    " works",  " for",
+    " me",     ";",
+    " 10",     ":30",
+    " is",     " fine",
+    ".",       "\\n\\n",
+    "Best",    " regards",
+    ",\\n",    "Jonas",
 };
 
 // The bytes a JSON string's contents stand for.
@@ -235,8 +250,8 @@ class Loopback {
     const char* argv[] = {"curl", "-s", "-o", "/dev/null", url_.c_str(), nullptr};
     const auto start = Clock::now();
     pid_t pid = 0;
-    if (int error = ::posix_spawnp(&pid, "curl", nullptr, nullptr, const_cast<char**>(argv),
-                                   environ);
+    if (int error =
+            ::posix_spawnp(&pid, "curl", nullptr, nullptr, const_cast<char**>(argv), environ);
         error != 0)
       die(std::string("cannot start curl: ") + std::strerror(error));
     int status = 0;
@@ -263,8 +278,8 @@ class Loopback {
     const std::string got(out, n);
     const std::string want = "200 " + std::to_string(body.text->size());
     if (status != 0 || got != want)
-      die("curl fetched \"" + got + "\" (exit " + std::to_string(status) + "), expected \"" +
-          want + "\"");
+      die("curl fetched \"" + got + "\" (exit " + std::to_string(status) + "), expected \"" + want +
+          "\"");
   }
 
  private:
@@ -362,15 +377,17 @@ void reportStream(Loopback& loopback, const Options& options) {
   }
   const double mb = static_cast<double>(body.text->size()) / 1e6;
   const double lumora = median(lumoraTimes), curl = median(curlTimes);
-  std::printf("1. Chat stream: %zu records, %.1f MB (%.0f bytes/record), one HTTP chunk per "
-              "record, loopback\n",
-              body.records, mb, static_cast<double>(body.text->size()) / body.records);
+  std::printf(
+      "1. Chat stream: %zu records, %.1f MB (%.0f bytes/record), one HTTP chunk per "
+      "record, loopback\n",
+      body.records, mb, static_cast<double>(body.text->size()) / body.records);
   std::printf("   OpenAIClient, drained       %8.1f ms  %7.0f MB/s\n", lumora * 1e3, mb / lumora);
   std::printf("   curl -s -o /dev/null        %8.1f ms  %7.0f MB/s\n", curl * 1e3, mb / curl);
-  std::printf("   ratio OpenAIClient/curl     %8.2f      (goal: at most 1.5; per-round ratios "
-              "%.2f..%.2f, median %.2f)\n\n",
-              lumora / curl, *std::min_element(ratios.begin(), ratios.end()),
-              *std::max_element(ratios.begin(), ratios.end()), median(ratios));
+  std::printf(
+      "   ratio OpenAIClient/curl     %8.2f      (goal: at most 1.5; per-round ratios "
+      "%.2f..%.2f, median %.2f)\n\n",
+      lumora / curl, *std::min_element(ratios.begin(), ratios.end()),
+      *std::max_element(ratios.begin(), ratios.end()), median(ratios));
 }
 
 void reportChunkCost(Loopback& loopback, const Options& options) {
@@ -420,9 +437,10 @@ void reportChunkCost(Loopback& loopback, const Options& options) {
     std::printf("   %4zu KiB  %8zu %9zu %12.0f %14.0f %13.0f us\n", c.bytes / 1024, c.body.records,
                 c.requests, median(c.perChunk) * 1e9, net.back(), median(c.fixed) * 1e6);
   }
-  std::printf("   flatness: net ns/chunk of 1 MiB over 1 KiB = %.2f, 1 MiB over 100 KiB = %.2f "
-              "(1.0 is flat)\n\n",
-              net[2] / net[0], net[2] / net[1]);
+  std::printf(
+      "   flatness: net ns/chunk of 1 MiB over 1 KiB = %.2f, 1 MiB over 100 KiB = %.2f "
+      "(1.0 is flat)\n\n",
+      net[2] / net[0], net[2] / net[1]);
 }
 
 void reportDecode(const Options& options) {
@@ -441,7 +459,8 @@ void reportDecode(const Options& options) {
   };
   std::vector<Row> rows;
   rows.push_back({"nlohmann::json::parse", [&] { return decodeNlohmann(lines); }, {}});
-  rows.push_back({"simdjson dom::parser", [&] { return decodeSimdjson(parser, padded, lines); }, {}});
+  rows.push_back(
+      {"simdjson dom::parser", [&] { return decodeSimdjson(parser, padded, lines); }, {}});
   rows.push_back({"lumora::WireDecoder", [&] { return decodeWire(decoder, lines); }, {}});
   for (Row& row : rows) {
     if (row.decode() != body.contentBytes) die(std::string(row.name) + " read the wrong content");
@@ -453,9 +472,10 @@ void reportDecode(const Options& options) {
       row.times.push_back(seconds(Clock::now() - start));
     }
   }
-  std::printf("3. Decoding one record (the JSON of a line of stream 1, %zu records, %.0f bytes "
-              "each; parse and read the delta's content)\n",
-              lines.size(), static_cast<double>(bytes) / lines.size());
+  std::printf(
+      "3. Decoding one record (the JSON of a line of stream 1, %zu records, %.0f bytes "
+      "each; parse and read the delta's content)\n",
+      lines.size(), static_cast<double>(bytes) / lines.size());
   const double mb = static_cast<double>(bytes) / 1e6;
   const double nlohmannTime = median(rows[0].times);
   for (const Row& row : rows) {
@@ -541,9 +561,10 @@ void BM_DecodeRecord_WireDecoder(benchmark::State& state) {
 BENCHMARK(BM_DecodeRecord_WireDecoder)->Unit(benchmark::kMillisecond);
 
 void usage() {
-  std::fprintf(stderr,
-               "usage: bench_stream [--runs N] [--records N] [--only stream|chunks|decode]\n"
-               "       bench_stream --gbench [--benchmark_filter=...] [other --benchmark_ flags]\n");
+  std::fprintf(
+      stderr,
+      "usage: bench_stream [--runs N] [--records N] [--only stream|chunks|decode]\n"
+      "       bench_stream --gbench [--benchmark_filter=...] [other --benchmark_ flags]\n");
   std::exit(2);
 }
 
@@ -570,8 +591,7 @@ int main(int argc, char** argv) {
       options.records = number("--records");
     } else if (arg == "--only" && i + 1 < argc) {
       options.only = argv[++i];
-      if (options.only != "stream" && options.only != "chunks" && options.only != "decode")
-        usage();
+      if (options.only != "stream" && options.only != "chunks" && options.only != "decode") usage();
     } else if (arg == "--gbench") {
       options.gbench = true;
     } else if (arg.starts_with("--benchmark_")) {
@@ -593,7 +613,9 @@ int main(int argc, char** argv) {
     }
     std::printf("bench_stream: median of %d runs; loopback HTTP/1.1, debug output off\n\n",
                 options.runs);
-    auto wanted = [&](std::string_view part) { return options.only.empty() || options.only == part; };
+    auto wanted = [&](std::string_view part) {
+      return options.only.empty() || options.only == part;
+    };
     if (wanted("stream")) reportStream(sharedLoopback(), options);
     if (wanted("chunks")) reportChunkCost(sharedLoopback(), options);
     if (wanted("decode")) reportDecode(options);

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Commands.h"
+#include "Support.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/mailcontent/MailParser.h"
 #include "lumora/panel/MailExtensionView.h"
@@ -18,7 +19,6 @@
 #include "lumora/platform/Redact.h"
 #include "lumora/store/DefaultsStore.h"
 #include "lumora/store/UserSettings.h"
-#include "Support.h"
 
 namespace lumora::cli {
 namespace {
@@ -159,7 +159,7 @@ int parse(const Args& args, Options& o) {
       if (!value(o.instruction)) return usageError("--instruction needs a text", kReplyHelp);
     } else if (is("--conversation")) {
       if (!value(o.conversation)) return usageError("--conversation needs a UUID", kReplyHelp);
-    } else if (a.size() > 1 && a[0] == '-' ) {
+    } else if (a.size() > 1 && a[0] == '-') {
       return usageError("unknown option '" + a + "'", kReplyHelp);
     } else if (!o.message) {
       o.message = a;
@@ -202,10 +202,11 @@ int replyCommand(const Args& args) {
 
   try {
     MainExecutor executor;
-    SimpleComposeSession session = raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
+    SimpleComposeSession session =
+        raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
     RecordingTransport recorder;
-    HttpTransport& transport = options.dryRun ? static_cast<HttpTransport&>(recorder)
-                                              : defaultTransport();
+    HttpTransport& transport =
+        options.dryRun ? static_cast<HttpTransport&>(recorder) : defaultTransport();
     MemoryPasteboard pasteboard;
     NoConversations conversations;
     std::optional<Service> chosen;
@@ -222,11 +223,13 @@ int replyCommand(const Args& args) {
         .overrides = {},
         .onServiceChosen = [&](const Service& s) { chosen = s; },
     };
-    if (options.model) deps.overrides[std::string(MailExtensionView::kSelectedModelKey)] = *options.model;
+    if (options.model)
+      deps.overrides[std::string(MailExtensionView::kSelectedModelKey)] = *options.model;
     if (options.instruction)
       deps.overrides[std::string(MailExtensionView::kPromptKey)] = *options.instruction;
     if (options.conversation)
-      deps.overrides[std::string(MailExtensionView::kSelectedConversationKey)] = *options.conversation;
+      deps.overrides[std::string(MailExtensionView::kSelectedConversationKey)] =
+          *options.conversation;
 
     auto panel = MailExtensionView::make(std::move(deps));
     SignalWatcher signals(executor, [&panel] { panel->stopGeneration(); });

@@ -1,10 +1,9 @@
 // The chunk stream and the reply text its chunks share.
-#include "lumora/chat/ChunkStream.h"
-
 #include <gtest/gtest.h>
 
 #include <thread>
 
+#include "lumora/chat/ChunkStream.h"
 #include "lumora/platform/Errors.h"
 
 namespace lumora {
@@ -55,8 +54,8 @@ TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {
 
 TEST(ChunkStream, AStopEndsTheIterationAndDroppingTheStreamStopsTheProducer) {
   std::atomic<bool> producerStopped{false};
-  auto stream = std::make_unique<ChunkStream>(
-      ChunkStream::start([&](ChunkSink& sink, std::stop_token stop) {
+  auto stream =
+      std::make_unique<ChunkStream>(ChunkStream::start([&](ChunkSink& sink, std::stop_token stop) {
         sink.emit(chunkOf("first"));
         sink.publish();
         while (!stop.stop_requested()) std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -52,7 +52,8 @@ TEST(RecordedStreams, EveryRecordedStreamGivesItsTextAndFinishReasons) {
     std::vector<std::string> finishReasons;
   };
   const Case cases[] = {
-      {"openai/ok-stream-usage.sse", 33,
+      {"openai/ok-stream-usage.sse",
+       33,
        "I'm unable to provide real-time weather updates. To get the current weather in San "
        "Francisco, I recommend checking a reliable weather website or a weather app.",
        {"stop"}},
@@ -61,7 +62,8 @@ TEST(RecordedStreams, EveryRecordedStreamGivesItsTextAndFinishReasons) {
       {"openai/ok-stream-refusal.sse", 13, "", {"stop"}},
       // Three choices arrive in separate records; only each record's first choice counts, so
       // their words interleave.
-      {"openai/ok-stream-n3.sse", 49,
+      {"openai/ok-stream-n3.sse",
+       49,
        "{\"{\"{\"citycitycity\":\"\":\"\":\"SanSanSan Francisco Francisco Francisco\",\"\",\"\","
        "\"temperature\":temperature\":temperature\":65,\"61,\"59,\"unitsunitsunits\":\"\":\"\":"
        "\"fff\"}\"}\"}",
@@ -100,51 +102,91 @@ TEST(LineRules, EachKindOfLine) {
     Outcome expected;
   };
   const Case cases[] = {
-      {"data prefix with and without blank", "data:" + record + "\ndata: " + record + "\n",
-       LineRule::openAI, {2, "HiHi", {}, ""}},
-      {"a line without the prefix is decoded too", record + "\n", LineRule::openAI,
+      {"data prefix with and without blank",
+       "data:" + record + "\ndata: " + record + "\n",
+       LineRule::openAI,
+       {2, "HiHi", {}, ""}},
+      {"a line without the prefix is decoded too",
+       record + "\n",
+       LineRule::openAI,
        {1, "Hi", {}, ""}},
-      {"[DONE] bare, behind data:, and at the end of anything", "[DONE]\ndata: [DONE]\nxyz[DONE]\n",
-       LineRule::openAI, {0, "", {}, ""}},
-      {"white space around a line is trimmed", "  \tdata: " + record + " \u00a0\r\n",
-       LineRule::openAI, {1, "Hi", {}, ""}},
-      {"lone CR, CRLF and LF all end lines", "data: " + record + "\rdata: " + record +
-                                                  "\r\ndata: " + record + "\n",
-       LineRule::openAI, {3, "HiHiHi", {}, ""}},
-      {"keep-alive comment fails the OpenAI rule", ": OPENROUTER PROCESSING\n", LineRule::openAI,
-       {0, "", {}, "The server's reply could not be read: a line is not JSON: \": OPENROUTER PROCESSING\"."}},
+      {"[DONE] bare, behind data:, and at the end of anything",
+       "[DONE]\ndata: [DONE]\nxyz[DONE]\n",
+       LineRule::openAI,
+       {0, "", {}, ""}},
+      {"white space around a line is trimmed",
+       "  \tdata: " + record + " \u00a0\r\n",
+       LineRule::openAI,
+       {1, "Hi", {}, ""}},
+      {"lone CR, CRLF and LF all end lines",
+       "data: " + record + "\rdata: " + record + "\r\ndata: " + record + "\n",
+       LineRule::openAI,
+       {3, "HiHiHi", {}, ""}},
+      {"keep-alive comment fails the OpenAI rule",
+       ": OPENROUTER PROCESSING\n",
+       LineRule::openAI,
+       {0,
+        "",
+        {},
+        "The server's reply could not be read: a line is not JSON: \": OPENROUTER PROCESSING\"."}},
       {"keep-alive comment is passed over by the compatible rule",
-       ": OPENROUTER PROCESSING\ndata: " + record + "\n", LineRule::openAICompatible,
+       ": OPENROUTER PROCESSING\ndata: " + record + "\n",
+       LineRule::openAICompatible,
        {1, "Hi", {}, ""}},
-      {"an event field line fails", "event: message\n", LineRule::openAICompatible,
-       {0, "", {}, "The server's reply could not be read: a line is not JSON: \"event: message\"."}},
-      {"an error record with code", R"(data: {"error":{"message":"Overloaded","code":"busy"}})",
-       LineRule::openAI, {0, "", {}, "Error busy: Overloaded"}},
-      {"an error record with only a message", R"(data: {"error":{"message":"Overloaded"}})",
-       LineRule::openAI, {0, "", {}, "Error : Overloaded"}},
-      {"an error object without message is no error record", R"(data: {"error":{"code":"x"}})",
-       LineRule::openAI, {0, "", {}, "The server's reply could not be read: the key \"id\" is missing."}},
-      {"a record without created", R"(data: {"id":"a","object":"o","model":"m","choices":[{"delta":{"content":"x"}}]})",
-       LineRule::openAI, {0, "", {}, "The server's reply could not be read: the key \"created\" is missing."}},
-      {"created must be a whole number", R"(data: {"id":"a","object":"o","created":1.5,"model":"m","choices":[]})",
-       LineRule::openAI, {0, "", {}, "The server's reply could not be read: \"created\" is not a whole number."}},
+      {"an event field line fails",
+       "event: message\n",
+       LineRule::openAICompatible,
+       {0,
+        "",
+        {},
+        "The server's reply could not be read: a line is not JSON: \"event: message\"."}},
+      {"an error record with code",
+       R"(data: {"error":{"message":"Overloaded","code":"busy"}})",
+       LineRule::openAI,
+       {0, "", {}, "Error busy: Overloaded"}},
+      {"an error record with only a message",
+       R"(data: {"error":{"message":"Overloaded"}})",
+       LineRule::openAI,
+       {0, "", {}, "Error : Overloaded"}},
+      {"an error object without message is no error record",
+       R"(data: {"error":{"code":"x"}})",
+       LineRule::openAI,
+       {0, "", {}, "The server's reply could not be read: the key \"id\" is missing."}},
+      {"a record without created",
+       R"(data: {"id":"a","object":"o","model":"m","choices":[{"delta":{"content":"x"}}]})",
+       LineRule::openAI,
+       {0, "", {}, "The server's reply could not be read: the key \"created\" is missing."}},
+      {"created must be a whole number",
+       R"(data: {"id":"a","object":"o","created":1.5,"model":"m","choices":[]})",
+       LineRule::openAI,
+       {0, "", {}, "The server's reply could not be read: \"created\" is not a whole number."}},
       {"empty choices yield a chunk with the same text and no finish reason",
-       "data: " + record + "\n" + R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[],"usage":{"total_tokens":3}})",
-       LineRule::openAI, {2, "Hi", {}, ""}},
+       "data: " + record + "\n" +
+           R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[],"usage":{"total_tokens":3}})",
+       LineRule::openAI,
+       {2, "Hi", {}, ""}},
       {"only the first of two choices counts",
        R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{"content":"A"},"finish_reason":"stop"},{"delta":{"content":"B"}}]})",
-       LineRule::openAI, {1, "A", {"stop"}, ""}},
-      {"a role-only delta appends nothing", R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{"role":"assistant","content":null}}]})",
-       LineRule::openAI, {1, "", {}, ""}},
+       LineRule::openAI,
+       {1, "A", {"stop"}, ""}},
+      {"a role-only delta appends nothing",
+       R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{"role":"assistant","content":null}}]})",
+       LineRule::openAI,
+       {1, "", {}, ""}},
       {"camel-case and snake-case keys both convert",
        R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{},"finishReason":"length"}]})",
-       LineRule::openAI, {1, "", {"length"}, ""}},
+       LineRule::openAI,
+       {1, "", {"length"}, ""}},
       {"text already received survives a later bad line",
-       "data: " + record + "\ndata: {broken\n", LineRule::openAI,
+       "data: " + record + "\ndata: {broken\n",
+       LineRule::openAI,
        {1, "Hi", {}, "The server's reply could not be read: a line is not JSON: \" {broken\"."}},
       {"bytes that are not UTF-8 become U+FFFD",
-       "data: {\"id\":\"a\",\"object\":\"o\",\"created\":1,\"model\":\"m\",\"choices\":[{\"delta\":{\"content\":\"caf\xe9\"}}]}\n",
-       LineRule::openAI, {1, "caf\xef\xbf\xbd", {}, ""}},
+       "data: "
+       "{\"id\":\"a\",\"object\":\"o\",\"created\":1,\"model\":\"m\",\"choices\":[{\"delta\":{"
+       "\"content\":\"caf\xe9\"}}]}\n",
+       LineRule::openAI,
+       {1, "caf\xef\xbf\xbd", {}, ""}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -165,8 +207,9 @@ TEST(LineRules, CompletedIsTheConcatenationOfEveryContentUntrimmed) {
   for (int i = 0; i < 500; ++i) {
     const std::string piece = " w" + std::to_string(i) + (i % 50 == 0 ? "\\n" : "");
     expected += " w" + std::to_string(i) + (i % 50 == 0 ? "\n" : "");
-    body += R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{"content":")" +
-            piece + "\"}}]}\n\n";
+    body +=
+        R"(data: {"id":"a","object":"o","created":1,"model":"m","choices":[{"delta":{"content":")" +
+        piece + "\"}}]}\n\n";
   }
   EXPECT_EQ(run(body, LineRule::openAI, 13).completed, expected);
 }

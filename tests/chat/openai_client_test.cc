@@ -1,6 +1,4 @@
 // The OpenAI client's URLs, headers, request body and error texts, and the session's proxy.
-#include "lumora/chat/OpenAIClient.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,6 +6,7 @@
 
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/HttpSession.h"
+#include "lumora/chat/OpenAIClient.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
 #include "support/Fixtures.h"
@@ -51,15 +50,16 @@ TEST_F(OpenAIClientTest, ServiceURLs) {
        "https://llm.example.org/v1/chat/completions"},
       {"custom domain keeps plain http", CustomDomain{"http://10.1.2.3:8080", "k", true}, "",
        "http://10.1.2.3:8080/v1/chat/completions"},
-      {"custom domain with a path of its own", CustomDomain{"https://llm.example.org/api/", {}, false},
-       "", "https://llm.example.org/api/v1/chat/completions"},
+      {"custom domain with a path of its own",
+       CustomDomain{"https://llm.example.org/api/", {}, false}, "",
+       "https://llm.example.org/api/v1/chat/completions"},
       {"a scheme in capitals is not recognised", CustomDomain{"HTTPS://llm.example.org", {}, false},
        "", "https://HTTPS//llm.example.org/v1/chat/completions"},
       {"team without scheme", Team{"team.example.org", "t"}, "",
        "https://team.example.org/v1/chat/completions"},
       {"a domain that is no URL", Team{"bad host name", "t"}, "", "error: Invalid domain"},
-      {"openai through the gateway", OpenAiService{"k"},
-       "https://gateway.example.net/v1/acct/gw", "https://gateway.example.net/v1/acct/gw/openai/chat/completions"},
+      {"openai through the gateway", OpenAiService{"k"}, "https://gateway.example.net/v1/acct/gw",
+       "https://gateway.example.net/v1/acct/gw/openai/chat/completions"},
       {"gateway without scheme", OpenAiService{"k"}, "gateway.example.net/acct",
        "https://gateway.example.net/acct/openai/chat/completions"},
       {"a gateway of spaces counts as absent", OpenAiService{"k"}, "   ",
@@ -100,23 +100,47 @@ TEST_F(OpenAIClientTest, AzureDeploymentRules) {
   const std::string chat(kChatPath);
   const Case cases[] = {
       {"no deployments: the model without dots", nlohmann::json::object(), "gpt-3.5-turbo", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
-      {"a deployment value equal to the dotless model", {{"anything", "gpt-35-turbo"}},
-       "gpt-3.5-turbo", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
-      {"the value stored under the dotless model", {{"gpt-4", "my-gpt4"}}, "gpt-4", chat,
-       "https://res.openai.azure.com/openai/deployments/my-gpt4/chat/completions?api-version=2023-05-15"},
-      {"the key is the dotless model, not the model", {{"gpt-3.5-turbo", "mine"}},
-       "gpt-3.5-turbo", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/completions?api-version=2023-05-15"},
-      {"an empty value falls back to the model", {{"gpt-4", ""}}, "gpt-4", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/completions?api-version=2023-05-15"},
-      {"not all strings counts as empty", {{"gpt-4", "mine"}, {"x", 3}}, "gpt-4", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/completions?api-version=2023-05-15"},
-      {"whisper", {{"whisper", "my-whisper"}}, "whisper", chat,
-       "https://res.openai.azure.com/openai/deployments/my-whisper/audio/transcriptions?api-version=2023-09-01-preview"},
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
+       "completions?api-version=2023-05-15"},
+      {"a deployment value equal to the dotless model",
+       {{"anything", "gpt-35-turbo"}},
+       "gpt-3.5-turbo",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
+       "completions?api-version=2023-05-15"},
+      {"the value stored under the dotless model",
+       {{"gpt-4", "my-gpt4"}},
+       "gpt-4",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/my-gpt4/chat/"
+       "completions?api-version=2023-05-15"},
+      {"the key is the dotless model, not the model",
+       {{"gpt-3.5-turbo", "mine"}},
+       "gpt-3.5-turbo",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
+       "completions?api-version=2023-05-15"},
+      {"an empty value falls back to the model",
+       {{"gpt-4", ""}},
+       "gpt-4",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/"
+       "completions?api-version=2023-05-15"},
+      {"not all strings counts as empty",
+       {{"gpt-4", "mine"}, {"x", 3}},
+       "gpt-4",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/"
+       "completions?api-version=2023-05-15"},
+      {"whisper",
+       {{"whisper", "my-whisper"}},
+       "whisper",
+       chat,
+       "https://res.openai.azure.com/openai/deployments/my-whisper/audio/"
+       "transcriptions?api-version=2023-09-01-preview"},
       {"whisper without its own deployment", nlohmann::json::object(), "whisper", "/v1/other",
-       "https://res.openai.azure.com/openai/deployments/whisper/audio/transcriptions?api-version=2023-09-01-preview"},
+       "https://res.openai.azure.com/openai/deployments/whisper/audio/"
+       "transcriptions?api-version=2023-09-01-preview"},
       {"another path is appended as text", nlohmann::json::object(), "gpt-4", "/v1/models",
        "https://res.openai.azure.com/v1/models"},
   };
@@ -157,8 +181,9 @@ TEST_F(OpenAIClientTest, RequestConstantsAndBody) {
   EXPECT_EQ(r.headers, (HttpHeaders{{"Authorization", "Bearer sk-a"},
                                     {"Content-Type", "application/json"},
                                     {"Accept", "text/event-stream"}}));
-  EXPECT_EQ(r.body,
-            R"({"model":"gpt-4o.1","messages":[{"role":"system","content":"Be kind"},{"role":"user","content":"Hi"}],"stream":true,"temperature":0.7})");
+  EXPECT_EQ(
+      r.body,
+      R"({"model":"gpt-4o.1","messages":[{"role":"system","content":"Be kind"},{"role":"user","content":"Hi"}],"stream":true,"temperature":0.7})");
 }
 
 TEST_F(OpenAIClientTest, TemperatureIsClampedAndMaxTokensOnlyForTheVisionPreview) {
@@ -169,9 +194,12 @@ TEST_F(OpenAIClientTest, TemperatureIsClampedAndMaxTokensOnlyForTheVisionPreview
     std::optional<int> maxTokens;
   };
   const Case cases[] = {
-      {"gpt-4o", 2.5, 2.0, std::nullopt},   {"gpt-4o", -1, 0.0, std::nullopt},
-      {"gpt-4o", 0, 0.0, std::nullopt},     {"gpt-4o", std::nan(""), 0.0, std::nullopt},
-      {"gpt-4o", 1.3, 1.3, std::nullopt},   {"gpt-4-vision-preview", 1, 1.0, 4096},
+      {"gpt-4o", 2.5, 2.0, std::nullopt},
+      {"gpt-4o", -1, 0.0, std::nullopt},
+      {"gpt-4o", 0, 0.0, std::nullopt},
+      {"gpt-4o", std::nan(""), 0.0, std::nullopt},
+      {"gpt-4o", 1.3, 1.3, std::nullopt},
+      {"gpt-4-vision-preview", 1, 1.0, 4096},
       {"gpt-4-vision-preview-2", 1, 1.0, std::nullopt},
   };
   const OpenAIClient client(OpenAiService{"k"}, env_);
@@ -262,8 +290,8 @@ TEST_F(OpenAIClientTest, ErrorBodiesGiveTheUsersText) {
 }
 
 TEST_F(OpenAIClientTest, ServicesWithTheirOwnClientsAreNotSentAsOpenAI) {
-  for (const Service& s : {Service(Ollama{"http://localhost:11434"}), Service(Cloud{"t"}),
-                           Service(Gemini{"g"})}) {
+  for (const Service& s :
+       {Service(Ollama{"http://localhost:11434"}), Service(Cloud{"t"}), Service(Gemini{"g"})}) {
     SCOPED_TRACE(s.description());
     const std::string model = s.as<Gemini>() ? "gemini-pro" : "llama3";
     EXPECT_THROW(OpenAIClient(s, env_).streamChat(model, {}, 1.0, {}), AppError);
@@ -273,8 +301,10 @@ TEST_F(OpenAIClientTest, ServicesWithTheirOwnClientsAreNotSentAsOpenAI) {
 
 TEST_F(OpenAIClientTest, SupportedModelNames) {
   const OpenAIClient client(Claude{"c"}, env_);
-  for (const char* yes : {"gpt-4o", "gpt", "tts-1", "whisper-1"}) EXPECT_TRUE(client.supportsModel(yes));
-  for (const char* no : {"GPT-4", "claude-3", "o1-mini", " gpt"}) EXPECT_FALSE(client.supportsModel(no));
+  for (const char* yes : {"gpt-4o", "gpt", "tts-1", "whisper-1"})
+    EXPECT_TRUE(client.supportsModel(yes));
+  for (const char* no : {"GPT-4", "claude-3", "o1-mini", " gpt"})
+    EXPECT_FALSE(client.supportsModel(no));
 }
 
 TEST_F(OpenAIClientTest, TheProxySettingGivesAnHttpsProxyOnlyWithHostAndPort) {

@@ -1,7 +1,6 @@
 // `lumora reply` end to end: the real binary against a loopback server.
-#include <signal.h>
-
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -63,9 +62,9 @@ class ReplyCommandTest : public ::testing::Test {
 };
 
 TEST_F(ReplyCommandTest, StreamsTheReplyAndEndsWithOneLineFeed) {
-  server_.enqueue(Response::stream(sseRecord("Dear Ann,") + sseRecord("\nthanks!", "stop") +
-                                       "data: [DONE]\n\n",
-                                   16, testing::Framing::kChunked, 5ms));
+  server_.enqueue(
+      Response::stream(sseRecord("Dear Ann,") + sseRecord("\nthanks!", "stop") + "data: [DONE]\n\n",
+                       16, testing::Framing::kChunked, 5ms));
   const ProcessResult r = lumora({"reply", "--model", "gpt-4o"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "Dear Ann,\nthanks!\n");
@@ -97,7 +96,8 @@ TEST_F(ReplyCommandTest, AFailureKeepsTheTextAndSaysWhyOnStandardError) {
   EXPECT_EQ(r.err, "lumora: The network connection was lost.\n");
 
   server_.enqueue(Response::json(
-      401, R"({"error":{"message":"Incorrect API key provided: sk-test-reply-abcdef123456.","code":"invalid_api_key"}})"));
+      401,
+      R"({"error":{"message":"Incorrect API key provided: sk-test-reply-abcdef123456.","code":"invalid_api_key"}})"));
   r = lumora({"reply"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "");
@@ -108,12 +108,13 @@ TEST_F(ReplyCommandTest, SigintStopsTheRunKeepingTheTextSoFar) {
   server_.enqueue(Response::stallThenSend(sseRecord("Started"), 10s, sseRecord(" never")));
   bool sent = false;
   const auto began = std::chrono::steady_clock::now();
-  const ProcessResult r = lumora({"reply"}, ProcessOptions{.onOutput = [&](pid_t pid, const std::string& out) {
-                                  if (!sent && out.find("Started") != std::string::npos) {
-                                    sent = true;
-                                    kill(pid, SIGINT);
-                                  }
-                                }});
+  const ProcessResult r =
+      lumora({"reply"}, ProcessOptions{.onOutput = [&](pid_t pid, const std::string& out) {
+               if (!sent && out.find("Started") != std::string::npos) {
+                 sent = true;
+                 kill(pid, SIGINT);
+               }
+             }});
   EXPECT_TRUE(sent);
   EXPECT_EQ(r.status, 130);
   EXPECT_EQ(r.out, "Started\n");
@@ -133,7 +134,8 @@ TEST_F(ReplyCommandTest, DryRunShowsTheRequestWithCredentialsMasked) {
   EXPECT_EQ(out["url"], "https://llm.example.org/v1/chat/completions");
   EXPECT_EQ(out["headers"]["Authorization"], "Bearer …3456");
   EXPECT_EQ(out["body"]["model"], "gpt-4o");
-  EXPECT_NE(r.err.find("[debug] streaming using customDomain(domain: \"llm.example.org\", apiKey: \"…3456\", sendKey: true)"),
+  EXPECT_NE(r.err.find("[debug] streaming using customDomain(domain: \"llm.example.org\", apiKey: "
+                       "\"…3456\", sendKey: true)"),
             std::string::npos)
       << r.err;
 }

@@ -1,11 +1,10 @@
 // The compose assistant's operations and states, driven through an in-memory transport.
-#include "lumora/panel/MailExtensionView.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "lumora/chat/Errors.h"
+#include "lumora/panel/MailExtensionView.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
 #include "support/TempDir.h"
@@ -22,8 +21,7 @@ constexpr const char* kConversationId = "0F8FAD5B-D9CB-469F-A165-70867728950E";
 
 class PanelTest : public ::testing::Test {
  protected:
-  PanelTest()
-      : shared_(dir_ / "shared.json"), own_(dir_ / "own.json") {
+  PanelTest() : shared_(dir_ / "shared.json"), own_(dir_ / "own.json") {
     shared_.set("apiKey", "sk-test-0000");
   }
 
@@ -38,10 +36,11 @@ class PanelTest : public ::testing::Test {
         .pasteboard = pasteboard_,
         .conversations = conversations_,
         .defaultModel = [] { return std::string("gpt-3.5-turbo"); },
-        .quotedTexts = [this](const std::string&) {
-          if (parserFailure_) std::rethrow_exception(parserFailure_);
-          return passages_;
-        },
+        .quotedTexts =
+            [this](const std::string&) {
+              if (parserFailure_) std::rethrow_exception(parserFailure_);
+              return passages_;
+            },
         .overrides = {},
         .onServiceChosen = {},
     };
@@ -50,8 +49,8 @@ class PanelTest : public ::testing::Test {
 
   // Runs the executor until the latest run has ended.
   void settle(MailExtensionView& panel) {
-    ASSERT_TRUE(executor_.runUntil([&] { return panel.latestRunEnded(); },
-                                   std::chrono::seconds(5)));
+    ASSERT_TRUE(
+        executor_.runUntil([&] { return panel.latestRunEnded(); }, std::chrono::seconds(5)));
   }
 
   nlohmann::json lastBody() const {
@@ -97,39 +96,71 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
   const std::string prompt = "You're my assistant, please reply this email";
   const std::vector<std::string> two{"first quote", "second quote"};
   const Case cases[] = {
-      {"quotes, nothing chosen", two, "", std::nullopt,
+      {"quotes, nothing chosen",
+       two,
+       "",
+       std::nullopt,
        {{{"role", "system"}, {"content", prompt}},
         {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "gpt-4o"},
-      {"quotes, id not a UUID", two, "not-a-uuid", withPrompt,
+      {"quotes, id not a UUID",
+       two,
+       "not-a-uuid",
+       withPrompt,
        {{{"role", "system"}, {"content", prompt}},
         {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "gpt-4o"},
-      {"quotes, conversation gone", two, kConversationId, std::nullopt,
+      {"quotes, conversation gone",
+       two,
+       kConversationId,
+       std::nullopt,
        {{{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "gpt-4o"},
-      {"quotes, conversation without instruction keeps the model", two, kConversationId,
-       withoutPrompt, {{{"role", "user"}, {"content", "first quote\nsecond quote"}}}, "gpt-4o"},
-      {"quotes, conversation with instruction and model", two, kConversationId, withPrompt,
+      {"quotes, conversation without instruction keeps the model",
+       two,
+       kConversationId,
+       withoutPrompt,
+       {{{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+       "gpt-4o"},
+      {"quotes, conversation with instruction and model",
+       two,
+       kConversationId,
+       withPrompt,
        {{{"role", "system"}, {"content", "Be brief."}},
         {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "claude-3-haiku"},
-      {"quotes, lower-case id still matches", two,
-       "0f8fad5b-d9cb-469f-a165-70867728950e", withPrompt,
+      {"quotes, lower-case id still matches",
+       two,
+       "0f8fad5b-d9cb-469f-a165-70867728950e",
+       withPrompt,
        {{{"role", "system"}, {"content", "Be brief."}},
         {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "claude-3-haiku"},
-      {"quotes, empty instruction is still a system message", two, kConversationId, emptyPrompt,
+      {"quotes, empty instruction is still a system message",
+       two,
+       kConversationId,
+       emptyPrompt,
        {{{"role", "system"}, {"content", ""}},
         {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
        "gpt-4o"},
-      {"no quotes, nothing chosen", {}, "", std::nullopt,
-       {{{"role", "user"}, {"content", prompt}}}, "gpt-4o"},
-      {"no quotes, conversation instruction is the user message", {}, kConversationId,
-       withPrompt, {{{"role", "user"}, {"content", "Be brief."}}}, "gpt-4o"},
-      {"no quotes, lower-case id is compared as text and misses", {},
-       "0f8fad5b-d9cb-469f-a165-70867728950e", withPrompt,
-       {{{"role", "user"}, {"content", prompt}}}, "gpt-4o"},
+      {"no quotes, nothing chosen",
+       {},
+       "",
+       std::nullopt,
+       {{{"role", "user"}, {"content", prompt}}},
+       "gpt-4o"},
+      {"no quotes, conversation instruction is the user message",
+       {},
+       kConversationId,
+       withPrompt,
+       {{{"role", "user"}, {"content", "Be brief."}}},
+       "gpt-4o"},
+      {"no quotes, lower-case id is compared as text and misses",
+       {},
+       "0f8fad5b-d9cb-469f-a165-70867728950e",
+       withPrompt,
+       {{{"role", "user"}, {"content", prompt}}},
+       "gpt-4o"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -184,11 +215,17 @@ TEST_F(PanelTest, TheModelIsFilledInOnlyWhenEmpty) {
 
 TEST_F(PanelTest, OverridesAreNeverStored) {
   session_ = SimpleComposeSession();
-  MailExtensionView::Dependencies deps{executor_, session_, own_, ChatEnvironment{shared_, transport_},
-                                       pasteboard_, conversations_,
-                                       [] { return std::string("gpt-3.5-turbo"); },
-                                       [](const std::string&) { return std::vector<std::string>{}; },
-                                       {{"mailSelectedModel", "gpt-4o"}}, {}};
+  MailExtensionView::Dependencies deps{
+      executor_,
+      session_,
+      own_,
+      ChatEnvironment{shared_, transport_},
+      pasteboard_,
+      conversations_,
+      [] { return std::string("gpt-3.5-turbo"); },
+      [](const std::string&) { return std::vector<std::string>{}; },
+      {{"mailSelectedModel", "gpt-4o"}},
+      {}};
   auto panel = MailExtensionView::make(std::move(deps));
   panel->panelDidAppear();
   panel->setSelectedModel("gpt-4.1");
@@ -199,8 +236,8 @@ TEST_F(PanelTest, OverridesAreNeverStored) {
 TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) {
   auto panel = makePanel();
   panel->panelDidAppear();
-  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Hello"), sseRecord(", world", "stop"),
-                                           "data: [DONE]\n\n"}});
+  transport_.enqueue(
+      FakeAnswer{.pieces = {sseRecord("Hello"), sseRecord(", world", "stop"), "data: [DONE]\n\n"}});
   panel->startGeneration();
   settle(*panel);
   EXPECT_EQ(panel->output().str(), "Hello, world");
@@ -225,17 +262,17 @@ TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) 
 TEST_F(PanelTest, FailuresKeepTheTextAndTheErrorStaysAfterASuccess) {
   auto panel = makePanel();
   panel->panelDidAppear();
-  transport_.enqueue(FakeAnswer{
-      .pieces = {sseRecord("Partial")},
-      .bodyFailure = std::make_exception_ptr(TransportError(
-          TransportError::Code::connectionLost, "The network connection was lost."))});
+  transport_.enqueue(
+      FakeAnswer{.pieces = {sseRecord("Partial")},
+                 .bodyFailure = std::make_exception_ptr(TransportError(
+                     TransportError::Code::connectionLost, "The network connection was lost."))});
   panel->startGeneration();
   settle(*panel);
   EXPECT_EQ(panel->output().str(), "Partial");
   EXPECT_EQ(panel->errorMessage(), "The network connection was lost.");
 
-  transport_.enqueue(FakeAnswer{.status = 401,
-                                .pieces = {R"({"error":{"message":"Bad key","code":"invalid_api_key"}})"}});
+  transport_.enqueue(FakeAnswer{
+      .status = 401, .pieces = {R"({"error":{"message":"Bad key","code":"invalid_api_key"}})"}});
   panel->startGeneration();
   settle(*panel);
   EXPECT_EQ(panel->errorMessage(), "Error invalid_api_key: Bad key");

@@ -11,11 +11,13 @@
 namespace lumora {
 namespace {
 
-std::vector<std::string> split(std::string_view input, size_t piece, size_t maxLine = LineSplitter::kDefaultMaxLine) {
+std::vector<std::string> split(std::string_view input, size_t piece,
+                               size_t maxLine = LineSplitter::kDefaultMaxLine) {
   std::vector<std::string> lines;
   LineSplitter splitter(maxLine);
   auto onLine = [&](std::string_view l) { lines.emplace_back(l); };
-  for (size_t at = 0; at < input.size(); at += piece) splitter.feed(input.substr(at, piece), onLine);
+  for (size_t at = 0; at < input.size(); at += piece)
+    splitter.feed(input.substr(at, piece), onLine);
   splitter.finish(onLine);
   return lines;
 }
@@ -53,7 +55,8 @@ TEST(LineSplitter, ALineOverTheLimitFailsWhateverThePieces) {
       ADD_FAILURE() << "no failure";
     } catch (const TransportError& e) {
       EXPECT_EQ(e.code(), TransportError::Code::lineTooLong);
-      EXPECT_STREQ(e.what(), "The server sent a line longer than 64 bytes; the reply was cut off there.");
+      EXPECT_STREQ(e.what(),
+                   "The server sent a line longer than 64 bytes; the reply was cut off there.");
     }
   }
   EXPECT_EQ(split(std::string(64, 'y') + "\n", 5, 64).size(), 1u);
@@ -66,10 +69,12 @@ TEST(Text, Utf8ValidationAndRepair) {
     std::string repaired;
   };
   const Case cases[] = {
-      {"plain ascii, long enough to take the fast path", true, "plain ascii, long enough to take the fast path"},
-      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", true, "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"plain ascii, long enough to take the fast path", true,
+       "plain ascii, long enough to take the fast path"},
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", true,
+       "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
       {"caf\xe9", false, "caf\xef\xbf\xbd"},
-      {"\xc0\xaf", false, "\xef\xbf\xbd\xef\xbf\xbd"},               // overlong
+      {"\xc0\xaf", false, "\xef\xbf\xbd\xef\xbf\xbd"},                  // overlong
       {"\xed\xa0\x80", false, "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},  // surrogate
       {"\xf4\x90\x80\x80", false, "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},
       {"cut \xe2\x82", false, "cut \xef\xbf\xbd\xef\xbf\xbd"},
@@ -83,22 +88,25 @@ TEST(Text, Utf8ValidationAndRepair) {
 
 TEST(Text, TrimmingRemovesUnicodeWhiteSpaceOnly) {
   EXPECT_EQ(text::trimmed(" \t\r\n x y \n"), "x y");
-  EXPECT_EQ(text::trimmed("\xc2\xa0\xe3\x80\x80word\xe2\x80\xa8"), "word");  // NBSP, ideographic, LS
-  EXPECT_EQ(text::trimmed("\xe2\x80\x8bword"), "\xe2\x80\x8bword");          // zero width: not a space
+  EXPECT_EQ(text::trimmed("\xc2\xa0\xe3\x80\x80word\xe2\x80\xa8"),
+            "word");                                                 // NBSP, ideographic, LS
+  EXPECT_EQ(text::trimmed("\xe2\x80\x8bword"), "\xe2\x80\x8bword");  // zero width: not a space
   EXPECT_EQ(text::trimmed("   "), "");
   EXPECT_EQ(text::trimmed("\xff "), "\xff");
 }
 
 TEST(KeyCase, ConversionsBothWays) {
   const std::pair<const char*, const char*> toSnake[] = {
-      {"maxTokens", "max_tokens"}, {"imageUrl", "image_url"}, {"model", "model"},
+      {"maxTokens", "max_tokens"}, {"imageUrl", "image_url"},         {"model", "model"},
       {"URLValue", "url_value"},   {"finishReason", "finish_reason"}, {"", ""}};
   for (auto [camel, snake] : toSnake) EXPECT_EQ(keycase::toSnakeCase(camel), snake) << camel;
-  const std::pair<const char*, const char*> fromSnake[] = {
-      {"finish_reason", "finishReason"}, {"FINISH_REASON", "finishReason"},
-      {"_private_key_", "_privateKey_"}, {"already", "already"},
-      {"alreadyCamel", "alreadyCamel"},  {"__", "__"},
-      {"a__b", "aB"}};
+  const std::pair<const char*, const char*> fromSnake[] = {{"finish_reason", "finishReason"},
+                                                           {"FINISH_REASON", "finishReason"},
+                                                           {"_private_key_", "_privateKey_"},
+                                                           {"already", "already"},
+                                                           {"alreadyCamel", "alreadyCamel"},
+                                                           {"__", "__"},
+                                                           {"a__b", "aB"}};
   for (auto [snake, camel] : fromSnake) EXPECT_EQ(keycase::fromSnakeCase(snake), camel) << snake;
   EXPECT_TRUE(keycase::snakeKeyMatches("finish_reason", "finishReason"));
   EXPECT_TRUE(keycase::snakeKeyMatches("finishReason", "finishReason"));

@@ -38,11 +38,11 @@ class Gate {
 
 struct FakeAnswer {
   int status = 200;
-  std::vector<std::string> pieces;            // the body
-  std::shared_ptr<Gate> headGate;             // the head waits for this, if set
-  std::shared_ptr<Gate> bodyGate;             // after the pieces, the body waits for this
-  std::exception_ptr sendFailure;             // thrown instead of a head
-  std::exception_ptr bodyFailure;             // thrown after the pieces
+  std::vector<std::string> pieces;  // the body
+  std::shared_ptr<Gate> headGate;   // the head waits for this, if set
+  std::shared_ptr<Gate> bodyGate;   // after the pieces, the body waits for this
+  std::exception_ptr sendFailure;   // thrown instead of a head
+  std::exception_ptr bodyFailure;   // thrown after the pieces
 };
 
 class FakeTransport final : public HttpTransport {
@@ -121,7 +121,8 @@ inline std::string sseRecord(const std::string& content, const std::string& fini
     escaped += c;
   }
   record += "\"" + escaped + "\"}";
-  record += finish.empty() ? R"(,"finish_reason":null}]})" : R"(,"finish_reason":")" + finish + R"("}]})";
+  record +=
+      finish.empty() ? R"(,"finish_reason":null}]})" : R"(,"finish_reason":")" + finish + R"("}]})";
   return record + "\n\n";
 }
 

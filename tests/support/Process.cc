@@ -62,7 +62,8 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
   // Standard input is written whole first: the tests' inputs are small.
   size_t written = 0;
   while (written < options.input.size()) {
-    const ssize_t n = ::write(in[1], options.input.data() + written, options.input.size() - written);
+    const ssize_t n =
+        ::write(in[1], options.input.data() + written, options.input.size() - written);
     if (n <= 0) break;
     written += static_cast<size_t>(n);
   }

@@ -19,10 +19,10 @@ struct ProcessResult {
 };
 
 struct ProcessOptions {
-  std::map<std::string, std::string> setEnv;    // added to (or replacing in) this environment
+  std::map<std::string, std::string> setEnv;  // added to (or replacing in) this environment
   std::vector<std::string> unsetEnv;
-  std::string input;                             // standard input, then end of file
-  std::chrono::milliseconds timeout{30'000};     // then SIGKILL
+  std::string input;                          // standard input, then end of file
+  std::chrono::milliseconds timeout{30'000};  // then SIGKILL
   // Called whenever standard output has grown; may signal the child through `pid`.
   std::function<void(pid_t pid, const std::string& outSoFar)> onOutput;
 };

@@ -25,7 +25,7 @@ struct StreamChunk {
   // The model the server names in its record. Shared: every record of a stream names the
   // same model, and a string per chunk would be an allocation per chunk.
   std::shared_ptr<const std::string> model;
-  ReplyText completed;    // the whole reply so far; it replaces what the caller shows
+  ReplyText completed;  // the whole reply so far; it replaces what the caller shows
   std::optional<std::string> finishReason;
 };
 

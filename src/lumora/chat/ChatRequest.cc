@@ -97,8 +97,7 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::strin
   });
 }
 
-LineProcessor::LineProcessor(LineRule rule)
-    : rule_(rule), text_(std::make_shared<ReplyBuffer>()) {}
+LineProcessor::LineProcessor(LineRule rule) : rule_(rule), text_(std::make_shared<ReplyBuffer>()) {}
 
 std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
   // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.
@@ -133,8 +132,7 @@ std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
     if (first.finishReason) finishReason = std::string(*first.finishReason);
   }
   if (!model_ || *model_ != delta.model) model_ = std::make_shared<const std::string>(delta.model);
-  return StreamChunk{model_, ReplyText(text_, text_->size()),
-                     std::move(finishReason)};
+  return StreamChunk{model_, ReplyText(text_, text_->size()), std::move(finishReason)};
 }
 
 void checkErrorBody(std::string_view body, int status) {

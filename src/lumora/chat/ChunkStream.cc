@@ -1,10 +1,10 @@
 #include "lumora/chat/ChunkStream.h"
 
 #include <condition_variable>
-#include <vector>
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace lumora {
 

@@ -6,13 +6,11 @@
 namespace lumora {
 
 OpenAIError OpenAIError::httpError(int status) {
-  return OpenAIError(Kind::httpError, "Unexpected http code " + std::to_string(status), status,
-                     {});
+  return OpenAIError(Kind::httpError, "Unexpected http code " + std::to_string(status), status, {});
 }
 
 OpenAIError OpenAIError::apiError(OpenAIErrorResponse response) {
-  std::string text =
-      "Error " + response.error.code.value_or("") + ": " + response.error.message;
+  std::string text = "Error " + response.error.code.value_or("") + ": " + response.error.message;
   return OpenAIError(Kind::apiError, std::move(text), 0, std::move(response));
 }
 

@@ -20,8 +20,7 @@ SessionConfiguration makeSession(const ChatEnvironment& environment) {
   return session;
 }
 
-void APIRequestDelegate::didSendBodyData(int64_t totalBytesSent,
-                                         int64_t totalBytesExpectedToSend) {
+void APIRequestDelegate::didSendBodyData(int64_t totalBytesSent, int64_t totalBytesExpectedToSend) {
   progress_ = static_cast<double>(totalBytesSent) / static_cast<double>(totalBytesExpectedToSend);
   for (const auto& observer : observers_) observer(progress_);
 }

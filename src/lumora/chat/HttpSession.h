@@ -20,7 +20,9 @@ class APIRequestDelegate {
  public:
   void didSendBodyData(int64_t totalBytesSent, int64_t totalBytesExpectedToSend);
   double progress() const { return progress_; }
-  void subscribe(std::function<void(double)> observer) { observers_.push_back(std::move(observer)); }
+  void subscribe(std::function<void(double)> observer) {
+    observers_.push_back(std::move(observer));
+  }
 
  private:
   double progress_ = 0;

@@ -34,7 +34,8 @@ std::vector<std::string> compatibleModels(DefaultsStore& store) {
   return models;
 }
 
-const Service* scan(const std::vector<Service>& services, std::initializer_list<std::string_view> ids) {
+const Service* scan(const std::vector<Service>& services,
+                    std::initializer_list<std::string_view> ids) {
   for (const Service& service : services) {
     const std::string id = service.id();
     for (std::string_view wanted : ids)
@@ -112,7 +113,7 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
       return model.starts_with("claude");
     case 6:
       return model.starts_with("gemini");
-    case 7:  // ollama
+    case 7:   // ollama
     case 11:  // mistral
       return false;
     case 8:
@@ -137,8 +138,10 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
 Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
   const Service* found = nullptr;
   if (startsWithAny(model, {"tts", "whisper"})) found = scan(services, {"cloud", "openai"});
-  if (!found && model.starts_with("claude")) found = scan(services, {"claude", "openRouter", "cloud"});
-  if (!found && model.starts_with("gemini")) found = scan(services, {"gemini", "openRouter", "cloud"});
+  if (!found && model.starts_with("claude"))
+    found = scan(services, {"claude", "openRouter", "cloud"});
+  if (!found && model.starts_with("gemini"))
+    found = scan(services, {"gemini", "openRouter", "cloud"});
   if (!found && model.starts_with("moonshot")) found = scan(services, {"moonshot"});
   if (!found && model.starts_with("reka")) found = scan(services, {"reka"});
   if (!found && startsWithAny(model, {"mistral", "open_mistral", "open_mixtral"}))

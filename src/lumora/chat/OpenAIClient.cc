@@ -102,13 +102,15 @@ Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
 Url OpenAIClient::serviceURL(std::string_view path, std::optional<std::string_view> model) const {
   if (const auto* s = service_.as<CustomDomain>()) return baseURL(s->domain).appendingPath(path);
   if (const auto* s = service_.as<Team>()) return baseURL(s->domain).appendingPath(path);
-  if (service_.as<Cloud>()) return parsedOrThrow(endpointBase(FixedEndpoint::cloud)).appendingPath(path);
+  if (service_.as<Cloud>())
+    return parsedOrThrow(endpointBase(FixedEndpoint::cloud)).appendingPath(path);
   if (const auto* s = service_.as<Azure>()) return azureURL(*s, path, model);
   return openAIURL(path);
 }
 
 HttpHeaders OpenAIClient::authHeaders() const {
-  if (const auto* s = service_.as<OpenAiService>()) return {{"Authorization", "Bearer " + s->apiKey}};
+  if (const auto* s = service_.as<OpenAiService>())
+    return {{"Authorization", "Bearer " + s->apiKey}};
   if (const auto* s = service_.as<Cloud>()) return {{"Authorization", "Bearer " + s->token}};
   if (const auto* s = service_.as<Team>()) return {{"Authorization", "Bearer " + s->token}};
   if (const auto* s = service_.as<CustomDomain>()) {

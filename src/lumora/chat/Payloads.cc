@@ -13,8 +13,8 @@ namespace lumora {
 // ---- request body ---------------------------------------------------------------------------
 
 std::string ChatRequestPayload::toJSON() const {
-  using nlohmann::ordered_json;
   using keycase::toSnakeCase;
+  using nlohmann::ordered_json;
   bool imageForm = false;
   for (const ChatMessage& m : messages) imageForm |= m.images && !m.images->empty();
 
@@ -28,9 +28,9 @@ std::string ChatRequestPayload::toJSON() const {
       ordered_json blocks = ordered_json::array();
       blocks.push_back({{"type", "text"}, {"text", m.content}});
       for (const std::string& image : m.images.value_or(std::vector<std::string>{})) {
-        blocks.push_back(
-            {{"type", "image_url"},
-             {toSnakeCase("imageUrl"), {{"url", "data:image/jpeg;base64," + base64::encode(image)}}}});
+        blocks.push_back({{"type", "image_url"},
+                          {toSnakeCase("imageUrl"),
+                           {{"url", "data:image/jpeg;base64," + base64::encode(image)}}}});
       }
       wire["content"] = std::move(blocks);
     }
@@ -101,12 +101,15 @@ std::string quoted(std::string_view key) { return "\"" + std::string(key) + "\""
 // The record fields a stream line is read for, by their names after key conversion.
 enum class Field { other, id, object, created, model, choices, delta, finishReason, role, content };
 
-constexpr std::pair<std::string_view, Field> kFields[] = {
-    {"id", Field::id},         {"object", Field::object},
-    {"created", Field::created}, {"model", Field::model},
-    {"choices", Field::choices}, {"delta", Field::delta},
-    {"finishReason", Field::finishReason}, {"role", Field::role},
-    {"content", Field::content}};
+constexpr std::pair<std::string_view, Field> kFields[] = {{"id", Field::id},
+                                                          {"object", Field::object},
+                                                          {"created", Field::created},
+                                                          {"model", Field::model},
+                                                          {"choices", Field::choices},
+                                                          {"delta", Field::delta},
+                                                          {"finishReason", Field::finishReason},
+                                                          {"role", Field::role},
+                                                          {"content", Field::content}};
 
 constexpr size_t kLongestField = 12;  // "finishReason"
 
@@ -191,14 +194,19 @@ const ChatDelta& WireDecoder::chatDelta() {
         if (value.get_array().get(choices)) fail("\"choices\" is not a list");
         seen |= kChoices;
         break;
-      case Field::other: case Field::delta: case Field::finishReason: case Field::role:
+      case Field::other:
+      case Field::delta:
+      case Field::finishReason:
+      case Field::role:
       case Field::content:
         break;
     }
   }
-  static constexpr std::pair<unsigned, const char*> kRequired[] = {
-      {kId, "id"}, {kObject, "object"}, {kCreated, "created"}, {kModel, "model"},
-      {kChoices, "choices"}};
+  static constexpr std::pair<unsigned, const char*> kRequired[] = {{kId, "id"},
+                                                                   {kObject, "object"},
+                                                                   {kCreated, "created"},
+                                                                   {kModel, "model"},
+                                                                   {kChoices, "choices"}};
   for (auto [bit, name] : kRequired) {
     if (!(seen & bit)) fail("the key " + quoted(name) + " is missing");
   }

@@ -16,24 +16,23 @@ std::string secret(const std::string& s) { return q(redact::masked(s)); }
 }  // namespace
 
 std::string Service::id() const {
-  return std::visit(
-      Overloaded{
-          [](const OpenAiService&) -> std::string { return "openai"; },
-          [](const CustomDomain& s) -> std::string { return s.domain; },
-          [](const Team& s) -> std::string { return s.domain; },
-          [](const Cloud&) -> std::string { return "cloud"; },
-          [](const Azure& s) -> std::string { return s.endpoint; },
-          [](const Claude&) -> std::string { return "claude"; },
-          [](const Gemini&) -> std::string { return "gemini"; },
-          [](const Ollama&) -> std::string { return "ollama"; },
-          [](const Groq&) -> std::string { return "groq"; },
-          [](const Moonshot&) -> std::string { return "moonshot"; },
-          [](const OpenRouter&) -> std::string { return "openRouter"; },
-          [](const Mistral&) -> std::string { return "mistral"; },
-          [](const OpenAICompatible&) -> std::string { return "openAICompatible"; },
-          [](const Reka&) -> std::string { return "reka"; },
-      },
-      value_);
+  return std::visit(Overloaded{
+                        [](const OpenAiService&) -> std::string { return "openai"; },
+                        [](const CustomDomain& s) -> std::string { return s.domain; },
+                        [](const Team& s) -> std::string { return s.domain; },
+                        [](const Cloud&) -> std::string { return "cloud"; },
+                        [](const Azure& s) -> std::string { return s.endpoint; },
+                        [](const Claude&) -> std::string { return "claude"; },
+                        [](const Gemini&) -> std::string { return "gemini"; },
+                        [](const Ollama&) -> std::string { return "ollama"; },
+                        [](const Groq&) -> std::string { return "groq"; },
+                        [](const Moonshot&) -> std::string { return "moonshot"; },
+                        [](const OpenRouter&) -> std::string { return "openRouter"; },
+                        [](const Mistral&) -> std::string { return "mistral"; },
+                        [](const OpenAICompatible&) -> std::string { return "openAICompatible"; },
+                        [](const Reka&) -> std::string { return "reka"; },
+                    },
+                    value_);
 }
 
 std::string Service::description() const {
@@ -72,20 +71,19 @@ std::string Service::description() const {
 }
 
 std::vector<std::string> Service::credentials() const {
-  return std::visit(
-      Overloaded{
-          [](const OpenAiService& s) { return std::vector{s.apiKey}; },
-          [](const CustomDomain& s) {
-            return s.apiKey ? std::vector{*s.apiKey} : std::vector<std::string>{};
-          },
-          [](const Team& s) { return std::vector{s.token}; },
-          [](const Cloud& s) { return std::vector{s.token}; },
-          [](const Azure& s) { return std::vector{s.apiKey}; },
-          [](const Ollama&) { return std::vector<std::string>{}; },
-          [](const OpenAICompatible& s) { return std::vector{s.apiKey}; },
-          [](const auto& s) { return std::vector{s.apiKey}; },
-      },
-      value_);
+  return std::visit(Overloaded{
+                        [](const OpenAiService& s) { return std::vector{s.apiKey}; },
+                        [](const CustomDomain& s) {
+                          return s.apiKey ? std::vector{*s.apiKey} : std::vector<std::string>{};
+                        },
+                        [](const Team& s) { return std::vector{s.token}; },
+                        [](const Cloud& s) { return std::vector{s.token}; },
+                        [](const Azure& s) { return std::vector{s.apiKey}; },
+                        [](const Ollama&) { return std::vector<std::string>{}; },
+                        [](const OpenAICompatible& s) { return std::vector{s.apiKey}; },
+                        [](const auto& s) { return std::vector{s.apiKey}; },
+                    },
+                    value_);
 }
 
 }  // namespace lumora

@@ -17,9 +17,7 @@ struct MailExtensionView::Task {
   bool ended = false;             // the run's last change is made (executor only)
 };
 
-bool MailExtensionView::latestRunEnded() const {
-  return generatingTask_ && generatingTask_->ended;
-}
+bool MailExtensionView::latestRunEnded() const { return generatingTask_ && generatingTask_->ended; }
 
 void MailExtensionView::finish(const std::shared_ptr<Task>& task) {
   generating_ = false;

@@ -50,7 +50,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   struct Dependencies {
     MainExecutor& executor;
     const ComposeSession& session;
-    DefaultsStore& ownDefaults;  // the three stored fields
+    DefaultsStore& ownDefaults;   // the three stored fields
     ChatEnvironment environment;  // settings and transport for the clients
     Pasteboard& pasteboard;
     ConversationSource& conversations;

@@ -34,8 +34,8 @@ using Clock = std::chrono::steady_clock;
 
 std::string_view trimmed(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' ||
-                        s.back() == '\n'))
+  while (!s.empty() &&
+         (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
     s.remove_suffix(1);
   return s;
 }
@@ -75,8 +75,8 @@ TransportError transportError(CURLcode code, const char* detail) {
     case CURLE_UNSUPPORTED_PROTOCOL:
       return make(C::badURL, "unsupported URL");
     default:
-      return make(C::other, std::string("The network request failed: ") +
-                                curl_easy_strerror(code) + ".");
+      return make(C::other,
+                  std::string("The network request failed: ") + curl_easy_strerror(code) + ".");
   }
 }
 
@@ -129,8 +129,8 @@ class CurlResponse final : public HttpResponse {
                          std::equal(request.url.begin(), request.url.begin() + 8, "https://",
                                     [](char a, char b) { return std::tolower(a) == b; });
       if (https) {
-        proxy_ = "http://" + session.httpsProxy->host + ":" +
-                 std::to_string(session.httpsProxy->port);
+        proxy_ =
+            "http://" + session.httpsProxy->host + ":" + std::to_string(session.httpsProxy->port);
         curl_easy_setopt(easy_, CURLOPT_PROXY, proxy_.c_str());
       } else {
         // The configured proxy replaces the environment's, and it is for HTTPS alone.
@@ -147,9 +147,7 @@ class CurlResponse final : public HttpResponse {
   const HttpHeaders& headers() const override { return headers_; }
 
   // Drives the transfer until the head has arrived.
-  void awaitHead(std::stop_token stop) {
-    drive(stop, /*untilHead=*/true);
-  }
+  void awaitHead(std::stop_token stop) { drive(stop, /*untilHead=*/true); }
 
   void readBody(const std::function<void(std::string_view)>& onBytes, std::stop_token stop,
                 const std::function<void()>& onCaughtUp) override {
@@ -177,7 +175,8 @@ class CurlResponse final : public HttpResponse {
       const size_t space = line.find(' ');
       if (space != std::string_view::npos) {
         int status = 0;
-        for (size_t i = space + 1; i < line.size() && std::isdigit(static_cast<unsigned char>(line[i])); ++i)
+        for (size_t i = space + 1;
+             i < line.size() && std::isdigit(static_cast<unsigned char>(line[i])); ++i)
           status = status * 10 + (line[i] - '0');
         r->status_ = status;
       }

@@ -18,18 +18,17 @@ class Error : public std::runtime_error {
 class TransportError : public Error {
  public:
   enum class Code {
-    cannotConnect,       // refused, unreachable
-    cannotFindHost,      // name resolution failed
-    timedOut,            // no byte for the idle timeout
-    connectionLost,      // the body broke off
-    secureConnection,    // TLS failed
-    badURL,              // libcurl refused the URL
-    lineTooLong,         // a single line exceeded the line limit
-    cancelled,           // the request was cancelled by its owner
+    cannotConnect,     // refused, unreachable
+    cannotFindHost,    // name resolution failed
+    timedOut,          // no byte for the idle timeout
+    connectionLost,    // the body broke off
+    secureConnection,  // TLS failed
+    badURL,            // libcurl refused the URL
+    lineTooLong,       // a single line exceeded the line limit
+    cancelled,         // the request was cancelled by its owner
     other,
   };
-  TransportError(Code code, std::string description)
-      : Error(std::move(description)), code_(code) {}
+  TransportError(Code code, std::string description) : Error(std::move(description)), code_(code) {}
   Code code() const { return code_; }
 
  private:

@@ -56,8 +56,7 @@ class HttpResponse {
   // ended the body, or when `stop` is requested (the transfer is then aborted within
   // milliseconds). Throws TransportError when the connection fails or stalls; an exception
   // thrown by a callback aborts the transfer and propagates.
-  virtual void readBody(const std::function<void(std::string_view)>& onBytes,
-                        std::stop_token stop,
+  virtual void readBody(const std::function<void(std::string_view)>& onBytes, std::stop_token stop,
                         const std::function<void()>& onCaughtUp = {}) = 0;
 };
 

@@ -30,7 +30,7 @@ class Url {
 
   const std::string& text() const { return text_; }
   std::string scheme() const;
-  std::string host() const;  // percent-encoded form, IPv6 literals in brackets
+  std::string host() const;         // percent-encoded form, IPv6 literals in brackets
   std::optional<int> port() const;  // the explicit port only
   std::string path() const;
   std::string query() const;

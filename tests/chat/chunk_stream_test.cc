@@ -32,7 +32,7 @@ TEST(ReplyText, PrefixesAcrossBlocksReadWhileTheWriterAppends) {
 }
 
 StreamChunk chunkOf(const std::string& text) {
-  return StreamChunk{std::make_shared<const std::string>("m"), ReplyText(text), std::nullopt};
+  return StreamChunk{ModelName("m"), ReplyText(text), std::nullopt};
 }
 
 TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {

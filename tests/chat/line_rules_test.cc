@@ -29,7 +29,7 @@ Outcome run(const std::string& body, LineRule rule, size_t piece = 0) {
     if (auto chunk = processor.process(line)) {
       ++out.chunks;
       out.completed = chunk->completed.str();
-      out.model = *chunk->model;
+      out.model = chunk->model.str();
       if (chunk->finishReason) out.finishReasons.push_back(*chunk->finishReason);
     }
   };

@@ -1,9 +1,11 @@
 // The provider-neutral chat values that the panel hands in and every client hands back.
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "lumora/chat/ReplyText.h"
@@ -20,11 +22,40 @@ struct ChatMessage {
   bool operator==(const ChatMessage&) const = default;
 };
 
+// A model name held inline. Every chunk of a stream carries one, and at stream rates neither
+// an allocation per chunk nor a reference count shared between the reader's thread and the
+// consumer's is cheap. Names longer than kInline bytes live on the heap.
+class ModelName {
+ public:
+  static constexpr size_t kInline = 47;
+
+  ModelName() = default;
+  ModelName(std::string_view name) {  // NOLINT: a name is a model name
+    if (name.size() <= kInline) {
+      std::memcpy(inline_, name.data(), name.size());
+      size_ = static_cast<uint8_t>(name.size());
+    } else {
+      long_.assign(name);
+      size_ = kLong;
+    }
+  }
+
+  std::string_view view() const {
+    return size_ == kLong ? std::string_view(long_) : std::string_view(inline_, size_);
+  }
+  std::string str() const { return std::string(view()); }
+  bool operator==(std::string_view other) const { return view() == other; }
+
+ private:
+  static constexpr uint8_t kLong = 0xFF;
+  char inline_[kInline] = {};
+  uint8_t size_ = 0;
+  std::string long_;
+};
+
 // What a client yields for each record of a stream.
 struct StreamChunk {
-  // The model the server names in its record. Shared: every record of a stream names the
-  // same model, and a string per chunk would be an allocation per chunk.
-  std::shared_ptr<const std::string> model;
+  ModelName model;      // the model the server names in its record
   ReplyText completed;  // the whole reply so far; it replaces what the caller shows
   std::optional<std::string> finishReason;
 };

@@ -131,8 +131,8 @@ std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
     if (first.delta && first.delta->content) text_->append(*first.delta->content);
     if (first.finishReason) finishReason = std::string(*first.finishReason);
   }
-  if (!model_ || *model_ != delta.model) model_ = std::make_shared<const std::string>(delta.model);
-  return StreamChunk{model_, ReplyText(text_, text_->size()), std::move(finishReason)};
+  return StreamChunk{ModelName(delta.model), ReplyText(text_, text_->size()),
+                     std::move(finishReason)};
 }
 
 void checkErrorBody(std::string_view body, int status) {

@@ -56,7 +56,6 @@ class LineProcessor {
   LineRule rule_;
   WireDecoder decoder_;
   std::shared_ptr<ReplyBuffer> text_;
-  std::shared_ptr<const std::string> model_;
 };
 
 // Throws OpenAIError::apiError when `body` is an error body; returns when it is not one and

@@ -101,8 +101,10 @@ LineProcessor::LineProcessor(LineRule rule) : rule_(rule), text_(std::make_share
 
 std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
   // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.
+  // The JSON parser checks UTF-8 anyway, so a line is only looked at again when it fails
+  // there (or when it is about to be shown in a debug line).
   std::string repaired;
-  if (!text::isValidUtf8(raw)) {
+  if (debug::enabled() && !text::isValidUtf8(raw)) {
     repaired = text::repairedUtf8(raw);
     raw = repaired;
   }
@@ -114,7 +116,13 @@ std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
     return std::nullopt;
   if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
 
-  if (!decoder_.parse(line)) {
+  bool parsed = decoder_.parse(line);
+  if (!parsed && repaired.empty() && !text::isValidUtf8(line)) {
+    repaired = text::repairedUtf8(line);
+    line = repaired;
+    parsed = decoder_.parse(line);
+  }
+  if (!parsed) {
     // The line itself says more to the user than the parser's diagnosis.
     constexpr size_t kShown = 80;
     std::string_view shown = line.substr(0, kShown);

@@ -30,8 +30,6 @@ const Entry& entry(FixedEndpoint endpoint) { return kEntries[static_cast<size_t>
 
 }  // namespace
 
-std::string_view endpointEnvironmentName(FixedEndpoint endpoint) { return entry(endpoint).name; }
-
 std::string endpointBase(FixedEndpoint endpoint) {
   const Entry& e = entry(endpoint);
   const std::string variable = "LUMORA_" + std::string(e.name) + "_BASE_URL";

@@ -21,9 +21,6 @@ enum class FixedEndpoint {
   azureSpeech,
 };
 
-// "OPENAI", "CLAUDE", ... as in the environment variable's name.
-std::string_view endpointEnvironmentName(FixedEndpoint endpoint);
-
 // The base URL in force: the override when its variable is set and not blank, else the
 // built-in one.
 std::string endpointBase(FixedEndpoint endpoint);

@@ -13,18 +13,13 @@
 
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Http.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 
 std::optional<std::string> HttpRequest::header(std::string_view name) const {
-  for (const auto& [key, value] : headers) {
-    if (key.size() == name.size() &&
-        std::equal(key.begin(), key.end(), name.begin(), [](char a, char b) {
-          return std::tolower(static_cast<unsigned char>(a)) ==
-                 std::tolower(static_cast<unsigned char>(b));
-        }))
-      return value;
-  }
+  for (const auto& [key, value] : headers)
+    if (text::equalsIgnoringCase(key, name)) return value;
   return std::nullopt;
 }
 

@@ -1,7 +1,5 @@
 #include "lumora/platform/Uuid.h"
 
-#include <random>
-
 namespace lumora::uuid {
 
 std::optional<std::string> canonical(std::string_view text) {
@@ -15,26 +13,6 @@ std::optional<std::string> canonical(std::string_view text) {
     }
     if (c >= 'a' && c <= 'f') c = static_cast<char>(c - 32);
     if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return std::nullopt;
-  }
-  return out;
-}
-
-std::string make() {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::random_device device;
-  std::mt19937_64 generator((uint64_t{device()} << 32) ^ device());
-  unsigned char bytes[16];
-  for (int i = 0; i < 16; i += 8) {
-    const uint64_t r = generator();
-    for (int k = 0; k < 8; ++k) bytes[i + k] = static_cast<unsigned char>(r >> (8 * k));
-  }
-  bytes[6] = (bytes[6] & 0x0F) | 0x40;
-  bytes[8] = (bytes[8] & 0x3F) | 0x80;
-  std::string out;
-  for (int i = 0; i < 16; ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
-    out += kHex[bytes[i] >> 4];
-    out += kHex[bytes[i] & 15];
   }
   return out;
 }

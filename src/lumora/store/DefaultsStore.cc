@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lumora/platform/Errors.h"
+#include "lumora/platform/Text.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -380,12 +381,6 @@ std::optional<json> numberInText(std::string_view text) {
   return std::nullopt;
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return (x >= 'A' && x <= 'Z' ? x + 32 : x) == y;
-         });
-}
-
 }  // namespace
 
 std::optional<std::string> asString(const json& value) {
@@ -413,8 +408,8 @@ std::optional<bool> asBool(const json& value) {
   if (value.is_number()) return value.get<double>() != 0;
   if (!value.is_string()) return std::nullopt;
   const std::string_view text = trimmed(value.get_ref<const std::string&>());
-  if (equalsIgnoringCase(text, "true") || equalsIgnoringCase(text, "yes")) return true;
-  if (equalsIgnoringCase(text, "false") || equalsIgnoringCase(text, "no")) return false;
+  if (text::equalsIgnoringCase(text, "true") || text::equalsIgnoringCase(text, "yes")) return true;
+  if (text::equalsIgnoringCase(text, "false") || text::equalsIgnoringCase(text, "no")) return false;
   if (const auto number = numberInText(text)) return asBool(*number);
   return std::nullopt;
 }

@@ -140,6 +140,11 @@ TEST_F(TransportTest, FailuresBeforeTheStream) {
                       "{\n  \"error\": {\n    \"message\": \"Bad key\",\n    \"code\": "
                       "\"invalid_api_key\"\n  }\n}\n"),
        "Error invalid_api_key: Bad key"},
+      {"a server that echoes the key gets it masked",
+       Response::json(
+           401,
+           R"({"error":{"message":"Incorrect API key provided: sk-test-transport-1234.","code":"invalid_api_key"}})"),
+       "Error invalid_api_key: Incorrect API key provided: …1234."},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -5,6 +5,7 @@
 #include "lumora/chat/Endpoints.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/platform/Debug.h"
+#include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/DefaultsStore.h"
 
@@ -44,6 +45,11 @@ std::vector<std::pair<std::string, std::string>> azureDeployments(DefaultsStore&
 }
 
 }  // namespace
+
+OpenAIClient::OpenAIClient(Service service, const ChatEnvironment& environment)
+    : service_(std::move(service)), environment_(environment) {
+  for (const std::string& secret : service_.credentials()) redact::registerSecret(secret);
+}
 
 bool OpenAIClient::isOpenAIModel(std::string_view model) {
   return model.starts_with("gpt") || model.starts_with("tts") || model.starts_with("whisper");

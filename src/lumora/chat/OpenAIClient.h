@@ -16,8 +16,9 @@ namespace lumora {
 
 class OpenAIClient final : public LLMClient {
  public:
-  OpenAIClient(Service service, const ChatEnvironment& environment)
-      : service_(std::move(service)), environment_(environment) {}
+  // Registers the service's credentials for masking, so that no output of this client shows
+  // them, however the service was made.
+  OpenAIClient(Service service, const ChatEnvironment& environment);
 
   const Service& service() const { return service_; }
 

@@ -9,6 +9,8 @@ template <class... Ts>
 struct Overloaded : Ts... {
   using Ts::operator()...;
 };
+template <class... Ts>
+Overloaded(Ts...) -> Overloaded<Ts...>;  // clang 14 does not deduce aggregates by itself
 
 std::string q(const std::string& s) { return "\"" + s + "\""; }
 std::string secret(const std::string& s) { return q(redact::masked(s)); }

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Builds the fuzz targets with clang (libFuzzer, AddressSanitizer, UBSan) and runs each for
+# SECONDS (default 60), seeded from fuzz/corpus/NAME and the provider fixtures.
+# Usage: fuzz/run.sh [SECONDS] [TARGET...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+shift || true
+cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_COMPILER=clang++ -DLUMORA_BUILD_FUZZ=ON -DLUMORA_BUILD_TESTS=OFF \
+  -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
+cmake --build build-fuzz
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body)
+for t in "${targets[@]}"; do
+  work="build-fuzz/corpus/$t"
+  mkdir -p "$work"
+  seeds=("fuzz/corpus/$t")
+  case "$t" in
+    line_rules) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
+    error_body) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
+  esac
+  existing=()
+  for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done
+  "build-fuzz/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len=65536 "$work" "${existing[@]}"
+done

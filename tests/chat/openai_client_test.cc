@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "lumora/chat/Endpoints.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/HttpSession.h"
 #include "lumora/chat/OpenAIClient.h"
@@ -338,6 +339,34 @@ TEST_F(OpenAIClientTest, TheProxySettingGivesAnHttpsProxyOnlyWithHostAndPort) {
       EXPECT_FALSE(session.httpsProxy.has_value());
     }
     EXPECT_EQ(session.idleTimeout, std::chrono::milliseconds(60'000));
+  }
+}
+
+}  // namespace
+}  // namespace lumora
+
+namespace lumora {
+namespace {
+
+TEST(Endpoints, EveryFixedEndpointHasItsOverride) {
+  const std::pair<FixedEndpoint, const char*> names[] = {
+      {FixedEndpoint::openai, "OPENAI"},         {FixedEndpoint::claude, "CLAUDE"},
+      {FixedEndpoint::gemini, "GEMINI"},         {FixedEndpoint::groq, "GROQ"},
+      {FixedEndpoint::mistral, "MISTRAL"},       {FixedEndpoint::moonshot, "MOONSHOT"},
+      {FixedEndpoint::openRouter, "OPENROUTER"}, {FixedEndpoint::reka, "REKA"},
+      {FixedEndpoint::cloud, "CLOUD"},           {FixedEndpoint::azureSpeech, "AZURE_SPEECH"},
+  };
+  for (auto [endpoint, name] : names) {
+    SCOPED_TRACE(name);
+    const std::string variable = std::string("LUMORA_") + name + "_BASE_URL";
+    unsetenv(variable.c_str());
+    const std::string builtIn = endpointBase(endpoint);
+    EXPECT_TRUE(builtIn.starts_with("https://"));
+    setenv(variable.c_str(), " http://127.0.0.1:9/x ", 1);
+    EXPECT_EQ(endpointBase(endpoint), "http://127.0.0.1:9/x");
+    setenv(variable.c_str(), "  ", 1);
+    EXPECT_EQ(endpointBase(endpoint), builtIn);
+    unsetenv(variable.c_str());
   }
 }
 

@@ -120,6 +120,44 @@ std::string_view trimmed(std::string_view s) {
   return s.substr(begin, end - begin);
 }
 
+size_t codePointAt(std::string_view s, size_t i, char32_t& cp) {
+  const size_t len = decode(s, i, cp);
+  if (len == 0) {
+    cp = 0xFFFD;
+    return 1;
+  }
+  return len;
+}
+
+namespace {
+
+bool extendsCharacter(char32_t c) {
+  return (c >= 0x0300 && c <= 0x036F) || (c >= 0x1AB0 && c <= 0x1AFF) ||
+         (c >= 0x1DC0 && c <= 0x1DFF) || (c >= 0x20D0 && c <= 0x20FF) ||
+         (c >= 0xFE20 && c <= 0xFE2F) || (c >= 0xFE00 && c <= 0xFE0F) ||
+         (c >= 0x1F3FB && c <= 0x1F3FF) || (c >= 0xE0100 && c <= 0xE01EF) || c == 0x200D;
+}
+
+}  // namespace
+
+size_t characterLengthAt(std::string_view s, size_t i) {
+  char32_t cp;
+  size_t end = i + codePointAt(s, i, cp);
+  if (cp == '\r' && end < s.size() && s[end] == '\n') return end + 1 - i;
+  bool joined = false;
+  while (end < s.size()) {
+    char32_t next;
+    const size_t len = codePointAt(s, end, next);
+    if (extendsCharacter(next) || joined) {
+      joined = next == 0x200D;
+      end += len;
+      continue;
+    }
+    break;
+  }
+  return end - i;
+}
+
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {

@@ -17,6 +17,15 @@ std::string repairedUtf8(std::string_view s);
 // property (ASCII blanks, NEL, NBSP, the space separators, LS, PS, ...).
 std::string_view trimmed(std::string_view s);
 
+// The code point at byte `i` of `s` (i < s.size()) and its length in bytes. A byte that does
+// not start a well-formed sequence counts as one code point of its own, U+FFFD.
+size_t codePointAt(std::string_view s, size_t i, char32_t& cp);
+
+// The length in bytes of the user-perceived character at byte `i`: a code point with the
+// combining marks, variation selectors, emoji modifiers and joined code points that belong to
+// it, and CR LF as one. An approximation of extended grapheme clusters that needs no tables.
+size_t characterLengthAt(std::string_view s, size_t i);
+
 // ASCII-only case-insensitive comparison.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 

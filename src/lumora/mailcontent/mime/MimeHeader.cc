@@ -1,0 +1,443 @@
+#include "lumora/mailcontent/mime/MimeHeader.h"
+
+#include <algorithm>
+#include <variant>
+
+#include "lumora/platform/Text.h"
+
+namespace lumora {
+namespace {
+
+// ---- characters ------------------------------------------------------------------------------
+
+enum class Special {
+  leftParentheses,
+  rightParentheses,
+  leftAngleBracket,
+  rightAngleBracket,
+  atSign,
+  comma,
+  semicolon,
+  colon,
+  backslash,
+  quotationMark,
+  slash,
+  leftSquareBracket,
+  rightSquareBracket,
+  questionMark,
+  equalitySign,
+};
+
+std::optional<Special> specialOf(char32_t c) {
+  switch (c) {
+    case '(':
+      return Special::leftParentheses;
+    case ')':
+      return Special::rightParentheses;
+    case '<':
+      return Special::leftAngleBracket;
+    case '>':
+      return Special::rightAngleBracket;
+    case '@':
+      return Special::atSign;
+    case ',':
+      return Special::comma;
+    case ';':
+      return Special::semicolon;
+    case ':':
+      return Special::colon;
+    case '\\':
+      return Special::backslash;
+    case '"':
+      return Special::quotationMark;
+    case '/':
+      return Special::slash;
+    case '[':
+      return Special::leftSquareBracket;
+    case ']':
+      return Special::rightSquareBracket;
+    case '?':
+      return Special::questionMark;
+    case '=':
+      return Special::equalitySign;
+    default:
+      return std::nullopt;
+  }
+}
+
+// What ends a token: the blank, the controls U+0000 to U+001E (not U+001F), and the specials.
+bool endsToken(char32_t c) { return c == ' ' || c <= 0x1E || specialOf(c).has_value(); }
+// What ends quoted text: the quotation mark and the backslash.
+bool endsQuoted(char32_t c) { return c == '"' || c == '\\'; }
+
+// ---- the scanner over one field body ----------------------------------------------------------
+// Steps by user-perceived character; a character belongs to a set when its first code point
+// does. Every operation leaves the position as it was when it fails.
+
+class StringScanner {
+ public:
+  explicit StringScanner(std::string_view text) : text_(text) {}
+
+  bool atEnd() const { return position_ >= text_.size(); }
+  char32_t first() const {
+    char32_t cp;
+    text::codePointAt(text_, position_, cp);
+    return cp;
+  }
+  void step() { position_ += text::characterLengthAt(text_, position_); }
+
+  void skipBlanks() {
+    while (!atEnd() && first() == ' ') step();
+  }
+
+  std::optional<Special> scanSpecial() {
+    if (atEnd()) return std::nullopt;
+    const auto special = specialOf(first());
+    if (special) step();
+    return special;
+  }
+
+  // Characters up to one in the set, at least one.
+  template <typename InSet>
+  std::optional<std::string_view> scanUpTo(InSet inSet) {
+    const size_t start = position_;
+    while (!atEnd() && !inSet(first())) step();
+    if (position_ == start) return std::nullopt;
+    return text_.substr(start, position_ - start);
+  }
+
+  // Text between two quotation marks, with neither a quotation mark nor a backslash in it.
+  std::optional<std::string_view> scanQuoted() {
+    const size_t start = position_;
+    if (scanSpecial() == Special::quotationMark) {
+      if (auto inner = scanUpTo(endsQuoted)) {
+        if (scanSpecial() == Special::quotationMark) return inner;
+      }
+    }
+    position_ = start;
+    return std::nullopt;
+  }
+
+ private:
+  std::string_view text_;
+  size_t position_ = 0;
+};
+
+// ---- tokens ----------------------------------------------------------------------------------
+
+struct QuotedString {
+  std::string_view text;
+};
+struct Token {
+  std::string_view text;
+};
+using LexedToken = std::variant<QuotedString, Token, Special>;
+
+// Never fails: lexing stops at a character that fits nothing (a tab, another control) and the
+// tokens before it stand.
+std::vector<LexedToken> tokenize(std::string_view body) {
+  std::vector<LexedToken> tokens;
+  StringScanner scanner(body);
+  while (true) {
+    scanner.skipBlanks();
+    if (auto quoted = scanner.scanQuoted()) {
+      tokens.emplace_back(QuotedString{*quoted});
+    } else if (auto token = scanner.scanUpTo(endsToken)) {
+      tokens.emplace_back(Token{*token});
+    } else if (auto special = scanner.scanSpecial()) {
+      tokens.emplace_back(*special);
+    } else {
+      break;
+    }
+  }
+  return tokens;
+}
+
+class TokenProcessor {
+ public:
+  TokenProcessor(std::vector<LexedToken> tokens, std::string_view field)
+      : tokens_(std::move(tokens)), field_(field) {}
+
+  bool done() const { return cursor_ >= tokens_.size(); }
+
+  std::string expectToken() {
+    const auto* t = next<Token>(MimeHeaderError::Code::invalidToken);
+    ++cursor_;
+    return std::string(t->text);
+  }
+  std::string expectQuotedString() {
+    const auto* t = next<QuotedString>(MimeHeaderError::Code::invalidQuotedString);
+    ++cursor_;
+    return std::string(t->text);
+  }
+  void expectSpecial(Special wanted) {
+    const auto* s = next<Special>(MimeHeaderError::Code::invalidSpecial);
+    if (*s != wanted) throw MimeHeaderError(MimeHeaderError::Code::invalidSpecial, field_);
+    ++cursor_;
+  }
+
+ private:
+  template <typename T>
+  const T* next(MimeHeaderError::Code mismatch) const {
+    if (done()) throw MimeHeaderError(MimeHeaderError::Code::noMoreTokens, field_);
+    const T* t = std::get_if<T>(&tokens_[cursor_]);
+    if (!t) throw MimeHeaderError(mismatch, field_);
+    return t;
+  }
+
+  std::vector<LexedToken> tokens_;
+  size_t cursor_ = 0;
+  std::string_view field_;
+};
+
+HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
+  HeaderParameters parameters;
+  while (!p.done()) {
+    p.expectSpecial(Special::semicolon);
+    if (p.done()) break;  // a trailing semicolon is accepted
+    std::string name = p.expectToken();
+    p.expectSpecial(Special::equalitySign);
+    std::string value;
+    try {
+      value = p.expectQuotedString();
+    } catch (const MimeHeaderError&) {
+      try {
+        value = p.expectToken();
+      } catch (const MimeHeaderError&) {
+        throw MimeHeaderError(MimeHeaderError::Code::invalidParameterValue, field);
+      }
+    }
+    parameters[std::move(name)] = std::move(value);
+  }
+  return parameters;
+}
+
+std::string lowercased(std::string_view s) {
+  std::string out(s);
+  for (char& c : out)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+  return out;
+}
+
+ContentTransferEncoding parseTransferEncoding(std::string_view body, std::string_view field) {
+  TokenProcessor p(tokenize(body), field);
+  const std::string token = p.expectToken();  // whatever follows is ignored
+  const std::string lower = lowercased(token);
+  using K = ContentTransferEncoding::Kind;
+  if (lower == "7bit") return {K::sevenBit, ""};
+  if (lower == "8bit") return {K::eightBit, ""};
+  if (lower == "binary") return {K::binary, ""};
+  if (lower == "quoted-printable") return {K::quotedPrintable, ""};
+  if (lower == "base64") return {K::base64, ""};
+  return {K::other, token};
+}
+
+ContentType parseContentType(std::string_view body, std::string_view field) {
+  TokenProcessor p(tokenize(body), field);
+  ContentType result;
+  result.type = p.expectToken();
+  p.expectSpecial(Special::slash);
+  result.subtype = p.expectToken();
+  result.parameters = parseParameters(p, field);
+  return result;
+}
+
+ContentDisposition parseContentDisposition(std::string_view body, std::string_view field) {
+  TokenProcessor p(tokenize(body), field);
+  ContentDisposition result;
+  result.type = p.expectToken();
+  result.parameters = parseParameters(p, field);
+  return result;
+}
+
+// ---- finding the fields ------------------------------------------------------------------------
+
+// Horizontal blanks: tab and the space separators.
+bool isBlank(char32_t c) {
+  return c == '\t' || c == ' ' || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) ||
+         c == 0x202F || c == 0x205F || c == 0x3000;
+}
+// What ends a line for ".": LF, VT, FF, CR, NEL, LS, PS.
+bool isLineTerminator(char32_t c) {
+  return (c >= 0x0A && c <= 0x0D) || c == 0x85 || c == 0x2028 || c == 0x2029;
+}
+// White space as "\s" knows it.
+bool isSpace(char32_t c) {
+  return c == 0x09 || isLineTerminator(c) || c == 0x1C || c == 0x1D || c == 0x1E || c == 0x1F ||
+         isBlank(c);
+}
+
+// Every line end followed by blanks ("\r?\n[[:blank:]]+") becomes one blank.
+std::string unfold(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    size_t lf = i;
+    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') lf = i + 1;
+    if (text[lf] == '\n') {
+      size_t j = lf + 1;
+      while (j < text.size()) {
+        char32_t cp;
+        const size_t len = text::codePointAt(text, j, cp);
+        if (!isBlank(cp)) break;
+        j += len;
+      }
+      if (j > lf + 1) {
+        out += ' ';
+        i = j;
+        continue;
+      }
+    }
+    out += text[i];
+    ++i;
+  }
+  return out;
+}
+
+}  // namespace
+
+MimeHeaderError::MimeHeaderError(Code code, std::string_view field)
+    : std::runtime_error([&] {
+        std::string what = "The message's " + std::string(field) + " field could not be read: ";
+        switch (code) {
+          case Code::invalidFieldStructure:
+            return std::string("The message's header fields could not be told apart.");
+          case Code::noMoreTokens:
+            return what + "it ends too early.";
+          case Code::invalidSpecial:
+            return what + "a separator is missing or out of place.";
+          case Code::invalidToken:
+            return what + "a word is missing where one must stand.";
+          case Code::invalidQuotedString:
+            return what + "a quoted text is missing.";
+          case Code::invalidParameterValue:
+            return what + "a parameter has no value.";
+        }
+        return what;
+      }()),
+      code_(code) {}
+
+std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
+  // Matches of "(.+?):\s*(.+)", in order: a name of at least one character up to the first
+  // colon on its line that is followed (after any white space, line ends included) by at least
+  // one character of a line. Each position is looked at a bounded number of times.
+  const std::string unfolded = unfold(raw);
+  const std::string_view t = unfolded;
+  std::vector<RFC822HeaderField> fields;
+  auto at = [&](size_t i, char32_t& cp) { return text::codePointAt(t, i, cp); };
+  auto lineEnd = [&](size_t i) {
+    while (i < t.size()) {
+      char32_t cp;
+      const size_t len = at(i, cp);
+      if (isLineTerminator(cp)) break;
+      i += len;
+    }
+    return i;
+  };
+
+  size_t p = 0;
+  while (p < t.size()) {
+    char32_t cp;
+    const size_t firstLen = at(p, cp);
+    if (isLineTerminator(cp)) {
+      p += firstLen;
+      continue;
+    }
+    const size_t end = lineEnd(p);
+    bool matched = false;
+    for (size_t c = p + firstLen; c < end;) {
+      char32_t ch;
+      const size_t len = at(c, ch);
+      if (ch != ':') {
+        c += len;
+        continue;
+      }
+      // The body: after the white space run, the rest of that line; if the text ends in the
+      // run, its last character that is not a line end.
+      size_t k = c + 1;
+      size_t lastOrdinary = std::string_view::npos;
+      while (k < t.size()) {
+        char32_t w;
+        const size_t wl = at(k, w);
+        if (!isSpace(w)) break;
+        if (!isLineTerminator(w)) lastOrdinary = k;
+        k += wl;
+      }
+      size_t bodyStart = std::string_view::npos;
+      size_t bodyEnd = 0;
+      if (k < t.size()) {
+        bodyStart = k;
+        bodyEnd = lineEnd(k);
+      } else if (lastOrdinary != std::string_view::npos) {
+        bodyStart = lastOrdinary;
+        bodyEnd = lineEnd(lastOrdinary);
+      }
+      if (bodyStart == std::string_view::npos) break;  // only line ends to the end of the text
+      fields.push_back(
+          {std::string(t.substr(p, c - p)), std::string(t.substr(bodyStart, bodyEnd - bodyStart))});
+      p = bodyEnd;
+      matched = true;
+      break;
+    }
+    if (!matched) p = end;
+  }
+  return fields;
+}
+
+MimeHeader MimeHeader::parse(std::string_view text) {
+  MimeHeader header;
+  header.other = headerFields(text);
+  // Of two fields with the very same name, the later one stands.
+  std::map<std::string, RFC822HeaderField> byName;
+  for (const RFC822HeaderField& f : header.other) byName[f.name] = f;
+
+  auto take = [&](std::string_view wanted) -> std::optional<RFC822HeaderField> {
+    for (const auto& [name, field] : byName) {
+      if (!text::equalsIgnoringCase(name, wanted)) continue;
+      auto it = std::find(header.other.begin(), header.other.end(), field);
+      if (it != header.other.end()) header.other.erase(it);
+      return field;
+    }
+    return std::nullopt;
+  };
+  if (auto f = take("Content-Transfer-Encoding"))
+    header.contentTransferEncoding = parseTransferEncoding(f->body, "Content-Transfer-Encoding");
+  if (auto f = take("Content-Type")) header.contentType = parseContentType(f->body, "Content-Type");
+  if (auto f = take("Content-Disposition"))
+    header.contentDisposition = parseContentDisposition(f->body, "Content-Disposition");
+  return header;
+}
+
+MimeType ContentType::mimeType() const {
+  const std::string lower = lowercased(type);
+  using K = MimeType::Kind;
+  MimeType result;
+  if (lower == "text")
+    result.kind = K::text;
+  else if (lower == "image")
+    result.kind = K::image;
+  else if (lower == "audio")
+    result.kind = K::audio;
+  else if (lower == "video")
+    result.kind = K::video;
+  else if (lower == "application")
+    result.kind = K::application;
+  else if (lower == "message")
+    result.kind = K::message;
+  else if (lower == "multipart" && parameters.count("boundary")) {
+    result.kind = K::multipart;
+    const std::string sub = lowercased(subtype);
+    result.subtype = sub == "mixed"         ? MultipartSubtype::mixed
+                     : sub == "alternative" ? MultipartSubtype::alternative
+                                            : MultipartSubtype::other;
+    if (result.subtype == MultipartSubtype::other) result.subtypeText = subtype;
+    result.boundary = parameters.at("boundary");
+  } else {
+    result.kind = K::other;
+    result.other = type;
+  }
+  return result;
+}
+
+}  // namespace lumora

@@ -11,7 +11,7 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
 cmake --build build-fuzz
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body)
+[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header)
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
   mkdir -p "$work"
@@ -19,6 +19,7 @@ for t in "${targets[@]}"; do
   case "$t" in
     line_rules) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
     error_body) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
+    mime_header) seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime) ;;
   esac
   existing=()
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done

@@ -74,12 +74,6 @@ ChunkStream ChunkStream::start(Producer producer) {
   return ChunkStream(std::move(state));
 }
 
-ChunkStream ChunkStream::empty() {
-  auto state = std::make_shared<State>();
-  state->finished = true;
-  return ChunkStream(std::move(state));
-}
-
 std::optional<StreamChunk> ChunkStream::next(std::stop_token stop) {
   State& s = *state_;
   if (stop.stop_requested()) return std::nullopt;

@@ -55,8 +55,6 @@ class ChunkStream {
   // Starts `producer` on its own thread.
   static ChunkStream start(Producer producer);
 
-  // A stream that ends at once with no chunk.
-  static ChunkStream empty();
 
   ChunkStream(ChunkStream&&) noexcept;
   ChunkStream& operator=(ChunkStream&&) noexcept;

@@ -74,7 +74,6 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   const std::string& errorMessage() const { return errorMessage_; }
   const std::vector<ConversationPreset>& conversations() const { return conversations_; }
   bool copyAnimating() const { return copyAnimating_; }
-  bool hasGeneratingTask() const { return generatingTask_ != nullptr; }
   // True once the latest run has ended, whichever way: its last change has been made.
   bool latestRunEnded() const;
 

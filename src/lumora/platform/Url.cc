@@ -96,10 +96,8 @@ std::string Url::part(int which) const {
   return get(h.get(), static_cast<CURLUPart>(which)).value_or("");
 }
 
-std::string Url::scheme() const { return part(CURLUPART_SCHEME); }
 std::string Url::host() const { return part(CURLUPART_HOST); }
 std::string Url::path() const { return part(CURLUPART_PATH); }
-std::string Url::query() const { return part(CURLUPART_QUERY); }
 
 std::optional<int> Url::port() const {
   UrlHandle h = handleFor(text_);

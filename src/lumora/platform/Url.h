@@ -29,11 +29,9 @@ class Url {
   Url withQueryItem(std::string_view name, std::string_view value) const;
 
   const std::string& text() const { return text_; }
-  std::string scheme() const;
   std::string host() const;         // percent-encoded form, IPv6 literals in brackets
   std::optional<int> port() const;  // the explicit port only
   std::string path() const;
-  std::string query() const;
 
   bool operator==(const Url& other) const { return text_ == other.text_; }
 

@@ -298,7 +298,7 @@ std::string unfold(std::string_view text) {
 }  // namespace
 
 MimeHeaderError::MimeHeaderError(Code code, std::string_view field)
-    : std::runtime_error([&] {
+    : Error([&] {
         std::string what = "The message's " + std::string(field) + " field could not be read: ";
         switch (code) {
           case Code::invalidFieldStructure:
@@ -407,6 +407,25 @@ MimeHeader MimeHeader::parse(std::string_view text) {
   if (auto f = take("Content-Disposition"))
     header.contentDisposition = parseContentDisposition(f->body, "Content-Disposition");
   return header;
+}
+
+std::string ContentTransferEncoding::name() const {
+  using K = ContentTransferEncoding::Kind;
+  switch (kind) {
+    case K::sevenBit:
+      return "7bit";
+    case K::eightBit:
+      return "8bit";
+    case K::binary:
+      return "binary";
+    case K::quotedPrintable:
+      return "quoted-printable";
+    case K::base64:
+      return "base64";
+    case K::other:
+      return other;
+  }
+  return other;
 }
 
 MimeType ContentType::mimeType() const {

@@ -9,10 +9,11 @@
 
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "lumora/platform/Errors.h"
 
 namespace lumora {
 
@@ -26,6 +27,8 @@ struct ContentTransferEncoding {
   enum class Kind { sevenBit, eightBit, binary, quotedPrintable, base64, other };
   Kind kind = Kind::sevenBit;
   std::string other;  // the token as written, for Kind::other
+  // The usual name: "7bit", "quoted-printable", ...; `other` for Kind::other.
+  std::string name() const;
   bool operator==(const ContentTransferEncoding&) const = default;
 };
 
@@ -71,7 +74,7 @@ struct MimeHeader {
 };
 
 // Why a MIME field of a header could not be read.
-class MimeHeaderError : public std::runtime_error {
+class MimeHeaderError : public Error {
  public:
   enum class Code {
     invalidFieldStructure,  // the header's fields could not be told apart

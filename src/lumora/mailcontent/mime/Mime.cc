@@ -1,0 +1,413 @@
+#include "lumora/mailcontent/mime/Mime.h"
+
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <unordered_map>
+
+#include "lumora/platform/Localization.h"
+
+namespace lumora {
+
+// ---- the tree --------------------------------------------------------------------------------
+
+MimeContent::MimeContent(Kind kind, std::optional<MimeBody> body, std::vector<Mime> parts)
+    : kind_(kind), body_(std::move(body)), parts_(std::move(parts)) {}
+MimeContent::MimeContent(MimeContent&&) noexcept = default;
+MimeContent& MimeContent::operator=(MimeContent&&) noexcept = default;
+MimeContent::~MimeContent() = default;
+
+MimeContent MimeContent::makeBody(MimeBody body) { return {Kind::body, std::move(body), {}}; }
+MimeContent MimeContent::makeMixed(std::vector<Mime> parts) {
+  return {Kind::mixed, std::nullopt, std::move(parts)};
+}
+MimeContent MimeContent::makeAlternative(std::vector<Mime> parts) {
+  return {Kind::alternative, std::nullopt, std::move(parts)};
+}
+
+Mime::Mime(MimeHeader header, MimeContent content)
+    : header_(std::move(header)), content_(std::move(content)) {}
+Mime::Mime(Mime&&) noexcept = default;
+
+Mime& Mime::operator=(Mime&& other) noexcept {
+  if (this != &other) {
+    releaseParts();
+    header_ = std::move(other.header_);
+    content_ = std::move(other.content_);
+  }
+  return *this;
+}
+
+Mime::~Mime() { releaseParts(); }
+
+void Mime::releaseParts() {
+  if (content_.parts_.empty()) return;
+  std::vector<Mime> pending = std::move(content_.parts_);
+  content_.parts_.clear();
+  while (!pending.empty()) {
+    Mime last = std::move(pending.back());
+    pending.pop_back();
+    for (Mime& child : last.content_.parts_) pending.push_back(std::move(child));
+    last.content_.parts_.clear();  // moved-from children: nothing below them any more
+  }
+}
+
+MimeParserError::MimeParserError()
+    : Error(localized("The message could not be read: a part of it has no header and body to "
+                      "tell apart.")) {}
+
+// ---- header and body ---------------------------------------------------------------------------
+
+namespace {
+
+using Range = MimePartsSplitter::Range;
+using Parts = MimePartsSplitter::Parts;
+
+// The search for the empty line that ends a header, fed one line feed at a time, so that the
+// parse can run it alongside the search for delimiters before it knows where its part ends.
+class HeaderEndSearch {
+ public:
+  explicit HeaderEndSearch(size_t start = 0) : start_(start), searchPosition_(start) {}
+
+  // Takes the next line feed, at `lf`. True when its line end is the empty line: the header
+  // is then [start, headerEnd()) and the body begins behind `lf`.
+  bool lineFeed(std::string_view text, size_t lf) {
+    // A line end is a line feed with an optional carriage return before it.
+    const size_t lineEndBegin = lf > searchPosition_ && text[lf - 1] == '\r' ? lf - 1 : lf;
+    if (lineEndBegin == searchPosition_) {
+      headerEnd_ = lineEndBegin;
+      return true;
+    }
+    lastLineEnd_ = Range{lineEndBegin, lf + 1};
+    searchPosition_ = lf + 1;
+    return false;
+  }
+  size_t headerEnd() const { return headerEnd_; }
+
+  // The split when the text ends at `end` with no empty line fed: all header if the text ends
+  // in the last line end, else none.
+  std::optional<Parts> endingAt(size_t end) const {
+    if (!lastLineEnd_ || lastLineEnd_->end != end) return std::nullopt;
+    return Parts{{start_, lastLineEnd_->begin}, {end, end}};
+  }
+
+ private:
+  size_t start_;
+  size_t searchPosition_;
+  size_t headerEnd_ = 0;
+  std::optional<Range> lastLineEnd_;
+};
+
+size_t nextLineFeed(std::string_view text, size_t from) {
+  if (from >= text.size()) return std::string_view::npos;
+  const void* hit = std::memchr(text.data() + from, '\n', text.size() - from);
+  return hit ? static_cast<size_t>(static_cast<const char*>(hit) - text.data())
+             : std::string_view::npos;
+}
+
+}  // namespace
+
+std::optional<Parts> MimePartsSplitter::split(std::string_view text) {
+  HeaderEndSearch search;
+  for (size_t lf = nextLineFeed(text, 0); lf != std::string_view::npos;
+       lf = nextLineFeed(text, lf + 1)) {
+    if (search.lineFeed(text, lf)) return Parts{{0, search.headerEnd()}, {lf + 1, text.size()}};
+  }
+  return search.endingAt(text.size());
+}
+
+// ---- the parse ---------------------------------------------------------------------------------
+//
+// Each multipart is cut at the delimiters of its boundary found in its whole text, header
+// included, and each part's text is parsed again the same way. Done literally that costs the
+// length of a part once for each multipart around it: quadratic for deep nesting. So the parse
+// makes one pass over the message instead, with the open multiparts on a stack, innermost last.
+// At each line feed followed by "--", the open boundaries that the line continues with are
+// looked up in a trie; of those, the outermost multipart has the delimiter, since the parts of
+// the inner ones end where the outer one's part ends. A part's header is read as the pass goes;
+// when it turns out to open a multipart, the pass goes back to the part's start, because the
+// part's own delimiters may stand in its header. Every part's failure waits until a delimiter of
+// its own multipart closes it, and then passes to the part around that multipart, until the
+// message's own multipart has it: a part that no delimiter closes is dropped unread, failure and
+// all, as is everything inside it.
+
+namespace {
+
+struct Multipart {
+  std::string boundary;
+  bool alternative = false;
+};
+
+std::optional<Multipart> multipartOf(const MimeHeader& header) {
+  if (!header.contentType) return std::nullopt;
+  MimeType type = header.contentType->mimeType();
+  if (type.kind != MimeType::Kind::multipart) return std::nullopt;
+  return Multipart{std::move(type.boundary), type.subtype == MultipartSubtype::alternative};
+}
+
+MimeContent contentOf(bool alternative, std::vector<Mime> parts) {
+  return alternative ? MimeContent::makeAlternative(std::move(parts))
+                     : MimeContent::makeMixed(std::move(parts));
+}
+
+Mime leaf(MimeHeader header, std::string_view body) {
+  auto encoding = header.contentTransferEncoding;
+  return Mime(std::move(header), MimeContent::makeBody(MimeBody(std::string(body), encoding)));
+}
+
+// The boundaries of the open multiparts, each with the depths of the multiparts that use it.
+class BoundaryTrie {
+ public:
+  uint32_t add(std::string_view boundary, uint32_t depth) {
+    uint32_t node = 0;
+    for (const char c : boundary) {
+      const auto [edge, added] =
+          edges_.try_emplace(key(node, c), static_cast<uint32_t>(nodes_.size()));
+      if (added) nodes_.emplace_back();
+      node = edge->second;
+    }
+    nodes_[node].depths.push_back(depth);  // depths arrive in increasing order
+    return node;
+  }
+  void remove(uint32_t node) { nodes_[node].depths.pop_back(); }
+
+  // The smallest depth under `limit` whose boundary `text` begins with.
+  std::optional<uint32_t> shallowestBeginning(std::string_view text, uint32_t limit) const {
+    uint32_t best = limit;
+    uint32_t node = 0;
+    for (size_t i = 0;; ++i) {
+      const std::vector<uint32_t>& depths = nodes_[node].depths;
+      if (!depths.empty() && depths.front() < best) best = depths.front();
+      if (i == text.size() || best == 0) break;
+      const auto edge = edges_.find(key(node, text[i]));
+      if (edge == edges_.end()) break;
+      node = edge->second;
+    }
+    if (best < limit) return best;
+    return std::nullopt;
+  }
+
+ private:
+  static uint64_t key(uint32_t node, char c) {
+    return (uint64_t{node} << 8) | static_cast<unsigned char>(c);
+  }
+  struct Node {
+    std::vector<uint32_t> depths;
+  };
+  std::vector<Node> nodes_{1};
+  std::unordered_map<uint64_t, uint32_t> edges_;
+};
+
+// One open multipart.
+struct Frame {
+  MimeHeader header;
+  bool alternative = false;
+  size_t boundaryLength = 0;
+  uint32_t trieNode = 0;
+  size_t resume = 0;  // where its next delimiter may begin: behind its last one
+  std::vector<Mime> parts;
+
+  // The part behind the last delimiter.
+  enum class Part {
+    none,            // no delimiter yet: the text is dropped
+    awaitingHeader,  // its empty line not found yet
+    leaf,            // header read; a body
+    nested,          // header read; a multipart, the next frame
+    failed,          // header could not be read
+  };
+  Part part = Part::none;
+  size_t partStart = 0;
+  HeaderEndSearch search;
+  std::optional<MimeHeader> partHeader;
+  size_t bodyBegin = 0;
+  std::exception_ptr failure;
+};
+
+class StreamingParse {
+ public:
+  explicit StreamingParse(std::string_view text) : text_(text) {}
+
+  Mime run(MimeHeader header, Multipart multipart) {
+    open(std::move(header), multipart, 0);
+    size_t cursor = 0;
+    for (size_t lf = nextLineFeed(text_, cursor); lf != std::string_view::npos;
+         lf = nextLineFeed(text_, cursor)) {
+      cursor = step(lf);
+    }
+    // The end of the text is no delimiter: what follows the last one of each multipart is
+    // dropped, and with it every multipart still open inside the message's last part.
+    while (frames_.size() > 1) discard();
+    Frame& root = frames_.front();
+    return Mime(std::move(root.header), contentOf(root.alternative, std::move(root.parts)));
+  }
+
+ private:
+  // Handles the line feed at `lf`; returns where to go on.
+  size_t step(size_t lf) {
+    if (auto depth = delimiterDepthAt(lf, static_cast<uint32_t>(frames_.size())))
+      return delimiter(*depth, lf);
+    Frame& inner = frames_.back();
+    if (inner.part == Frame::Part::awaitingHeader && inner.search.lineFeed(text_, lf))
+      return headerFound(lf);
+    return lf + 1;
+  }
+
+  // The outermost multipart above `limit` whose delimiter begins with the line feed at `lf`.
+  std::optional<uint32_t> delimiterDepthAt(size_t lf, uint32_t limit) const {
+    if (lf + 2 >= text_.size() || text_[lf + 1] != '-' || text_[lf + 2] != '-')
+      return std::nullopt;
+    return trie_.shallowestBeginning(text_.substr(lf + 3), limit);
+  }
+
+  size_t delimiter(uint32_t depth, size_t lf) {
+    const size_t size = text_.size();
+    const Frame& frame = frames_[depth];
+    const size_t start = lf > frame.resume && text_[lf - 1] == '\r' ? lf - 1 : lf;
+    size_t end = lf + 3 + frame.boundaryLength;
+    if (end + 2 <= size && text_[end] == '-' && text_[end + 1] == '-') end += 2;
+    if (end < size && text_[end] == '\r') ++end;
+    if (end < size && text_[end] == '\n') {
+      // An outer multipart's delimiter on that line feed ends this part's text before it.
+      if (delimiterDepthAt(end, depth))
+        end = text_[end - 1] == '\r' ? end - 1 : end;
+      else
+        ++end;
+    }
+    const Closing closing = closePart(depth, start);
+    if (closing.rewindTo) return *closing.rewindTo;
+    if (closing.failed) return end;  // the frame is gone with its failed part
+    Frame& opened = frames_[depth];
+    opened.part = Frame::Part::awaitingHeader;
+    opened.partStart = end;
+    opened.search = HeaderEndSearch(end);
+    opened.resume = end;
+    return end;
+  }
+
+  struct Closing {
+    std::optional<size_t> rewindTo;  // the part is a multipart whose text must be read again
+    bool failed = false;             // the part failed; its frame is closed
+  };
+
+  // Ends the part of frame `depth` at `partEnd` and adds it to the frame's parts.
+  Closing closePart(uint32_t depth, size_t partEnd) {
+    // Multiparts inside the part that are still open end without a delimiter: their last
+    // parts are dropped.
+    while (frames_.size() > depth + 2) discard();
+    if (frames_.size() == depth + 2) {
+      close();
+      return {};
+    }
+    Frame& frame = frames_[depth];
+    switch (frame.part) {
+      case Frame::Part::none:
+        return {};  // the text before the first delimiter
+      case Frame::Part::failed:
+        fail(depth, frame.failure);
+        return {std::nullopt, true};
+      case Frame::Part::leaf:
+        frame.parts.push_back(leaf(std::move(*frame.partHeader),
+                                   text_.substr(frame.bodyBegin, partEnd - frame.bodyBegin)));
+        return {};
+      case Frame::Part::awaitingHeader:
+        try {
+          // No empty line before the part's end: all header, or no header and body at all.
+          const auto parts = frame.search.endingAt(partEnd);
+          if (!parts) throw MimeParserError();
+          MimeHeader header = MimeHeader::parse(slice(parts->header));
+          if (auto multipart = multipartOf(header)) {
+            const size_t start = frame.partStart;
+            frame.part = Frame::Part::nested;
+            open(std::move(header), *multipart, start);
+            return {start, false};
+          }
+          frame.parts.push_back(leaf(std::move(header), {}));
+          return {};
+        } catch (const Error&) {
+          fail(depth, std::current_exception());
+          return {std::nullopt, true};
+        }
+      case Frame::Part::nested:
+        break;  // handled above: the part's frame is open
+    }
+    return {};
+  }
+
+  // A closed part of frame `depth` failed. The message fails with it if that frame is the
+  // message's own; otherwise the part around the frame fails, and waits in its turn for a
+  // delimiter to close it.
+  void fail(uint32_t depth, std::exception_ptr failure) {
+    if (depth == 0) std::rethrow_exception(failure);
+    while (frames_.size() > depth) discard();
+    Frame& outer = frames_.back();
+    outer.part = Frame::Part::failed;
+    outer.failure = std::move(failure);
+  }
+
+  size_t headerFound(size_t lf) {
+    Frame& frame = frames_.back();
+    frame.bodyBegin = lf + 1;
+    MimeHeader header;
+    try {
+      header = MimeHeader::parse(slice({frame.partStart, frame.search.headerEnd()}));
+    } catch (const Error&) {
+      frame.part = Frame::Part::failed;
+      frame.failure = std::current_exception();
+      return lf + 1;
+    }
+    if (auto multipart = multipartOf(header)) {
+      const size_t start = frame.partStart;
+      frame.part = Frame::Part::nested;
+      open(std::move(header), *multipart, start);
+      return start;  // its own delimiters may stand in its header
+    }
+    frame.part = Frame::Part::leaf;
+    frame.partHeader = std::move(header);
+    return lf + 1;
+  }
+
+  void open(MimeHeader header, const Multipart& multipart, size_t start) {
+    Frame frame;
+    frame.header = std::move(header);
+    frame.alternative = multipart.alternative;
+    frame.boundaryLength = multipart.boundary.size();
+    frame.trieNode = trie_.add(multipart.boundary, static_cast<uint32_t>(frames_.size()));
+    frame.resume = start;
+    frames_.push_back(std::move(frame));
+  }
+
+  // The innermost multipart is complete: it becomes a part of the one around it.
+  void close() {
+    Frame inner = std::move(frames_.back());
+    discard();
+    frames_.back().parts.emplace_back(std::move(inner.header),
+                                      contentOf(inner.alternative, std::move(inner.parts)));
+  }
+
+  void discard() {
+    trie_.remove(frames_.back().trieNode);
+    frames_.pop_back();
+  }
+
+  std::string_view slice(Range range) const {
+    return text_.substr(range.begin, range.end - range.begin);
+  }
+
+  std::string_view text_;
+  std::vector<Frame> frames_;
+  BoundaryTrie trie_;
+};
+
+}  // namespace
+
+Mime MimeParser::parse(std::string_view message) {
+  const auto parts = MimePartsSplitter::split(message);
+  if (!parts) throw MimeParserError();
+  MimeHeader header =
+      MimeHeader::parse(message.substr(parts->header.begin, parts->header.end - parts->header.begin));
+  if (auto multipart = multipartOf(header))
+    return StreamingParse(message).run(std::move(header), std::move(*multipart));
+  return leaf(std::move(header), message.substr(parts->body.begin));
+}
+
+}  // namespace lumora

@@ -1,0 +1,98 @@
+#include "lumora/platform/Charset.h"
+
+#include <iconv.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "lumora/platform/Text.h"
+
+namespace lumora::charset {
+namespace {
+
+// Registered names the C library does not know by themselves, with the converter that mail
+// programs mean by them.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 7> kAliases{{
+    {"ks_c_5601-1987", "CP949"},
+    {"ks_c_5601-1989", "CP949"},
+    {"csKSC56011987", "CP949"},
+    {"ISO-8859-6-I", "ISO-8859-6"},
+    {"ISO-8859-6-E", "ISO-8859-6"},
+    {"ISO-8859-8-I", "ISO-8859-8"},
+    {"ISO-8859-8-E", "ISO-8859-8"},
+}};
+
+// A registered name is at most 40 characters of letters, digits and a few marks. Anything else
+// is refused before it reaches iconv, which would read "//" suffixes as conversion options.
+bool looksLikeCharsetName(std::string_view name) {
+  if (name.empty() || name.size() > 40) return false;
+  for (const char c : name) {
+    const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                    c == '-' || c == '_' || c == '.' || c == ':' || c == '(' || c == ')' ||
+                    c == '+';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+class Converter {
+ public:
+  explicit Converter(const std::string& from) : handle_(iconv_open("UTF-8", from.c_str())) {}
+  ~Converter() {
+    if (valid()) iconv_close(handle_);
+  }
+  Converter(const Converter&) = delete;
+  Converter& operator=(const Converter&) = delete;
+  bool valid() const { return handle_ != reinterpret_cast<iconv_t>(-1); }
+
+  // False when the input holds a sequence that is invalid or cut off at the end.
+  bool convert(std::string_view bytes, std::string& out) {
+    out.resize(bytes.size() * 2 + 16);
+    char* in = const_cast<char*>(bytes.data());  // iconv's signature; the input is not written
+    size_t inLeft = bytes.size();
+    size_t written = 0;
+    bool flushing = false;
+    while (true) {
+      char* outPtr = out.data() + written;
+      size_t outLeft = out.size() - written;
+      // After the input, one call with none flushes a stateful converter's shift sequence.
+      const size_t rc = flushing ? iconv(handle_, nullptr, nullptr, &outPtr, &outLeft)
+                                 : iconv(handle_, &in, &inLeft, &outPtr, &outLeft);
+      written = out.size() - outLeft;
+      if (rc == static_cast<size_t>(-1)) {
+        if (errno != E2BIG) return false;  // EILSEQ, or EINVAL for a sequence cut off
+        out.resize(out.size() * 2);
+        continue;
+      }
+      if (flushing) break;
+      flushing = true;
+    }
+    out.resize(written);
+    return true;
+  }
+
+ private:
+  iconv_t handle_;
+};
+
+}  // namespace
+
+Conversion toUtf8(std::string_view bytes, std::string_view name) {
+  if (!looksLikeCharsetName(name)) return {Outcome::unknownCharset, {}};
+  std::string iconvName(name);
+  for (const auto& [alias, target] : kAliases) {
+    if (text::equalsIgnoringCase(alias, name)) iconvName = target;
+  }
+  if (text::equalsIgnoringCase(iconvName, "UTF-8") || text::equalsIgnoringCase(iconvName, "UTF8")) {
+    if (!text::isValidUtf8(bytes)) return {Outcome::invalidBytes, {}};
+    return {Outcome::converted, std::string(bytes)};
+  }
+  Converter converter(iconvName);
+  if (!converter.valid()) return {Outcome::unknownCharset, {}};
+  Conversion result{Outcome::converted, {}};
+  if (!converter.convert(bytes, result.text)) return {Outcome::invalidBytes, {}};
+  return result;
+}
+
+}  // namespace lumora::charset

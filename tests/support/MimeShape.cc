@@ -1,0 +1,60 @@
+#include "support/MimeShape.h"
+
+#include <utility>
+#include <vector>
+
+namespace lumora::testing {
+namespace {
+
+std::string lower(std::string s) {
+  for (char& c : s)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+  return s;
+}
+
+}  // namespace
+
+std::string shapeOf(const Mime& mime) {
+  std::string out;
+  // (node, index of the next part to write); a node is written when first met.
+  std::vector<std::pair<const Mime*, size_t>> stack{{&mime, 0}};
+  bool first = true;
+  while (!stack.empty()) {
+    auto& [node, next] = stack.back();
+    const MimeContent& content = node->content();
+    if (next == 0) {
+      if (!first && out.back() != '[') out += ',';
+      first = false;
+      if (content.kind() == MimeContent::Kind::body) {
+        const auto& type = node->header().contentType;
+        out += type ? lower(type->type + "/" + type->subtype) : "-";
+        out += ":" + content.body()->encoding().name();
+        stack.pop_back();
+        continue;
+      }
+      out += lower(node->header().contentType->subtype) + "[";
+    }
+    if (next < content.parts().size()) {
+      const Mime* child = &content.parts()[next++];
+      stack.emplace_back(child, 0);
+    } else {
+      out += ']';
+      stack.pop_back();
+    }
+  }
+  return out;
+}
+
+size_t depthOf(const Mime& mime) {
+  size_t deepest = 0;
+  std::vector<std::pair<const Mime*, size_t>> stack{{&mime, 0}};
+  while (!stack.empty()) {
+    const auto [node, depth] = stack.back();
+    stack.pop_back();
+    if (depth > deepest) deepest = depth;
+    for (const Mime& part : node->content().parts()) stack.emplace_back(&part, depth + 1);
+  }
+  return deepest;
+}
+
+}  // namespace lumora::testing

@@ -13,7 +13,10 @@ namespace {
 
 // Registered names the C library does not know by themselves, with the converter that mail
 // programs mean by them.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 7> kAliases{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kAliases{{
+    {"GB2312", "GBK"},  // senders that say GB2312 write GBK
+    {"csGB2312", "GBK"},
+    {"EUC-KR", "CP949"},
     {"ks_c_5601-1987", "CP949"},
     {"ks_c_5601-1989", "CP949"},
     {"csKSC56011987", "CP949"},

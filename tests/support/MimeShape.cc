@@ -27,12 +27,20 @@ std::string shapeOf(const Mime& mime) {
       first = false;
       if (content.kind() == MimeContent::Kind::body) {
         const auto& type = node->header().contentType;
-        out += type ? lower(type->type + "/" + type->subtype) : "-";
-        out += ":" + content.body()->encoding().name();
+        if (type) {
+          out += lower(type->type);
+          out += '/';
+          out += lower(type->subtype);
+        } else {
+          out += '-';
+        }
+        out += ':';
+        out += content.body()->encoding().name();
         stack.pop_back();
         continue;
       }
-      out += lower(node->header().contentType->subtype) + "[";
+      out += lower(node->header().contentType->subtype);
+      out += '[';
     }
     if (next < content.parts().size()) {
       const Mime* child = &content.parts()[next++];

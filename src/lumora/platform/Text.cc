@@ -141,6 +141,10 @@ bool extendsCharacter(char32_t c) {
 }  // namespace
 
 size_t characterLengthAt(std::string_view s, size_t i) {
+  // Two ASCII characters in a row are always two characters, except CR LF.
+  const auto c = static_cast<unsigned char>(s[i]);
+  if (c < 0x80 && c != '\r' && (i + 1 >= s.size() || static_cast<unsigned char>(s[i + 1]) < 0x80))
+    return 1;
   char32_t cp;
   size_t end = i + codePointAt(s, i, cp);
   if (cp == '\r' && end < s.size() && s[end] == '\n') return end + 1 - i;

@@ -2,8 +2,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <exception>
-#include <unordered_map>
+#include <memory>
 
 #include "lumora/platform/Localization.h"
 
@@ -155,47 +156,61 @@ Mime leaf(MimeHeader header, std::string_view body) {
   return Mime(std::move(header), MimeContent::makeBody(MimeBody(std::string(body), encoding)));
 }
 
-// The boundaries of the open multiparts, each with the depths of the multiparts that use it.
+// The boundaries of the open multiparts, as a trie in one array: each node has its children in
+// a list, and counts the open multiparts whose boundary ends there. Multiparts open and close
+// in stack order, so a node's shallowest multipart is the first that arrived while it still has
+// any. Walking a line costs at most one step per character of the line, each step a scan of at
+// most 256 siblings; nodes stay in the order they were made, so the boundaries of the
+// multiparts opened last, the ones most often met, lie close together.
 class BoundaryTrie {
  public:
   uint32_t add(std::string_view boundary, uint32_t depth) {
     uint32_t node = 0;
     for (const char c : boundary) {
-      const auto [edge, added] =
-          edges_.try_emplace(key(node, c), static_cast<uint32_t>(nodes_.size()));
-      if (added) nodes_.emplace_back();
-      node = edge->second;
+      uint32_t child = childOf(node, c);
+      if (child == kNone) {
+        child = static_cast<uint32_t>(nodes_.size());
+        nodes_.push_back(Node{c, kNone, nodes_[node].firstChild, 0, 0});
+        nodes_[node].firstChild = child;
+      }
+      node = child;
     }
-    nodes_[node].depths.push_back(depth);  // depths arrive in increasing order
+    Node& end = nodes_[node];
+    if (end.count++ == 0) end.shallowest = depth;
     return node;
   }
-  void remove(uint32_t node) { nodes_[node].depths.pop_back(); }
+  void remove(uint32_t node) { --nodes_[node].count; }
 
   // The smallest depth under `limit` whose boundary `text` begins with.
   std::optional<uint32_t> shallowestBeginning(std::string_view text, uint32_t limit) const {
     uint32_t best = limit;
     uint32_t node = 0;
     for (size_t i = 0;; ++i) {
-      const std::vector<uint32_t>& depths = nodes_[node].depths;
-      if (!depths.empty() && depths.front() < best) best = depths.front();
+      const Node& here = nodes_[node];
+      if (here.count > 0 && here.shallowest < best) best = here.shallowest;
       if (i == text.size() || best == 0) break;
-      const auto edge = edges_.find(key(node, text[i]));
-      if (edge == edges_.end()) break;
-      node = edge->second;
+      node = childOf(node, text[i]);
+      if (node == kNone) break;
     }
     if (best < limit) return best;
     return std::nullopt;
   }
 
  private:
-  static uint64_t key(uint32_t node, char c) {
-    return (uint64_t{node} << 8) | static_cast<unsigned char>(c);
-  }
+  static constexpr uint32_t kNone = UINT32_MAX;
   struct Node {
-    std::vector<uint32_t> depths;
+    char c;
+    uint32_t firstChild;
+    uint32_t nextSibling;
+    uint32_t count;       // open multiparts with the boundary that ends here
+    uint32_t shallowest;  // the depth of the first of them, while count > 0
   };
-  std::vector<Node> nodes_{1};
-  std::unordered_map<uint64_t, uint32_t> edges_;
+  uint32_t childOf(uint32_t node, char c) const {
+    uint32_t child = nodes_[node].firstChild;
+    while (child != kNone && nodes_[child].c != c) child = nodes_[child].nextSibling;
+    return child;
+  }
+  std::vector<Node> nodes_{Node{'\0', kNone, kNone, 0, 0}};
 };
 
 // One open multipart.
@@ -218,7 +233,7 @@ struct Frame {
   Part part = Part::none;
   size_t partStart = 0;
   HeaderEndSearch search;
-  std::optional<MimeHeader> partHeader;
+  std::unique_ptr<MimeHeader> partHeader;  // held apart: most frames never have one
   size_t bodyBegin = 0;
   std::exception_ptr failure;
 };
@@ -362,26 +377,26 @@ class StreamingParse {
       return start;  // its own delimiters may stand in its header
     }
     frame.part = Frame::Part::leaf;
-    frame.partHeader = std::move(header);
+    frame.partHeader = std::make_unique<MimeHeader>(std::move(header));
     return lf + 1;
   }
 
   void open(MimeHeader header, const Multipart& multipart, size_t start) {
-    Frame frame;
+    const auto depth = static_cast<uint32_t>(frames_.size());
+    Frame& frame = frames_.emplace_back();
     frame.header = std::move(header);
     frame.alternative = multipart.alternative;
     frame.boundaryLength = multipart.boundary.size();
-    frame.trieNode = trie_.add(multipart.boundary, static_cast<uint32_t>(frames_.size()));
+    frame.trieNode = trie_.add(multipart.boundary, depth);
     frame.resume = start;
-    frames_.push_back(std::move(frame));
   }
 
   // The innermost multipart is complete: it becomes a part of the one around it.
   void close() {
-    Frame inner = std::move(frames_.back());
+    Frame& inner = frames_.back();
+    Mime complete(std::move(inner.header), contentOf(inner.alternative, std::move(inner.parts)));
     discard();
-    frames_.back().parts.emplace_back(std::move(inner.header),
-                                      contentOf(inner.alternative, std::move(inner.parts)));
+    frames_.back().parts.push_back(std::move(complete));
   }
 
   void discard() {
@@ -394,7 +409,7 @@ class StreamingParse {
   }
 
   std::string_view text_;
-  std::vector<Frame> frames_;
+  std::deque<Frame> frames_;  // grows without moving the frames it holds
   BoundaryTrie trie_;
 };
 

@@ -1,6 +1,7 @@
 #include "lumora/mailcontent/mime/MimeHeader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <variant>
 
 #include "lumora/platform/Text.h"
@@ -80,6 +81,8 @@ class StringScanner {
 
   bool atEnd() const { return position_ >= text_.size(); }
   char32_t first() const {
+    const auto b = static_cast<unsigned char>(text_[position_]);
+    if (b < 0x80) return b;
     char32_t cp;
     text::codePointAt(text_, position_, cp);
     return cp;
@@ -165,8 +168,12 @@ class TokenProcessor {
     ++cursor_;
     return std::string(t->text);
   }
-  std::string expectQuotedString() {
-    const auto* t = next<QuotedString>(MimeHeaderError::Code::invalidQuotedString);
+  // The next token if it is of type T; the position stays when it is not.
+  template <typename T>
+  std::optional<std::string> take() {
+    if (done()) return std::nullopt;
+    const T* t = std::get_if<T>(&tokens_[cursor_]);
+    if (!t) return std::nullopt;
     ++cursor_;
     return std::string(t->text);
   }
@@ -197,17 +204,10 @@ HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
     if (p.done()) break;  // a trailing semicolon is accepted
     std::string name = p.expectToken();
     p.expectSpecial(Special::equalitySign);
-    std::string value;
-    try {
-      value = p.expectQuotedString();
-    } catch (const MimeHeaderError&) {
-      try {
-        value = p.expectToken();
-      } catch (const MimeHeaderError&) {
-        throw MimeHeaderError(MimeHeaderError::Code::invalidParameterValue, field);
-      }
-    }
-    parameters[std::move(name)] = std::move(value);
+    std::optional<std::string> value = p.take<QuotedString>();
+    if (!value) value = p.take<Token>();
+    if (!value) throw MimeHeaderError(MimeHeaderError::Code::invalidParameterValue, field);
+    parameters[std::move(name)] = std::move(*value);
   }
   return parameters;
 }
@@ -267,31 +267,33 @@ bool isSpace(char32_t c) {
          isBlank(c);
 }
 
-// Every line end followed by blanks ("\r?\n[[:blank:]]+") becomes one blank.
+// Every line end followed by blanks ("\r?\n[[:blank:]]+") becomes one blank. Text between line
+// feeds is copied in runs.
 std::string unfold(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   size_t i = 0;
   while (i < text.size()) {
-    size_t lf = i;
-    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') lf = i + 1;
-    if (text[lf] == '\n') {
-      size_t j = lf + 1;
-      while (j < text.size()) {
-        char32_t cp;
-        const size_t len = text::codePointAt(text, j, cp);
-        if (!isBlank(cp)) break;
-        j += len;
-      }
-      if (j > lf + 1) {
-        out += ' ';
-        i = j;
-        continue;
-      }
+    const void* hit = std::memchr(text.data() + i, '\n', text.size() - i);
+    if (!hit) break;
+    const size_t lf = static_cast<const char*>(hit) - text.data();
+    size_t j = lf + 1;
+    while (j < text.size()) {
+      char32_t cp;
+      const size_t len = text::codePointAt(text, j, cp);
+      if (!isBlank(cp)) break;
+      j += len;
     }
-    out += text[i];
-    ++i;
+    if (j == lf + 1) {  // a line end that stays
+      out.append(text.substr(i, j - i));
+    } else {
+      const size_t runEnd = lf > i && text[lf - 1] == '\r' ? lf - 1 : lf;
+      out.append(text.substr(i, runEnd - i));
+      out += ' ';
+    }
+    i = j;
   }
+  out.append(text.substr(i));
   return out;
 }
 
@@ -309,8 +311,6 @@ MimeHeaderError::MimeHeaderError(Code code, std::string_view field)
             return what + "a separator is missing or out of place.";
           case Code::invalidToken:
             return what + "a word is missing where one must stand.";
-          case Code::invalidQuotedString:
-            return what + "a quoted text is missing.";
           case Code::invalidParameterValue:
             return what + "a parameter has no value.";
         }
@@ -326,12 +326,20 @@ std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
   const std::string_view t = unfolded;
   std::vector<RFC822HeaderField> fields;
   auto at = [&](size_t i, char32_t& cp) { return text::codePointAt(t, i, cp); };
+  // Where the line at `i` ends. Bytes at or above 0x80 are decoded only when they might begin
+  // NEL, LS or PS; every other byte of a valid or invalid sequence ends no line.
   auto lineEnd = [&](size_t i) {
     while (i < t.size()) {
-      char32_t cp;
-      const size_t len = at(i, cp);
-      if (isLineTerminator(cp)) break;
-      i += len;
+      const auto b = static_cast<unsigned char>(t[i]);
+      if (b >= 0x0A && b <= 0x0D) break;
+      if (b == 0xC2 || b == 0xE2) {
+        char32_t cp;
+        const size_t len = at(i, cp);
+        if (isLineTerminator(cp)) break;
+        i += len;
+        continue;
+      }
+      ++i;
     }
     return i;
   };
@@ -346,13 +354,12 @@ std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
     }
     const size_t end = lineEnd(p);
     bool matched = false;
-    for (size_t c = p + firstLen; c < end;) {
-      char32_t ch;
-      const size_t len = at(c, ch);
-      if (ch != ':') {
-        c += len;
-        continue;
-      }
+    // A colon byte is the colon character in any UTF-8, so the first one is found by bytes.
+    const size_t searchFrom = p + firstLen;
+    const void* hit =
+        searchFrom < end ? std::memchr(t.data() + searchFrom, ':', end - searchFrom) : nullptr;
+    if (hit) {
+      const size_t c = static_cast<const char*>(hit) - t.data();
       // The body: after the white space run, the rest of that line; if the text ends in the
       // run, its last character that is not a line end.
       size_t k = c + 1;
@@ -373,12 +380,12 @@ std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
         bodyStart = lastOrdinary;
         bodyEnd = lineEnd(lastOrdinary);
       }
-      if (bodyStart == std::string_view::npos) break;  // only line ends to the end of the text
-      fields.push_back(
-          {std::string(t.substr(p, c - p)), std::string(t.substr(bodyStart, bodyEnd - bodyStart))});
-      p = bodyEnd;
-      matched = true;
-      break;
+      if (bodyStart != std::string_view::npos) {  // else only line ends to the end of the text
+        fields.push_back({std::string(t.substr(p, c - p)),
+                          std::string(t.substr(bodyStart, bodyEnd - bodyStart))});
+        p = bodyEnd;
+        matched = true;
+      }
     }
     if (!matched) p = end;
   }

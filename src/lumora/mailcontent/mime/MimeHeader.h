@@ -81,7 +81,6 @@ class MimeHeaderError : public Error {
     noMoreTokens,           // a field ended too early ("Content-Type: text")
     invalidSpecial,         // a token where ";", "/" or "=" must stand
     invalidToken,           // a special or quoted string where a token must stand
-    invalidQuotedString,    // a token or special where a quoted string must stand
     invalidParameterValue,  // a parameter with neither quoted string nor token for value
   };
   MimeHeaderError(Code code, std::string_view field);

@@ -9,9 +9,9 @@ shift || true
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_COMPILER=clang++ -DLUMORA_BUILD_FUZZ=ON -DLUMORA_BUILD_TESTS=OFF \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
-cmake --build build-fuzz
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset)
+[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset html_tree mail_parser)
+cmake --build build-fuzz --target "${targets[@]/#/fuzz_}"
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
   mkdir -p "$work"
@@ -23,6 +23,9 @@ for t in "${targets[@]}"; do
       seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime
         ../shared/fixtures/mail-corpus/stalwart-mail-parser ../shared/fixtures/mail-corpus/james-mime4j
         ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser) ;;
+    html_tree) seeds+=(../shared/fixtures/mail-corpus/mailspring-html ../shared/fixtures/mail-corpus/mailgun-talon) ;;
+    mail_parser)
+      seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users) ;;
   esac
   existing=()
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done

@@ -1,7 +1,61 @@
 #include "lumora/mailcontent/MailParser.h"
 
-namespace lumora {
+#include <stdexcept>
 
-std::vector<std::string> MailParser::quotedTexts(const std::string&) { return {}; }
+#include "lumora/mailcontent/html/Document.h"
+#include "lumora/mailcontent/mime/Mime.h"
+#include "lumora/platform/Debug.h"
+
+namespace lumora {
+namespace {
+
+const MimeBody* quotedPrintableBody(const Mime& mime) {
+  const MimeBody* body = mime.content().body();
+  if (body && body->encoding().kind == ContentTransferEncoding::Kind::quotedPrintable)
+    return body;
+  return nullptr;
+}
+
+}  // namespace
+
+std::vector<std::string> MailParser::quotedTexts(std::string_view rawMessage) {
+  const std::optional<std::string> html = htmlSource(rawMessage);
+  if (!html) return {};
+  debug::line({"[debug] html", *html});
+  return blockquoteTexts(*html);
+}
+
+std::optional<std::string> MailParser::htmlSource(std::string_view rawMessage) {
+  const Mime mime = MimeParser::parse(rawMessage);
+  switch (mime.content().kind()) {
+    case MimeContent::Kind::body:
+      if (const MimeBody* body = quotedPrintableBody(mime)) return body->raw();
+      return std::nullopt;
+    case MimeContent::Kind::mixed:
+      for (const Mime& part : mime.content().parts())
+        if (const MimeBody* body = quotedPrintableBody(part)) return body->raw();
+      return std::nullopt;
+    case MimeContent::Kind::alternative:
+      for (const Mime& part : mime.content().parts())
+        if (const MimeBody* body = quotedPrintableBody(part))
+          return body->decodedContentString(std::nullopt);
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> MailParser::blockquoteTexts(std::string_view html) {
+  const auto document = html::Document::parse(html, "");
+  std::vector<std::string> texts;
+  html::Elements quotes;
+  try {
+    quotes = document->select("blockquote");
+  } catch (const std::invalid_argument&) {
+    return {};  // a query that does not parse selects nothing
+  }
+  texts.reserve(quotes.size());
+  for (size_t i = 0; i < quotes.size(); ++i) texts.push_back(quotes.get(i).text(true));
+  return texts;
+}
 
 }  // namespace lumora

@@ -1,18 +1,30 @@
-// From the raw message being answered to the texts the model is given.
+// From the raw message being answered to the texts the model is given: the text of each
+// blockquote element of the message's HTML, in document order. Header fields, text outside a
+// quotation and attachments never leave here.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace lumora {
 
 class MailParser {
  public:
-  // The quoted passages of `rawMessage`, in document order.
-  //
-  // This build does not read MIME and HTML yet: every message counts as one without quoted
-  // passages, so a reply sends the instruction alone.
-  static std::vector<std::string> quotedTexts(const std::string& rawMessage);
+  // The quoted passages of `rawMessage` (valid UTF-8, header and body), in document order;
+  // empty when the message has none. Throws the MIME parse's errors and the body decoders'.
+  static std::vector<std::string> quotedTexts(std::string_view rawMessage);
+
+  // The HTML source to read the quotations from: the first quoted-printable body at the top or
+  // among the top level's direct children. Deliberately narrow: only the transfer encoding
+  // decides, and the source is decoded only when it comes from a multipart/alternative; in the
+  // other cases it keeps its soft line breaks and =XX escapes, which the HTML parse then reads
+  // as they stand.
+  static std::optional<std::string> htmlSource(std::string_view rawMessage);
+
+  // The text of every blockquote element of `html`, outer ones before those inside them.
+  static std::vector<std::string> blockquoteTexts(std::string_view html);
 };
 
 }  // namespace lumora

@@ -1,0 +1,316 @@
+// How fast HTML goes through parse + select("blockquote") + text(), against gumbo (Google's C
+// parser, driven to do the same work) and Python's lxml.html, on the same sources in one run;
+// and how each grows on hostile markup.
+//
+// The report (see bench/README.md):
+//   1. every HTML part of the mail corpus (text/html leaves decoded in their charset, and the
+//      HTML fragments of the corpus): MB/s for each parser and the ratios;
+//   2. hostile sources of 1, 4 and 16 MB: time, and time per MB against the 1 MB case (near 1
+//      when linear), for this parser and for gumbo.
+#include <gumbo.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lumora/mailcontent/html/Document.h"
+#include "lumora/mailcontent/mime/Mime.h"
+#include "support/Fixtures.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+[[noreturn]] void die(const std::string& what) {
+  std::fprintf(stderr, "bench_html: %s\n", what.c_str());
+  std::exit(1);
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+double seconds(const std::function<void()>& work) {
+  const auto start = Clock::now();
+  work();
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// ---- the work, three ways ------------------------------------------------------------------
+
+size_t ours(const std::string& html) {
+  const auto document = lumora::html::Document::parse(html, "");
+  const auto quotes = document->select("blockquote");
+  size_t length = 0;
+  for (size_t i = 0; i < quotes.size(); ++i) length += quotes.get(i).text(true).size();
+  return length + quotes.size();
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r'; }
+
+// The same work with gumbo: find every blockquote, gather its text with whitespace collapsed.
+size_t gumbo(const std::string& html) {
+  GumboOutput* output = gumbo_parse_with_options(&kGumboDefaultOptions, html.data(), html.size());
+  size_t length = 0, count = 0;
+  std::vector<const GumboNode*> stack{output->root};
+  while (!stack.empty()) {
+    const GumboNode* node = stack.back();
+    stack.pop_back();
+    if (node->type != GUMBO_NODE_ELEMENT) continue;
+    const GumboVector& children = node->v.element.children;
+    for (unsigned i = children.length; i-- > 0;)
+      stack.push_back(static_cast<const GumboNode*>(children.data[i]));
+    if (node->v.element.tag != GUMBO_TAG_BLOCKQUOTE) continue;
+    ++count;
+    std::string text;
+    std::vector<const GumboNode*> inner{node};
+    while (!inner.empty()) {
+      const GumboNode* n = inner.back();
+      inner.pop_back();
+      if (n->type == GUMBO_NODE_TEXT || n->type == GUMBO_NODE_WHITESPACE) {
+        for (const char* p = n->v.text.text; *p; ++p) {
+          if (!isSpace(*p))
+            text += *p;
+          else if (text.empty() || text.back() != ' ')
+            text += ' ';
+        }
+      } else if (n->type == GUMBO_NODE_ELEMENT) {
+        const GumboVector& kids = n->v.element.children;
+        for (unsigned i = kids.length; i-- > 0;)
+          inner.push_back(static_cast<const GumboNode*>(kids.data[i]));
+      }
+    }
+    length += text.size();
+  }
+  gumbo_destroy_output(&kGumboDefaultOptions, output);
+  return length + count;
+}
+
+constexpr const char* kLxmlScript = R"(
+import struct, sys, time
+import lxml.html
+path, runs = sys.argv[1], int(sys.argv[2])
+sources = []
+with open(path, 'rb') as f:
+    data = f.read()
+at = 0
+while at < len(data):
+    (n,) = struct.unpack_from('<I', data, at)
+    sources.append(data[at + 4:at + 4 + n].decode('utf-8', 'surrogateescape'))
+    at += 4 + n
+def once():
+    total = 0
+    for s in sources:
+        try:
+            doc = lxml.html.document_fromstring(s)
+        except Exception:
+            continue
+        for q in doc.iter('blockquote'):
+            total += len(' '.join(q.text_content().split()))
+    return total
+times = []
+for _ in range(runs):
+    start = time.perf_counter()
+    once()
+    times.append(time.perf_counter() - start)
+times.sort()
+print(times[len(times) // 2])
+)";
+
+double lxmlRound(const std::vector<std::string>& sources, int runs) {
+  char data[] = "/tmp/lumora-bench-html-XXXXXX";
+  const int fd = mkstemp(data);
+  if (fd < 0) die("cannot write the sources for lxml");
+  for (const std::string& s : sources) {
+    const uint32_t n = static_cast<uint32_t>(s.size());
+    if (write(fd, &n, 4) != 4 || write(fd, s.data(), n) != static_cast<ssize_t>(n))
+      die("cannot write the sources for lxml");
+  }
+  close(fd);
+  char script[] = "/tmp/lumora-bench-html-XXXXXX.py";
+  const int sfd = mkstemps(script, 3);
+  const std::string text = kLxmlScript;
+  if (sfd < 0 || write(sfd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    die("cannot write the lxml script");
+  close(sfd);
+  const std::string command =
+      "/usr/bin/python3 " + std::string(script) + " " + data + " " + std::to_string(runs);
+  FILE* pipe = popen(command.c_str(), "r");
+  double result = -1;
+  if (pipe) {
+    if (std::fscanf(pipe, "%lf", &result) != 1) result = -1;
+    if (pclose(pipe) != 0) result = -1;
+  }
+  unlink(data);
+  unlink(script);
+  return result;
+}
+
+// Every HTML source of the corpus: text/html leaves decoded in their charset, and the files
+// that are HTML already.
+std::vector<std::string> corpusHtml() {
+  const auto dir = lumora::testing::fixturesDir() / "mail-corpus";
+  std::ifstream manifest(dir / "manifest.tsv");
+  if (!manifest) die("no mail corpus at " + dir.string());
+  std::vector<std::string> sources;
+  std::string line;
+  std::getline(manifest, line);
+  while (std::getline(manifest, line)) {
+    const size_t tab = line.find('\t');
+    const std::string file = line.substr(0, tab);
+    const std::string kind = line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1);
+    if (kind == "html-fragment") {
+      sources.push_back(lumora::testing::readFile(dir / file));
+      continue;
+    }
+    if (kind != "message") continue;
+    try {
+      const lumora::Mime mime = lumora::MimeParser::parse(lumora::testing::readFile(dir / file));
+      std::vector<const lumora::Mime*> stack{&mime};
+      while (!stack.empty()) {
+        const lumora::Mime* node = stack.back();
+        stack.pop_back();
+        for (const lumora::Mime& part : node->content().parts()) stack.push_back(&part);
+        const auto* body = node->content().body();
+        const auto& type = node->header().contentType;
+        if (!body || !type || type->mimeType().kind != lumora::MimeType::Kind::text) continue;
+        std::string subtype = type->subtype;
+        for (char& c : subtype) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (subtype != "html") continue;
+        std::optional<std::string_view> charset;
+        if (auto it = type->parameters.find("charset"); it != type->parameters.end())
+          charset = it->second;
+        try {
+          sources.push_back(body->decodedContentString(charset));
+        } catch (const lumora::Error&) {
+          try {
+            sources.push_back(body->decodedContentData());  // as bytes, as a browser would try
+          } catch (const lumora::Error&) {
+          }
+        }
+      }
+    } catch (const lumora::Error&) {
+    }
+  }
+  return sources;
+}
+
+// ---- hostile sources ------------------------------------------------------------------------
+
+std::string repeated(const std::string& piece, size_t bytes) {
+  std::string s;
+  s.reserve(bytes + piece.size());
+  while (s.size() < bytes) s += piece;
+  return s;
+}
+
+std::string manyAttributes(size_t bytes) {
+  std::string s = "<div";
+  for (size_t i = 0; s.size() < bytes; ++i) s += " a" + std::to_string(i) + "=x";
+  return s + ">text</div>";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int runs = 5;
+  bool corpus = true, hostile = true, withGumbo = true;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--runs" && i + 1 < argc) {
+      runs = std::clamp(std::atoi(argv[++i]), 1, 1000);
+    } else if (arg == "--only" && i + 1 < argc) {
+      const std::string only = argv[++i];
+      corpus = only == "corpus";
+      hostile = only == "hostile";
+    } else if (arg == "--no-gumbo-hostile") {
+      withGumbo = false;
+    } else {
+      std::fprintf(stderr, "usage: bench_html [--runs N] [--only corpus|hostile] "
+                           "[--no-gumbo-hostile]\n");
+      return 2;
+    }
+  }
+  // Keep freed memory in the allocator between rounds (see bench/README.md).
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+
+  if (corpus) {
+    const auto sources = corpusHtml();
+    size_t bytes = 0;
+    for (const auto& s : sources) bytes += s.size();
+    const double mb = static_cast<double>(bytes) / 1e6;
+    size_t a = 0, b = 0;
+    std::vector<double> oursTimes, gumboTimes;
+    for (int r = 0; r < runs; ++r) {
+      oursTimes.push_back(seconds([&] {
+        for (const auto& s : sources) a += ours(s);
+      }));
+      gumboTimes.push_back(seconds([&] {
+        for (const auto& s : sources) b += gumbo(s);
+      }));
+    }
+    const double lxml = lxmlRound(sources, runs);
+    const double o = median(oursTimes), g = median(gumboTimes);
+    std::printf("corpus HTML: %zu sources, %.1f MB, %d rounds (checksums %zu %zu)\n",
+                sources.size(), mb, runs, a % 1000, b % 1000);
+    std::printf("  lumora  %8.1f ms/round  %7.1f MB/s\n", o * 1e3, mb / o);
+    std::printf("  gumbo   %8.1f ms/round  %7.1f MB/s   lumora/gumbo throughput: %.2f\n",
+                g * 1e3, mb / g, g / o);
+    if (lxml > 0)
+      std::printf("  lxml    %8.1f ms/round  %7.1f MB/s   lumora/lxml throughput: %.2f\n",
+                  lxml * 1e3, mb / lxml, lxml / o);
+    else
+      std::printf("  lxml: not measured (/usr/bin/python3 with lxml failed)\n");
+  }
+
+  if (hostile) {
+    struct Hostile {
+      const char* name;
+      std::function<std::string(size_t)> make;
+    };
+    const Hostile cases[] = {
+        {"<div> never closed", [](size_t n) { return repeated("<div>", n); }},
+        {"<b><i><div></b> misnested", [](size_t n) { return repeated("<b><i><div>x</b>", n); }},
+        {"nested <blockquote>", [](size_t n) { return repeated("<blockquote>q", n); }},
+        {"<a> never closed", [](size_t n) { return repeated("<a href=x>y", n); }},
+        {"<table> never closed", [](size_t n) { return repeated("<table><tr><td>x", n); }},
+        {"one tag, many attributes", manyAttributes},
+    };
+    const size_t sizes[3] = {1u << 20, 4u << 20, 16u << 20};
+    std::printf("hostile sources: median of %d rounds; time per MB at 4 and 16 MB over 1 MB\n",
+                runs);
+    for (const Hostile& h : cases) {
+      for (const bool isGumbo : {false, true}) {
+        if (isGumbo && !withGumbo) continue;
+        double times[3] = {0, 0, 0};
+        int measured = 0;
+        for (int s = 0; s < 3; ++s) {
+          const std::string html = h.make(sizes[s]);
+          std::vector<double> t;
+          const int rounds = isGumbo ? 1 : runs;
+          for (int r = 0; r < rounds; ++r)
+            t.push_back(seconds([&] { isGumbo ? gumbo(html) : ours(html); }));
+          times[s] = median(t);
+          ++measured;
+          if (isGumbo && times[s] > 20) break;  // quadratic: the next size would take hours
+        }
+        std::printf("  %-28s %-6s %9.1fms %9.1fms %9.1fms   ", h.name, isGumbo ? "gumbo" : "lumora",
+                    times[0] * 1e3, times[1] * 1e3, times[2] * 1e3);
+        if (measured == 3)
+          std::printf("%.2f, %.2f\n", times[1] / 4 / times[0], times[2] / 16 / times[0]);
+        else
+          std::printf("stopped: over 20 s at %s MB\n", measured == 1 ? "1" : "4");
+      }
+    }
+  }
+  return 0;
+}

@@ -17,8 +17,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <functional>
+#include <exception>
+#include <random>
 #include <iterator>
 #include <unordered_set>
 
@@ -219,6 +221,33 @@ NamedMatch longestNamedReference(std::string_view rest) {
   return best;
 }
 
+// Attribute names come from the mail, so their hash must not be one a sender can collide on
+// purpose: the names are read as a polynomial modulo 2^61 - 1 at a point chosen at random
+// once per process. Two different names of at most L bytes collide with probability at most
+// L / 2^61 whatever the sender does.
+size_t hashAttributeName(std::string_view name) {
+  constexpr uint64_t kPrime = (uint64_t{1} << 61) - 1;
+  static const uint64_t point = [] {
+    uint64_t seed = 0x9E3779B97F4A7C15;
+    try {
+      std::random_device device;
+      seed = (uint64_t{device()} << 32) ^ device();
+    } catch (const std::exception&) {
+      // No entropy source: a fixed point still hashes well, only predictably.
+    }
+    return seed % (kPrime - 2) + 2;
+  }();
+  uint64_t h = name.size();
+  for (char c : name) {
+    const unsigned __int128 product = static_cast<unsigned __int128>(h) * point + static_cast<unsigned char>(c);
+    // Reduction modulo a Mersenne prime: fold the bits above 61 onto the ones below.
+    uint64_t folded = static_cast<uint64_t>(product & kPrime) + static_cast<uint64_t>(product >> 61);
+    folded = (folded & kPrime) + (folded >> 61);
+    h = folded >= kPrime ? folded - kPrime : folded;
+  }
+  return static_cast<size_t>(h);
+}
+
 }  // namespace
 
 const std::string* Token::attribute(std::string_view attributeName) const {
@@ -336,7 +365,7 @@ struct Tokenizer::Impl {
 
   struct NameHash {
     const std::vector<Attribute>* attributes;
-    size_t operator()(uint32_t i) const { return std::hash<std::string_view>{}((*attributes)[i].name); }
+    size_t operator()(uint32_t i) const { return hashAttributeName((*attributes)[i].name); }
   };
   struct NameEqual {
     const std::vector<Attribute>* attributes;

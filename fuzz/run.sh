@@ -11,7 +11,7 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
 cmake --build build-fuzz
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset)
+[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset html_tokenizer)
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
   mkdir -p "$work"
@@ -23,6 +23,7 @@ for t in "${targets[@]}"; do
       seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime
         ../shared/fixtures/mail-corpus/stalwart-mail-parser ../shared/fixtures/mail-corpus/james-mime4j
         ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser) ;;
+    html_tokenizer) seeds+=(../shared/fixtures/html5lib-tests/tokenizer) ;;
   esac
   existing=()
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done

@@ -10,8 +10,10 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_COMPILER=clang++ -DLUMORA_BUILD_FUZZ=ON -DLUMORA_BUILD_TESTS=OFF \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset html_tree mail_parser)
-cmake --build build-fuzz --target "${targets[@]/#/fuzz_}"
+[ ${#targets[@]} -gt 0 ] ||
+  targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64
+    mime_charset html_tokenizer html_tree mail_parser)
+cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
   mkdir -p "$work"
@@ -23,6 +25,7 @@ for t in "${targets[@]}"; do
       seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime
         ../shared/fixtures/mail-corpus/stalwart-mail-parser ../shared/fixtures/mail-corpus/james-mime4j
         ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser) ;;
+    html_tokenizer) seeds+=(../shared/fixtures/html5lib-tests/tokenizer) ;;
     html_tree) seeds+=(../shared/fixtures/mail-corpus/mailspring-html ../shared/fixtures/mail-corpus/mailgun-talon) ;;
     mail_parser)
       seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users) ;;

@@ -239,6 +239,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   // Keep freed memory in the allocator between rounds (see bench/README.md).
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   mallopt(M_MMAP_THRESHOLD, 1 << 30);

@@ -80,6 +80,9 @@ class Element : public Node {
   // as prose would show it and the ends trimmed.
   std::string text(bool trimAndNormaliseWhitespace) const;
 
+  // Whether the parser holds the element open while it builds the tree; no meaning after.
+  bool parserOpen = false;
+
  private:
   Tag tag_;
   std::vector<Attribute> attributes_;

@@ -319,11 +319,21 @@ class TreeBuilder {
 
   void push(Element* e) {
     open_.push_back(e);
-    ++count_[static_cast<size_t>(e->id())];
+    opened(e);
   }
   void pop() {
-    --count_[static_cast<size_t>(open_.back()->id())];
+    closed(open_.back());
     open_.pop_back();
+  }
+  // Every change to the stack goes through these two, which keep the per-tag counts and each
+  // element's own mark.
+  void opened(Element* e) {
+    ++count_[static_cast<size_t>(e->id())];
+    e->parserOpen = true;
+  }
+  void closed(Element* e) {
+    --count_[static_cast<size_t>(e->id())];
+    e->parserOpen = false;
   }
   void popUntil(TagId id) {
     while (!open_.empty()) {
@@ -347,15 +357,11 @@ class TreeBuilder {
       if (found) return;
     }
   }
-  bool isOpen(const Element* e) const {
-    return count_[static_cast<size_t>(e->id())] > 0 &&
-           std::find(open_.begin(), open_.end(), e) != open_.end();
-  }
-  bool anyOpen(TagId id) const { return count_[static_cast<size_t>(id)] > 0; }
-  void removeFromStack(const Element* e) {
+  static bool isOpen(const Element* e) { return e->parserOpen; }
+  void removeFromStack(Element* e) {
+    if (!e->parserOpen) return;
     const auto it = std::find(open_.begin(), open_.end(), e);
-    if (it == open_.end()) return;
-    --count_[static_cast<size_t>(e->id())];
+    closed(e);
     open_.erase(it);
   }
 
@@ -659,13 +665,13 @@ class TreeBuilder {
         }
       }
       if (!formattingElement) return false;
-      const auto stackIt = std::find(open_.begin(), open_.end(), formattingElement);
-      if (stackIt == open_.end()) {
+      if (!formattingElement->parserOpen) {
         formatting_.erase(formatting_.begin() + static_cast<std::ptrdiff_t>(formattingIndex));
         return true;
       }
       if (!elementInScope(formattingElement)) return true;
-      const size_t stackIndex = static_cast<size_t>(stackIt - open_.begin());
+      const size_t stackIndex = static_cast<size_t>(
+          std::find(open_.begin(), open_.end(), formattingElement) - open_.begin());
       Element* furthestBlock = nullptr;
       size_t furthestIndex = 0;
       for (size_t i = stackIndex + 1; i < open_.size(); ++i) {
@@ -696,12 +702,14 @@ class TreeBuilder {
           nodeEntry = SIZE_MAX;
         }
         if (nodeEntry == SIZE_MAX) {
-          --count_[static_cast<size_t>(node->id())];
+          closed(node);
           open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(nodeIndex));
           continue;
         }
         Element* copy = doc_.makeElement(node->id(), node->tag().tagName(), node->attributes());
         formatting_[nodeEntry] = copy;
+        closed(node);
+        opened(copy);
         open_[nodeIndex] = copy;
         node = copy;
         if (lastNode == furthestBlock) bookmark = nodeEntry + 1;
@@ -729,7 +737,7 @@ class TreeBuilder {
       removeFromStack(formattingElement);
       const auto fb = std::find(open_.begin(), open_.end(), furthestBlock);
       open_.insert(fb + 1, copy);
-      ++count_[static_cast<size_t>(copy->id())];
+      opened(copy);
     }
     return true;
   }

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "lumora/chat/OpenAIClient.h"
+#include "lumora/models/ConversationModel.h"
+#include "lumora/models/ModelService.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
@@ -106,8 +108,9 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
     case 1:  // customDomain
     case 2:  // team
       return OpenAIClient::isOpenAIModel(model);
-    case 3:  // cloud: any catalogue model, once the catalogue is here
-    case 4:  // azure: a catalogue model with a deployment, once the catalogue is here
+    case 3:  // cloud: any catalogue model
+      return isCatalogueModel(model);
+    case 4:  // azure: a catalogue model with a deployment, once deployments are read
       return false;
     case 5:
       return model.starts_with("claude");
@@ -138,6 +141,10 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
 Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
   const Service* found = nullptr;
   if (startsWithAny(model, {"tts", "whisper"})) found = scan(services, {"cloud", "openai"});
+  if (!found) {
+    const auto catalogued = ConversationModel::fromRawValue(model);
+    if (catalogued && catalogued->isCloudOnlyModel()) found = scan(services, {"cloud"});
+  }
   if (!found && model.starts_with("claude"))
     found = scan(services, {"claude", "openRouter", "cloud"});
   if (!found && model.starts_with("gemini"))
@@ -156,6 +163,13 @@ Service LLMClients::service(std::string_view model, const std::vector<Service>& 
     }
   }
   if (found) return *found;
+  if (!isCatalogueModel(model)) {
+    if (const Service* s = scan(services, {"ollama"})) return *s;
+  }
+  if (auto offered = ModelService::shared().serviceOffering(model)) {
+    debug::line({"[debug] model service returned", model, offered->id()});
+    return *offered;
+  }
   if (services.empty()) return OpenAiService{""};
   if (const Service* s = scan(services, {"cloud", "openai"})) return *s;
   return services.front();

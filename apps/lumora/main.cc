@@ -16,6 +16,8 @@ struct Command {
 constexpr Command kCommands[] = {
     {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
     {"settings", "read and write the settings", lumora::cli::settingsCommand},
+    {"models", "list the model catalogue", lumora::cli::modelsCommand},
+    {"route", "show which service would answer a model, and why", lumora::cli::routeCommand},
 };
 
 void usage(FILE* out) {

@@ -1,6 +1,7 @@
 #include "lumora/chat/LLMClients.h"
 
 #include <initializer_list>
+#include <optional>
 #include <nlohmann/json.hpp>
 
 #include "lumora/chat/OpenAIClient.h"
@@ -138,41 +139,47 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
   return false;
 }
 
-Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
-  const Service* found = nullptr;
-  if (startsWithAny(model, {"tts", "whisper"})) found = scan(services, {"cloud", "openai"});
+LLMClients::RouteDecision LLMClients::route(std::string_view model,
+                                            const std::vector<Service>& services) {
+  const auto scanned = [&](int step, std::initializer_list<std::string_view> ids)
+      -> std::optional<RouteDecision> {
+    if (const Service* s = scan(services, ids)) return RouteDecision{*s, step};
+    return std::nullopt;
+  };
+  std::optional<RouteDecision> found;
+  if (startsWithAny(model, {"tts", "whisper"})) found = scanned(1, {"cloud", "openai"});
   if (!found) {
     const auto catalogued = ConversationModel::fromRawValue(model);
-    if (catalogued && catalogued->isCloudOnlyModel()) found = scan(services, {"cloud"});
+    if (catalogued && catalogued->isCloudOnlyModel()) found = scanned(2, {"cloud"});
   }
-  if (!found && model.starts_with("claude"))
-    found = scan(services, {"claude", "openRouter", "cloud"});
-  if (!found && model.starts_with("gemini"))
-    found = scan(services, {"gemini", "openRouter", "cloud"});
-  if (!found && model.starts_with("moonshot")) found = scan(services, {"moonshot"});
-  if (!found && model.starts_with("reka")) found = scan(services, {"reka"});
+  if (!found && model.starts_with("claude")) found = scanned(3, {"claude", "openRouter", "cloud"});
+  if (!found && model.starts_with("gemini")) found = scanned(4, {"gemini", "openRouter", "cloud"});
+  if (!found && model.starts_with("moonshot")) found = scanned(5, {"moonshot"});
+  if (!found && model.starts_with("reka")) found = scanned(6, {"reka"});
   if (!found && startsWithAny(model, {"mistral", "open_mistral", "open_mixtral"}))
-    found = scan(services, {"mistral"});
-  if (!found && isGroqModel(model)) found = scan(services, {"groq"});
+    found = scanned(7, {"mistral"});
+  if (!found && isGroqModel(model)) found = scanned(8, {"groq"});
   if (!found) {
     for (const Service& s : services) {
       if (supportsModel(s, model)) {
-        found = &s;
+        found = RouteDecision{s, 9};
         break;
       }
     }
   }
+  if (!found && !isCatalogueModel(model)) found = scanned(10, {"ollama"});
   if (found) return *found;
-  if (!isCatalogueModel(model)) {
-    if (const Service* s = scan(services, {"ollama"})) return *s;
-  }
   if (auto offered = ModelService::shared().serviceOffering(model)) {
     debug::line({"[debug] model service returned", model, offered->id()});
-    return *offered;
+    return {*offered, 11};
   }
-  if (services.empty()) return OpenAiService{""};
-  if (const Service* s = scan(services, {"cloud", "openai"})) return *s;
-  return services.front();
+  if (services.empty()) return {OpenAiService{""}, 12};
+  if (auto fallback = scanned(13, {"cloud", "openai"})) return *fallback;
+  return {services.front(), 14};
+}
+
+Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
+  return route(model, services).service;
 }
 
 std::unique_ptr<LLMClient> LLMClients::client(const Service& service,

@@ -25,6 +25,16 @@ class LLMClients {
   // an empty key, and the server's rejection tells the user.
   static Service service(std::string_view model, const std::vector<Service>& services);
 
+  // The same decision with the step that made it: 1 speech, 2 cloud-only model, 3 Claude,
+  // 4 Gemini, 5 Moonshot, 6 Reka, 7 Mistral, 8 Groq, 9 the first service that supports the
+  // model, 10 Ollama for a name outside the catalogue, 11 the model service, 12 no services,
+  // 13 the cloud or OpenAI by default, 14 the first service.
+  struct RouteDecision {
+    Service service;
+    int step;
+  };
+  static RouteDecision route(std::string_view model, const std::vector<Service>& services);
+
   // The client for `service`.
   static std::unique_ptr<LLMClient> client(const Service& service,
                                            const ChatEnvironment& environment);

@@ -1,0 +1,121 @@
+// `lumora models` and `lumora route MODEL`: the model catalogue, and which configured service
+// would answer a model, with the reason in words.
+#include <cstdio>
+#include <string>
+
+#include "Commands.h"
+#include "Support.h"
+#include "lumora/chat/ChatEnvironment.h"
+#include "lumora/chat/Errors.h"
+#include "lumora/chat/LLMClients.h"
+#include "lumora/models/ConversationModel.h"
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/Http.h"
+#include "lumora/platform/Localization.h"
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora::cli {
+namespace {
+
+constexpr const char* kModelsHelp =
+    "Usage: lumora models\n"
+    "\n"
+    "Lists the model catalogue, one model a line, its fields separated by tabs: the id, the\n"
+    "name shown for it, the id of the service that would answer it under the current\n"
+    "settings, \"deprecated\" or \"-\", and \"cloud-only\" or \"-\".\n"
+    "Exit status: 0 done, 1 the settings could not be read, 2 usage error.\n";
+
+constexpr const char* kRouteHelp =
+    "Usage: lumora route MODEL\n"
+    "\n"
+    "Prints the id of the service that would answer a reply with MODEL under the current\n"
+    "settings, then, on a second line, why.\n"
+    "Exit status: 0 done, 1 the settings could not be read, 2 usage error.\n";
+
+std::string reason(const LLMClients::RouteDecision& route, const std::string& model) {
+  const std::string service = route.service.id();
+  switch (route.step) {
+    case 1:
+      return model + localized(" is a speech model: it goes to the hosted cloud or to OpenAI, "
+                               "whichever comes first in your services.");
+    case 2:
+      return model + localized(" is offered only by the hosted cloud.");
+    case 3:
+      return model + localized(" is a Claude model: it goes to Claude, OpenRouter or the hosted "
+                               "cloud, whichever comes first in your services.");
+    case 4:
+      return model + localized(" is a Gemini model: it goes to Gemini, OpenRouter or the hosted "
+                               "cloud, whichever comes first in your services.");
+    case 5:
+      return model + localized(" is a Moonshot model.");
+    case 6:
+      return model + localized(" is a Reka model.");
+    case 7:
+      return model + localized(" is a Mistral model.");
+    case 8:
+      return model + localized(" is a Groq model.");
+    case 9:
+      return service + localized(" is the first of your services that offers ") + model + ".";
+    case 10:
+      return model + localized(" is not in the catalogue, so it goes to your Ollama server.");
+    case 11:
+      return localized("The model service lists ") + model + localized(" under ") + service + ".";
+    case 12:
+      return localized("No service is set up: the request would go to OpenAI without a key, "
+                       "and be refused.");
+    case 13:
+      return localized("None of your services offers ") + model +
+             localized(" by name, so the hosted cloud or OpenAI answers it.");
+    default:
+      return localized("None of your services offers ") + model +
+             localized(" by name, so the first of your services answers it.");
+  }
+}
+
+}  // namespace
+
+int modelsCommand(const Args& args) {
+  if (!args.empty()) {
+    if (args[0] == "--help" || args[0] == "-h") {
+      std::fputs(kModelsHelp, stdout);
+      return kExitOk;
+    }
+    return usageError("models takes no arguments", kModelsHelp);
+  }
+  debug::setSink({});
+  try {
+    const ChatEnvironment environment{sharedDefaults(), defaultTransport()};
+    const auto services = LLMClients::loadServices(environment);
+    for (const ConversationModel model : ConversationModel::allCases()) {
+      const std::string id(model.rawValue());
+      std::printf("%s\t%s\t%s\t%s\t%s\n", id.c_str(), model.displayName().c_str(),
+                  LLMClients::service(id, services).id().c_str(),
+                  model.isDeprecated() ? "deprecated" : "-",
+                  model.isCloudOnlyModel() ? "cloud-only" : "-");
+    }
+    return kExitOk;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
+    return kExitFailed;
+  }
+}
+
+int routeCommand(const Args& args) {
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    std::fputs(kRouteHelp, stdout);
+    return kExitOk;
+  }
+  if (args.size() != 1) return usageError("route takes one MODEL", kRouteHelp);
+  debug::setSink({});
+  try {
+    const ChatEnvironment environment{sharedDefaults(), defaultTransport()};
+    const auto route = LLMClients::route(args[0], LLMClients::loadServices(environment));
+    std::printf("%s\n%s\n", route.service.id().c_str(), reason(route, args[0]).c_str());
+    return kExitOk;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
+    return kExitFailed;
+  }
+}
+
+}  // namespace lumora::cli

@@ -1,0 +1,67 @@
+// `lumora route` and `lumora models` against real settings files.
+#include <gtest/gtest.h>
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+
+namespace lumora {
+namespace {
+
+class RouteCommandTest : public ::testing::Test {
+ protected:
+  testing::ProcessResult lumora(std::vector<std::string> args) {
+    args.insert(args.begin(), LUMORA_BINARY);
+    testing::ProcessOptions options;
+    options.setEnv["XDG_CONFIG_HOME"] = (home_ / "config").string();
+    options.setEnv["XDG_DATA_HOME"] = (home_ / "data").string();
+    options.unsetEnv = {"LUMORA_DEBUG"};
+    return testing::runProcess(args, options);
+  }
+  void set(const std::string& key, const std::string& value) {
+    ASSERT_EQ(lumora({"settings", "set", key, value}).status, 0);
+  }
+  testing::TempDir home_;
+};
+
+TEST_F(RouteCommandTest, SaysWhichServiceAnswersAndWhy) {
+  EXPECT_EQ(lumora({"route", "gpt-4o"}).out,
+            "openai\nNo service is set up: the request would go to OpenAI without a key, and be "
+            "refused.\n");
+  set("apiKey", "sk-route-test-0001");
+  set("openRouterApiKey", "router-route-0002");
+  set("cloudToken", "cloud-route-0003");
+  set("ollamaURL", "http://localhost:11434");
+  struct Case {
+    std::string model;
+    std::string out;
+  };
+  const Case cases[] = {
+      {"claude-3-opus-20240229",
+       "openRouter\nclaude-3-opus-20240229 is a Claude model: it goes to Claude, OpenRouter or "
+       "the hosted cloud, whichever comes first in your services.\n"},
+      {"qwen-plus", "cloud\nqwen-plus is offered only by the hosted cloud.\n"},
+      {"gpt-4o", "openai\nopenai is the first of your services that offers gpt-4o.\n"},
+      {"llama3:8b", "ollama\nllama3:8b is not in the catalogue, so it goes to your Ollama server.\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.model);
+    const auto r = lumora({"route", c.model});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, c.out);
+  }
+  EXPECT_EQ(lumora({"route"}).status, 2);
+}
+
+TEST_F(RouteCommandTest, ListsTheCatalogueWithTheAnsweringService) {
+  set("cloudToken", "cloud-route-0003");
+  const auto r = lumora({"models"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 49);
+  EXPECT_NE(r.out.find("gpt-4-turbo-preview\tGPT4 Turbo Preview\tcloud\tdeprecated\t-\n"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("ERNIE-Bot-4\tERNIE-Bot-4\tcloud\t-\tcloud-only\n"), std::string::npos);
+  EXPECT_EQ(r.out.find("cloud-route"), std::string::npos) << "no credential in the output";
+}
+
+}  // namespace
+}  // namespace lumora

@@ -2,7 +2,7 @@
 # Installs the build and test dependencies from Debian 12's packages (as root, or through sudo).
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config curl
-          libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev
+          libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libsqlite3-dev
           libgtest-dev libgmock-dev libbenchmark-dev
           libgumbo-dev python3-lxml)  # the last two for bench_html's comparisons
 missing=()

@@ -451,9 +451,12 @@ std::optional<double> asNumber(const json& value) {
 
 }  // namespace defaults
 
-std::filesystem::path configDirectory() {
-  const char* xdg = std::getenv("XDG_CONFIG_HOME");
-  // The XDG rules ignore a relative value, so a stray one cannot move the settings around.
+namespace {
+
+// $VARIABLE/lumora when it is an absolute path (the XDG rules ignore a relative value, so a
+// stray one cannot move the files around), else ~/FALLBACK/lumora.
+fs::path xdgDirectory(const char* variable, const char* fallback) {
+  const char* xdg = std::getenv(variable);
   if (xdg && xdg[0] == '/') return fs::path(xdg) / "lumora";
   std::string home;
   if (const char* env = std::getenv("HOME"); env && env[0] != '\0') {
@@ -463,16 +466,20 @@ std::filesystem::path configDirectory() {
     struct passwd* found = nullptr;
     std::vector<char> buffer(16384);
     if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
-        found->pw_dir) {
+        found->pw_dir)
       home = found->pw_dir;
-    }
   }
   if (home.empty()) {
-    throw FileError(
-        "Cannot find the home directory for the settings: set HOME or XDG_CONFIG_HOME.");
+    throw FileError(std::string("Cannot find the home directory for Lumora's files: set HOME or ") +
+                    variable + ".");
   }
-  return fs::path(home) / ".config" / "lumora";
+  return fs::path(home) / fallback / "lumora";
 }
+
+}  // namespace
+
+std::filesystem::path configDirectory() { return xdgDirectory("XDG_CONFIG_HOME", ".config"); }
+std::filesystem::path dataDirectory() { return xdgDirectory("XDG_DATA_HOME", ".local/share"); }
 
 DefaultsStore& sharedDefaults() {
   static DefaultsStore store(configDirectory() / (std::string(kSharedSuiteName) + ".json"));

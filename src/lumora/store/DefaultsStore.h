@@ -104,6 +104,8 @@ inline constexpr std::string_view kOwnDomainName = "tech.zorvel.lumora";
 // $XDG_CONFIG_HOME/lumora when XDG_CONFIG_HOME is an absolute path, else ~/.config/lumora
 // (HOME, then the password database). FileError when no home directory can be found.
 std::filesystem::path configDirectory();
+// Where the conversation store lies: $XDG_DATA_HOME/lumora, else ~/.local/share/lumora.
+std::filesystem::path dataDirectory();
 
 // The suite shared with the companion application ("group.tech.zorvel.openai.json") and the
 // command's own domain ("tech.zorvel.lumora.json"), both in configDirectory() as it is at first

@@ -1,0 +1,391 @@
+#include "lumora/store/ConversationStore.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+#include "lumora/platform/Debug.h"
+#include "lumora/platform/Localization.h"
+#include "lumora/store/DefaultsStore.h"
+
+namespace lumora {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr const char* kStoreFile = "Lumora.sqlite";
+constexpr const char* kAppGroup = "group.tech.zorvel.openai";
+constexpr const char* kCloudContainer = "iCloud.tech.zorvel.lumora";
+constexpr int kBusyTimeoutMs = 5000;
+
+// The five entities, one table each, named as the entities are.
+constexpr const char* kSchema = R"(
+CREATE TABLE Conversation (
+  id TEXT, title TEXT, systemPrompt TEXT, model TEXT,
+  isArchived INTEGER NOT NULL DEFAULT 0, isPinned INTEGER NOT NULL DEFAULT 0,
+  updatedAt INTEGER NOT NULL DEFAULT 0, createdAt INTEGER NOT NULL DEFAULT 0,
+  temperature REAL NOT NULL DEFAULT 1.0, trackCount INTEGER NOT NULL DEFAULT 0,
+  isKeyboardSelected INTEGER NOT NULL DEFAULT 0, lastMessageId TEXT, draft TEXT,
+  emojiIcon TEXT, systemIcon TEXT, placeholder TEXT, shortcut TEXT, template TEXT,
+  ttsVoice TEXT);
+CREATE TABLE Message (
+  id TEXT, chatId TEXT, replyToId TEXT, role TEXT, content TEXT, model TEXT,
+  stopReason TEXT, imageURLs TEXT, isStarred INTEGER NOT NULL DEFAULT 0,
+  createdAt INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE Team (
+  name TEXT, domain TEXT, token TEXT, createdAt INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE Image (
+  id TEXT, role TEXT, prompt TEXT, params TEXT, size TEXT, urls TEXT,
+  isStarred INTEGER NOT NULL DEFAULT 0, createdAt INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE File (
+  id TEXT, data BLOB, date REAL, filetype TEXT, "index" INTEGER NOT NULL DEFAULT 0,
+  image INTEGER REFERENCES Image(rowid) ON DELETE SET NULL);
+)";
+
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) fail();
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  void bind(int i, const std::optional<std::string>& text) {
+    const int rc = text ? sqlite3_bind_text(stmt_, i, text->data(), static_cast<int>(text->size()),
+                                            SQLITE_TRANSIENT)
+                        : sqlite3_bind_null(stmt_, i);
+    if (rc != SQLITE_OK) fail();
+  }
+  void bind(int i, int64_t value) {
+    if (sqlite3_bind_int64(stmt_, i, value) != SQLITE_OK) fail();
+  }
+  // True while there is a row.
+  bool step() {
+    const int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    fail();
+  }
+  std::optional<std::string> text(int column) const {
+    if (sqlite3_column_type(stmt_, column) == SQLITE_NULL) return std::nullopt;
+    const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+    return std::string(data ? data : "", static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+  }
+  int64_t integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+ private:
+  [[noreturn]] void fail() {
+    throw StoreError(localized("The conversation store could not be used: ") +
+                     sqlite3_errmsg(db_) + ".");
+  }
+  sqlite3* db_;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+void execute(sqlite3* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    const std::string text = message ? message : sqlite3_errmsg(db);
+    sqlite3_free(message);
+    throw StoreError(localized("The conversation store could not be used: ") + text + ".");
+  }
+}
+
+// The error the container reports for a store it cannot open: "Unresolved error", the
+// description, then what it is about.
+[[noreturn]] void unresolved(const std::string& description, const fs::path& path, int code) {
+  throw StoreError("Unresolved error " + description + ", {path: " + path.string() +
+                   ", code: " + std::to_string(code) + "}");
+}
+
+void makeDirectory(const fs::path& directory) {
+  std::error_code ec;
+  fs::create_directories(directory, ec);
+  if (ec) throw StoreError("Cannot create " + directory.string() + ": " + ec.message() + ".");
+  ::chmod(directory.c_str(), 0700);
+}
+
+// Creates the store file 0600 before SQLite opens it, since it holds team tokens.
+void createPrivateFile(const fs::path& path) {
+  const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  if (fd >= 0) ::close(fd);
+}
+
+sqlite3* openDatabase(const fs::path& path, bool inMemory) {
+  sqlite3* db = nullptr;
+  const std::string name = inMemory ? ":memory:" : path.string();
+  if (!inMemory) {
+    makeDirectory(path.parent_path());
+    createPrivateFile(path);
+  }
+  const int rc = sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                                 nullptr);
+  if (rc != SQLITE_OK) {
+    const std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+    sqlite3_close(db);
+    unresolved(message, path, rc);
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  try {
+    int version = 0;
+    {
+      Statement v(db, "PRAGMA user_version");
+      if (v.step()) version = static_cast<int>(v.integer(0));
+    }
+    if (version > kStoreSchemaVersion) {
+      unresolved("The conversation store was written by a newer version (schema " +
+                     std::to_string(version) + "; this one reads " +
+                     std::to_string(kStoreSchemaVersion) + ")",
+                 path, SQLITE_CANTOPEN);
+    }
+    if (version == 0) {
+      Statement tables(db, "SELECT count(*) FROM sqlite_master");
+      tables.step();
+      if (tables.integer(0) != 0)
+        unresolved("The file is a database but not a conversation store", path, SQLITE_NOTADB);
+    }
+    // Only a store known to be ours is switched to WAL: the switch rewrites the file's header.
+    if (!inMemory) execute(db, "PRAGMA journal_mode=WAL");
+    if (version == 0) {
+      execute(db, "BEGIN IMMEDIATE");
+      execute(db, kSchema);
+      execute(db, ("PRAGMA user_version = " + std::to_string(kStoreSchemaVersion)).c_str());
+      execute(db, "COMMIT");
+    }
+  } catch (const StoreError& e) {
+    const std::string what = e.what();
+    const int code = sqlite3_errcode(db);
+    sqlite3_close(db);
+    if (what.rfind("Unresolved error ", 0) == 0) throw;
+    unresolved(what, path, code);
+  }
+  return db;
+}
+
+// One-step copy of a store: SQLite's backup into a temporary file beside the destination,
+// then a rename. The source is only read.
+void copyStore(const fs::path& source, const fs::path& destination) {
+  makeDirectory(destination.parent_path());
+  const fs::path temporary = destination.string() + ".copying";
+  std::error_code ec;
+  fs::remove(temporary, ec);
+  createPrivateFile(temporary);
+  sqlite3* from = nullptr;
+  sqlite3* to = nullptr;
+  bool ok = sqlite3_open_v2(source.c_str(), &from, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_open_v2(temporary.c_str(), &to, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK;
+  if (ok) {
+    sqlite3_busy_timeout(from, kBusyTimeoutMs);
+    sqlite3_backup* backup = sqlite3_backup_init(to, "main", from, "main");
+    ok = backup && sqlite3_backup_step(backup, -1) == SQLITE_DONE;
+    if (backup) ok = sqlite3_backup_finish(backup) == SQLITE_OK && ok;
+  }
+  const std::string message = !ok && to ? sqlite3_errmsg(to) : "";
+  sqlite3_close(from);
+  sqlite3_close(to);
+  if (ok) fs::rename(temporary, destination, ec);
+  if (!ok || ec) {
+    fs::remove(temporary, ec);
+    throw StoreError("Cannot copy the conversation store: " + message);
+  }
+}
+
+std::string describe(const PersistentContainer::StoreDescription& d) {
+  return "<StoreDescription type: " + d.type + ", url: file://" + d.url.string() + ">";
+}
+
+std::vector<std::string> processArguments() {
+  std::ifstream in("/proc/self/cmdline", std::ios::binary);
+  std::vector<std::string> arguments;
+  std::string argument;
+  while (std::getline(in, argument, '\0')) arguments.push_back(argument);
+  return arguments;
+}
+
+}  // namespace
+
+// ---- live objects -----------------------------------------------------------------------------
+
+std::string CDConversation::displayTitle() const {
+  return fields_.title ? *fields_.title : localized("New Chat");
+}
+
+void CDConversation::setSystemPrompt(std::optional<std::string> value) {
+  fields_.systemPrompt = std::move(value);
+  promptChanged_ = true;
+  changed();
+}
+
+void CDConversation::setModel(std::optional<std::string> value) {
+  fields_.model = std::move(value);
+  modelChanged_ = true;
+  changed();
+}
+
+void CDConversation::changed() {
+  // A copy: an observer may add observers.
+  const auto observers = observers_;
+  for (const auto& observer : observers) observer();
+}
+
+// ---- the context ------------------------------------------------------------------------------
+
+StoreContext::~StoreContext() = default;
+
+std::vector<std::shared_ptr<CDConversation>> StoreContext::fetchConversations() {
+  Statement query(db_,
+                  "SELECT rowid, id, title, systemPrompt, model, isArchived, isPinned, updatedAt "
+                  "FROM Conversation WHERE isArchived = 0 ORDER BY isPinned DESC, updatedAt DESC");
+  std::vector<std::shared_ptr<CDConversation>> result;
+  while (query.step()) {
+    const int64_t row = query.integer(0);
+    CDConversation::Fields fields{query.text(1),         query.text(2),
+                                  query.text(3),         query.text(4),
+                                  query.integer(5) != 0, query.integer(6) != 0,
+                                  query.integer(7)};
+    std::shared_ptr<CDConversation> object = objects_[row].lock();
+    if (!object) {
+      object = std::make_shared<CDConversation>(row, std::move(fields));
+      objects_[row] = object;
+    } else {
+      // What changed elsewhere comes in; what was changed here and not saved stays.
+      if (object->promptChanged_) fields.systemPrompt = object->fields_.systemPrompt;
+      if (object->modelChanged_) fields.model = object->fields_.model;
+      object->fields_ = std::move(fields);
+    }
+    result.push_back(std::move(object));
+  }
+  return result;
+}
+
+std::vector<CDTeam> StoreContext::fetchTeams() {
+  Statement query(db_, "SELECT name, domain, token, createdAt FROM Team ORDER BY createdAt DESC");
+  std::vector<CDTeam> teams;
+  while (query.step())
+    teams.push_back({query.text(0), query.text(1), query.text(2), query.integer(3)});
+  return teams;
+}
+
+void StoreContext::save() {
+  std::vector<std::shared_ptr<CDConversation>> dirty;
+  for (auto it = objects_.begin(); it != objects_.end();) {
+    auto object = it->second.lock();
+    if (!object) {
+      it = objects_.erase(it);
+      continue;
+    }
+    if (object->hasChanges()) dirty.push_back(std::move(object));
+    ++it;
+  }
+  if (dirty.empty()) return;
+  execute(db_, "BEGIN IMMEDIATE");
+  try {
+    for (const auto& object : dirty) {
+      if (object->promptChanged_) {
+        Statement update(db_, "UPDATE Conversation SET systemPrompt = ?1 WHERE rowid = ?2");
+        update.bind(1, object->fields_.systemPrompt);
+        update.bind(2, object->row_);
+        update.step();
+      }
+      if (object->modelChanged_) {
+        Statement update(db_, "UPDATE Conversation SET model = ?1 WHERE rowid = ?2");
+        update.bind(1, object->fields_.model);
+        update.bind(2, object->row_);
+        update.step();
+      }
+    }
+    execute(db_, "COMMIT");
+  } catch (...) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+  for (const auto& object : dirty) object->promptChanged_ = object->modelChanged_ = false;
+}
+
+// ---- the container ----------------------------------------------------------------------------
+
+fs::path PersistentContainer::defaultUrl(const Environment& e) {
+  return e.dataDirectory / "Lumora" / kStoreFile;
+}
+fs::path PersistentContainer::appGroupUrl(const Environment& e) {
+  return e.dataDirectory / kAppGroup / kStoreFile;
+}
+
+PersistentContainer::Environment PersistentContainer::processEnvironment() {
+  return {processArguments(), dataDirectory(), copyStore, 1};
+}
+
+PersistentContainer::~PersistentContainer() {
+  context_.reset();
+  sqlite3_close(db_);
+}
+
+std::unique_ptr<PersistentContainer> PersistentContainer::make(bool inMemory,
+                                                               const Environment& e) {
+  std::unique_ptr<PersistentContainer> container(new PersistentContainer());
+  auto& descriptions = container->descriptions_;
+  descriptions.resize(std::max<size_t>(1, e.descriptions));
+  for (auto& d : descriptions) d.url = defaultUrl(e);
+  if (inMemory) descriptions.front().url = "/dev/null";
+  for (const std::string& argument : e.arguments) {
+    if (argument == "UITEST" && !inMemory)
+      throw StoreError("Unit test should only use in memory core data");
+  }
+  if (!inMemory) {
+    const fs::path defaultPath = descriptions.front().url;
+    const fs::path groupPath = appGroupUrl(e);
+    debug::line({"[debug] -- default url", "file://" + defaultPath.string()});
+    debug::line({"[debug] -- app group url", "file://" + groupPath.string()});
+    debug::line({"[debug] -- containers count", std::to_string(descriptions.size())});
+    std::error_code ec;
+    const bool defaultExists = fs::exists(defaultPath, ec);
+    const bool groupExists = fs::exists(groupPath, ec);
+    debug::line({"[debug] -- default store exists:", defaultExists ? "true" : "false",
+                 defaultPath.string(), "app group store exist:", groupExists ? "true" : "false"});
+    descriptions.front().url = groupPath;
+    if (defaultExists && !groupExists) {
+      debug::line({"[debug] -- need migrate ..."});
+      bool failed = false;
+      for (const StoreDescription& d : descriptions) {
+        debug::line({"[debug] -- migrate description:", describe(d)});
+        try {
+          e.replaceStore(defaultPath, groupPath);
+        } catch (...) {
+          descriptions.front().url = defaultPath;  // go on with the old store; next start retries
+          failed = true;
+          break;
+        }
+      }
+      if (!failed)
+        debug::line({"[debug] --change container to use appGroupUrl:",
+                     "file://" + descriptions.front().url.string()});
+    }
+    debug::line({"[debug] container url", "file://" + descriptions.front().url.string()});
+    descriptions.front().cloudKitContainer = kCloudContainer;
+  }
+  container->db_ = openDatabase(descriptions.front().url, inMemory);
+  container->context_ = std::make_unique<StoreContext>(container->db_);
+  return container;
+}
+
+PersistentContainer& PersistentContainer::shared() {
+  static std::once_flag once;
+  static std::unique_ptr<PersistentContainer> container;
+  static std::exception_ptr failure;
+  std::call_once(once, [] {
+    try {
+      container = make(false, processEnvironment());
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  if (failure) std::rethrow_exception(failure);
+  return *container;
+}
+
+}  // namespace lumora

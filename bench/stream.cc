@@ -206,7 +206,7 @@ class Loopback {
  public:
   Loopback()
       : store_(dir_ / "group.tech.zorvel.openai.json"),
-        environment_{store_, lumora::defaultTransport()} {
+        environment_{store_, lumora::defaultTransport(), std::chrono::milliseconds(60'000), {}} {
     store_.set("apiKey", "sk-test-0000");
     // The client builds its URL from this at each request; curl gets the same URL.
     if (::setenv("LUMORA_OPENAI_BASE_URL", server_.baseUrl().c_str(), 1) != 0)

@@ -84,8 +84,10 @@ int modelsCommand(const Args& args) {
   }
   debug::setSink({});
   try {
-    const ChatEnvironment environment{sharedDefaults(), defaultTransport()};
-    const auto services = LLMClients::loadServices(environment);
+    const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
+                                      .transport = defaultTransport(),
+                                      .store = sharedStoreContext};
+    const auto services = LLMClients::fetchServices(environment);
     for (const ConversationModel model : ConversationModel::allCases()) {
       const std::string id(model.rawValue());
       std::printf("%s\t%s\t%s\t%s\t%s\n", id.c_str(), model.displayName().c_str(),
@@ -108,8 +110,10 @@ int routeCommand(const Args& args) {
   if (args.size() != 1) return usageError("route takes one MODEL", kRouteHelp);
   debug::setSink({});
   try {
-    const ChatEnvironment environment{sharedDefaults(), defaultTransport()};
-    const auto route = LLMClients::route(args[0], LLMClients::loadServices(environment));
+    const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
+                                      .transport = defaultTransport(),
+                                      .store = sharedStoreContext};
+    const auto route = LLMClients::route(args[0], LLMClients::fetchServices(environment));
     std::printf("%s\n%s\n", route.service.id().c_str(), reason(route, args[0]).c_str());
     return kExitOk;
   } catch (const std::exception& e) {

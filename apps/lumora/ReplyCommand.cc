@@ -215,7 +215,7 @@ int replyCommand(const Args& args) {
         .executor = executor,
         .session = session,
         .ownDefaults = ownDefaults(),
-        .environment = ChatEnvironment{sharedDefaults(), transport},
+        .environment = ChatEnvironment{.sharedDefaults = sharedDefaults(), .transport = transport, .store = sharedStoreContext},
         .pasteboard = pasteboard,
         .conversations = conversations,
         .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },

@@ -10,7 +10,11 @@
 
 #include "Commands.h"
 
+#include "lumora/store/ConversationStore.h"
+
 namespace lumora::cli {
+
+StoreContext* sharedStoreContext() { return &PersistentContainer::shared().viewContext(); }
 
 int usageError(const std::string& message, const char* help) {
   std::fprintf(stderr, "lumora: %s\n\n%s", message.c_str(), help);

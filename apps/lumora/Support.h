@@ -4,7 +4,15 @@
 #include <optional>
 #include <string>
 
+namespace lumora {
+class StoreContext;
+}
+
 namespace lumora::cli {
+
+// The conversation store of this process, opened on first use; throws StoreError when it
+// cannot be opened.
+StoreContext* sharedStoreContext();
 
 // Writes "lumora: MESSAGE" and the command's usage to standard error; returns kExitUsage.
 int usageError(const std::string& message, const char* help);

@@ -1,5 +1,8 @@
 // `lumora route` and `lumora models` against real settings files.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <fstream>
 
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -61,6 +64,36 @@ TEST_F(RouteCommandTest, ListsTheCatalogueWithTheAnsweringService) {
             std::string::npos);
   EXPECT_NE(r.out.find("ERNIE-Bot-4\tERNIE-Bot-4\tcloud\t-\tcloud-only\n"), std::string::npos);
   EXPECT_EQ(r.out.find("cloud-route"), std::string::npos) << "no credential in the output";
+}
+
+TEST_F(RouteCommandTest, TeamsFromTheStoreComeFirstAndADamagedStoreCostsOnlyThem) {
+  set("apiKey", "sk-route-test-0001");
+  ASSERT_EQ(lumora({"route", "gpt-4o"}).out.substr(0, 7), "openai\n");  // creates the store
+  const auto store = home_ / "data" / "lumora" / "group.tech.zorvel.openai" / "Lumora.sqlite";
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(store.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "INSERT INTO Team (name, domain, token, createdAt) VALUES "
+                         "('old', 'old.example', 'team-token-0001', 1),"
+                         "('new', ' new.example ', 'team-token-0002', 2),"
+                         "('half', 'half.example', '  ', 3)",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  // The newest usable team takes every gpt name; the one without a token is skipped.
+  EXPECT_EQ(lumora({"route", "gpt-4o"}).out,
+            "new.example\nnew.example is the first of your services that offers gpt-4o.\n");
+  const auto debug = lumora({"reply", "--dry-run", "--debug", "-"});
+  EXPECT_EQ(debug.err.find("team-token-0002"), std::string::npos) << "tokens are masked";
+
+  std::filesystem::remove(store.string() + "-wal");
+  std::filesystem::remove(store.string() + "-shm");
+  std::ofstream(store, std::ios::binary | std::ios::trunc) << "not a database";
+  const auto damaged = lumora({"route", "gpt-4o"});
+  EXPECT_EQ(damaged.status, 0);
+  EXPECT_EQ(damaged.out.substr(0, 7), "openai\n");
+  std::ifstream in(store, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not a database");
 }
 
 }  // namespace

@@ -64,9 +64,29 @@ bool isGroqModel(std::string_view model) {
 
 }  // namespace
 
-std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment) {
+std::vector<Service> LLMClients::fetchServices(const ChatEnvironment& environment) {
+  if (!environment.store) return loadServices(environment);
+  std::vector<CDTeam> teams;
+  try {
+    teams = environment.store()->fetchTeams();
+  } catch (const std::exception& e) {
+    debug::line({"Fetch Failed:", e.what()});
+    teams.clear();
+  }
+  return loadServices(environment, teams);
+}
+
+std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment,
+                                              const std::vector<CDTeam>& teams) {
   DefaultsStore& d = environment.sharedDefaults;
   std::vector<Service> services;
+  for (const CDTeam& team : teams) {
+    if (!team.domain || !team.token) continue;
+    const std::string_view domain = text::trimmed(*team.domain);
+    const std::string_view token = text::trimmed(*team.token);
+    if (domain.empty() || token.empty()) continue;
+    services.push_back(Team{std::string(domain), std::string(token)});
+  }
 
   auto endpoint = present(d, "azureEndPoint");
   auto azureKey = present(d, "azureApiKey");

@@ -12,14 +12,21 @@
 #include "lumora/chat/ChatEnvironment.h"
 #include "lumora/chat/LLMClient.h"
 #include "lumora/chat/Service.h"
+#include "lumora/store/ConversationStore.h"
 
 namespace lumora {
 
 class LLMClients {
  public:
-  // The configured services, in route order, from the shared settings. String settings are
-  // trimmed and a blank one counts as absent. Prints "services" and the list.
-  static std::vector<Service> loadServices(const ChatEnvironment& environment);
+  // The configured services, in route order: the teams as given (newest first), then the
+  // services of the shared settings. Strings are trimmed and a blank one counts as absent; a
+  // team without domain or token is skipped. Prints "services" and the list.
+  static std::vector<Service> loadServices(const ChatEnvironment& environment,
+                                           const std::vector<CDTeam>& teams = {});
+
+  // loadServices with the teams of the environment's store. A store that cannot be read costs
+  // the teams and nothing else: "Fetch Failed: " and the reason are printed.
+  static std::vector<Service> fetchServices(const ChatEnvironment& environment);
 
   // The service that answers `model`. Never fails: with no service at all it is OpenAI with
   // an empty key, and the server's rejection tells the user.

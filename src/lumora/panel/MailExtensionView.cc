@@ -147,7 +147,7 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
     }
 
     model = selectedModel();
-    const std::vector<Service> services = LLMClients::loadServices(deps_.environment);
+    const std::vector<Service> services = LLMClients::fetchServices(deps_.environment);
     // The client is fixed here, from the selected model, before a conversation can change
     // the model name below.
     const Service service = LLMClients::service(model, services);

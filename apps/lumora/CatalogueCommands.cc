@@ -9,7 +9,6 @@
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
 #include "lumora/models/ConversationModel.h"
-#include "lumora/platform/Debug.h"
 #include "lumora/platform/Http.h"
 #include "lumora/platform/Localization.h"
 #include "lumora/store/DefaultsStore.h"
@@ -82,7 +81,6 @@ int modelsCommand(const Args& args) {
     }
     return usageError("models takes no arguments", kModelsHelp);
   }
-  debug::setSink({});
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
@@ -108,7 +106,6 @@ int routeCommand(const Args& args) {
     return kExitOk;
   }
   if (args.size() != 1) return usageError("route takes one MODEL", kRouteHelp);
-  debug::setSink({});
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),

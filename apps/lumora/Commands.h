@@ -19,5 +19,7 @@ int replyCommand(const Args& args);
 int settingsCommand(const Args& args);
 int modelsCommand(const Args& args);
 int routeCommand(const Args& args);
+int conversationsCommand(const Args& args);
+int teamsCommand(const Args& args);
 
 }  // namespace lumora::cli

@@ -1,9 +1,11 @@
 // `lumora`: dispatches to its subcommands.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "Commands.h"
+#include "lumora/platform/Debug.h"
 
 namespace {
 
@@ -16,6 +18,9 @@ struct Command {
 constexpr Command kCommands[] = {
     {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
     {"settings", "read and write the settings", lumora::cli::settingsCommand},
+    {"conversations", "the stored presets of instruction and model",
+     lumora::cli::conversationsCommand},
+    {"teams", "the self-hosted team servers", lumora::cli::teamsCommand},
     {"models", "list the model catalogue", lumora::cli::modelsCommand},
     {"route", "show which service would answer a model, and why", lumora::cli::routeCommand},
 };
@@ -27,7 +32,7 @@ void usage(FILE* out) {
                "Lumora writes replies to e-mail with the language model of your choice.\n"
                "\n"
                "Commands:\n");
-  for (const Command& c : kCommands) std::fprintf(out, "  %-10s %s\n", c.name, c.help);
+  for (const Command& c : kCommands) std::fprintf(out, "  %-14s %s\n", c.name, c.help);
   std::fprintf(out,
                "\n"
                "Run 'lumora COMMAND --help' for a command's options.\n"
@@ -50,6 +55,11 @@ int main(int argc, char** argv) {
     std::printf("lumora %s\n", LUMORA_VERSION);
     return lumora::cli::kExitOk;
   }
+  // Standard output carries each command's result, so debug lines go to standard error, and
+  // only when asked for (a command may turn them on with an option of its own).
+  const char* debugEnv = std::getenv("LUMORA_DEBUG");
+  const bool debugOn = debugEnv && std::strcmp(debugEnv, "1") == 0;
+  lumora::debug::setSink(debugOn ? lumora::debug::stderrSink() : lumora::debug::Sink());
   for (const Command& c : kCommands) {
     if (name == c.name) return c.run(lumora::cli::Args(argv + 2, argv + argc));
   }

@@ -4,26 +4,18 @@
 
 #include <fstream>
 
-#include "support/Process.h"
-#include "support/TempDir.h"
+#include "support/LumoraHome.h"
 
 namespace lumora {
 namespace {
 
 class RouteCommandTest : public ::testing::Test {
  protected:
-  testing::ProcessResult lumora(std::vector<std::string> args) {
-    args.insert(args.begin(), LUMORA_BINARY);
-    testing::ProcessOptions options;
-    options.setEnv["XDG_CONFIG_HOME"] = (home_ / "config").string();
-    options.setEnv["XDG_DATA_HOME"] = (home_ / "data").string();
-    options.unsetEnv = {"LUMORA_DEBUG"};
-    return testing::runProcess(args, options);
-  }
+  testing::ProcessResult lumora(std::vector<std::string> args) { return home_.run(std::move(args)); }
   void set(const std::string& key, const std::string& value) {
     ASSERT_EQ(lumora({"settings", "set", key, value}).status, 0);
   }
-  testing::TempDir home_;
+  testing::LumoraHome home_;
 };
 
 TEST_F(RouteCommandTest, SaysWhichServiceAnswersAndWhy) {
@@ -69,7 +61,7 @@ TEST_F(RouteCommandTest, ListsTheCatalogueWithTheAnsweringService) {
 TEST_F(RouteCommandTest, TeamsFromTheStoreComeFirstAndADamagedStoreCostsOnlyThem) {
   set("apiKey", "sk-route-test-0001");
   ASSERT_EQ(lumora({"route", "gpt-4o"}).out.substr(0, 7), "openai\n");  // creates the store
-  const auto store = home_ / "data" / "lumora" / "group.tech.zorvel.openai" / "Lumora.sqlite";
+  const auto store = home_.dataDirectory() / "group.tech.zorvel.openai" / "Lumora.sqlite";
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(store.c_str(), &db), SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(db,

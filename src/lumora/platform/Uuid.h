@@ -11,4 +11,7 @@ namespace lumora::uuid {
 // UUID in either letter case; nullopt otherwise.
 std::optional<std::string> canonical(std::string_view text);
 
+// A new random (version 4) UUID in canonical upper-case form.
+std::string random();
+
 }  // namespace lumora::uuid

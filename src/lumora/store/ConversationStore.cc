@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Localization.h"
+#include "lumora/platform/Uuid.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace lumora {
@@ -305,6 +307,132 @@ void StoreContext::save() {
     throw;
   }
   for (const auto& object : dirty) object->promptChanged_ = object->modelChanged_ = false;
+}
+
+// ---- editing for the commands -----------------------------------------------------------------
+
+namespace {
+
+int64_t now() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+constexpr const char* kConversationColumns =
+    "rowid, id, title, systemPrompt, model, isArchived, isPinned, updatedAt FROM Conversation";
+
+StoreContext::ConversationRow conversationRow(const Statement& q) {
+  return {q.integer(0),
+          {q.text(1), q.text(2), q.text(3), q.text(4), q.integer(5) != 0, q.integer(6) != 0,
+           q.integer(7)}};
+}
+
+// Runs `work` in a write transaction.
+template <typename Work>
+auto writing(sqlite3* db, Work work) {
+  execute(db, "BEGIN IMMEDIATE");
+  try {
+    auto result = work();
+    execute(db, "COMMIT");
+    return result;
+  } catch (...) {
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+}  // namespace
+
+std::vector<StoreContext::ConversationRow> StoreContext::allConversations() {
+  Statement q(db_, (std::string("SELECT ") + kConversationColumns +
+                    " ORDER BY isPinned DESC, updatedAt DESC")
+                       .c_str());
+  std::vector<ConversationRow> rows;
+  while (q.step()) rows.push_back(conversationRow(q));
+  return rows;
+}
+
+std::optional<StoreContext::ConversationRow> StoreContext::conversation(const std::string& id) {
+  Statement q(db_, (std::string("SELECT ") + kConversationColumns + " WHERE upper(id) = upper(?1)")
+                       .c_str());
+  q.bind(1, std::optional<std::string>(id));
+  if (!q.step()) return std::nullopt;
+  return conversationRow(q);
+}
+
+std::string StoreContext::addConversation(const std::optional<std::string>& title,
+                                          const std::optional<std::string>& systemPrompt,
+                                          const std::optional<std::string>& model) {
+  const std::string id = uuid::random();
+  return writing(db_, [&] {
+    Statement insert(db_,
+                     "INSERT INTO Conversation (id, title, systemPrompt, model, createdAt, "
+                     "updatedAt) VALUES (?1, ?2, ?3, ?4, ?5, ?5)");
+    insert.bind(1, std::optional<std::string>(id));
+    insert.bind(2, title);
+    insert.bind(3, systemPrompt);
+    insert.bind(4, model);
+    insert.bind(5, now());
+    insert.step();
+    return id;
+  });
+}
+
+bool StoreContext::updateConversation(const std::string& id, const CDConversation::Fields& f) {
+  return writing(db_, [&] {
+    Statement update(db_,
+                     "UPDATE Conversation SET title = ?1, systemPrompt = ?2, model = ?3, "
+                     "isArchived = ?4, isPinned = ?5, updatedAt = ?6 WHERE upper(id) = upper(?7)");
+    update.bind(1, f.title);
+    update.bind(2, f.systemPrompt);
+    update.bind(3, f.model);
+    update.bind(4, int64_t{f.isArchived});
+    update.bind(5, int64_t{f.isPinned});
+    update.bind(6, now());
+    update.bind(7, std::optional<std::string>(id));
+    update.step();
+    return sqlite3_changes(db_) > 0;
+  });
+}
+
+bool StoreContext::removeConversation(const std::string& id) {
+  return writing(db_, [&] {
+    Statement remove(db_, "DELETE FROM Conversation WHERE upper(id) = upper(?1)");
+    remove.bind(1, std::optional<std::string>(id));
+    remove.step();
+    return sqlite3_changes(db_) > 0;
+  });
+}
+
+std::vector<StoreContext::TeamRow> StoreContext::allTeams() {
+  Statement q(db_, "SELECT rowid, name, domain, token, createdAt FROM Team ORDER BY createdAt DESC");
+  std::vector<TeamRow> rows;
+  while (q.step())
+    rows.push_back({q.integer(0), {q.text(1), q.text(2), q.text(3), q.integer(4)}});
+  return rows;
+}
+
+int64_t StoreContext::addTeam(const std::optional<std::string>& name, const std::string& domain,
+                              const std::string& token) {
+  return writing(db_, [&] {
+    Statement insert(db_, "INSERT INTO Team (name, domain, token, createdAt) VALUES (?1, ?2, ?3, ?4)");
+    insert.bind(1, name);
+    insert.bind(2, std::optional<std::string>(domain));
+    insert.bind(3, std::optional<std::string>(token));
+    insert.bind(4, now());
+    insert.step();
+    return static_cast<int64_t>(sqlite3_last_insert_rowid(db_));
+  });
+}
+
+bool StoreContext::removeTeam(int64_t row) {
+  return writing(db_, [&] {
+    Statement remove(db_, "DELETE FROM Team WHERE rowid = ?1");
+    remove.bind(1, row);
+    remove.step();
+    return sqlite3_changes(db_) > 0;
+  });
 }
 
 // ---- the container ----------------------------------------------------------------------------

@@ -98,6 +98,32 @@ class StoreContext {
 
   sqlite3* database() const { return db_; }
 
+  // ---- what the `conversations` and `teams` commands do in the companion's place ----------
+  struct ConversationRow {
+    int64_t row = 0;
+    CDConversation::Fields fields;
+  };
+  struct TeamRow {
+    int64_t row = 0;
+    CDTeam team;
+  };
+  // Every conversation, archived ones too, in the panel's order.
+  std::vector<ConversationRow> allConversations();
+  // The conversation whose id is `id` in any letter case.
+  std::optional<ConversationRow> conversation(const std::string& id);
+  // Stores a new conversation with a new id (returned), created and updated now.
+  std::string addConversation(const std::optional<std::string>& title,
+                              const std::optional<std::string>& systemPrompt,
+                              const std::optional<std::string>& model);
+  // Writes the conversation's fields as given and marks it updated now. False when no
+  // conversation has that id.
+  bool updateConversation(const std::string& id, const CDConversation::Fields& fields);
+  bool removeConversation(const std::string& id);
+  std::vector<TeamRow> allTeams();  // newest first
+  int64_t addTeam(const std::optional<std::string>& name, const std::string& domain,
+                  const std::string& token);
+  bool removeTeam(int64_t row);
+
  private:
   sqlite3* db_;
   std::map<int64_t, std::weak_ptr<CDConversation>> objects_;

@@ -208,7 +208,7 @@ int replyCommand(const Args& args) {
     HttpTransport& transport =
         options.dryRun ? static_cast<HttpTransport&>(recorder) : defaultTransport();
     MemoryPasteboard pasteboard;
-    NoConversations conversations;
+    StoreConversations conversations(sharedStoreContext);
     std::optional<Service> chosen;
 
     MailExtensionView::Dependencies deps{

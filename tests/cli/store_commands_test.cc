@@ -61,6 +61,24 @@ TEST_F(StoreCommandsTest, TeamsWithTheirTokensMasked) {
   EXPECT_EQ(out({"teams", "list"}), "");
 }
 
+TEST_F(StoreCommandsTest, AStoredConversationIsThePresetOfAReply) {
+  std::string id = out({"conversations", "add", "--title", "French", "--instruction",
+                        "Answer in French.", "--model", "gpt-4o-mini"});
+  id.pop_back();
+  const std::string example = std::string(LUMORA_SOURCE_DIR) + "/examples/reply-to-meeting.eml";
+  for (const std::vector<std::string>& how :
+       {std::vector<std::string>{"reply", "--dry-run", "--conversation", id, example},
+        std::vector<std::string>{"reply", "--dry-run", example}}) {
+    if (how.size() == 3) out({"settings", "set", "mailSelectedConversationId", id});
+    const std::string request = out(how);
+    EXPECT_NE(request.find("\"model\": \"gpt-4o-mini\""), std::string::npos) << request;
+    EXPECT_NE(request.find("\"content\": \"Answer in French.\""), std::string::npos) << request;
+  }
+  // An archived conversation is no preset: the instruction of the settings applies.
+  out({"conversations", "archive", id});
+  EXPECT_EQ(out({"reply", "--dry-run", example}).find("Answer in French."), std::string::npos);
+}
+
 // A panel (this process) saving edits while the command adds conversations from other
 // processes: every write lands, and nobody sees "database is locked".
 TEST_F(StoreCommandsTest, APanelAndTheCommandShareTheStore) {

@@ -153,6 +153,8 @@ TEST(DefaultsStoreTest, BadFilesAreReportedAndNeverOverwritten) {
       {"syntax", "{\"a\": 1,\n \"b\": }", " is not valid JSON (line 2, column 7)."},
       {"truncated", "{\"a\":", " is not valid JSON (line 1, column 6)."},
       {"not UTF-8", "{\"a\": \"\xff\"}", " is not valid JSON (line 1, column 8)."},
+      {"number out of range", "{\"a\": " + std::string(400, '3') + "}",
+       " holds a number too large to read."},
       {"array", "[1, 2]", " holds a JSON array, not an object."},
       {"string", "\"x\"", " holds a JSON string, not an object."},
       {"empty", "", " is empty, not a JSON object."},

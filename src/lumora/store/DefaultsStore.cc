@@ -147,6 +147,9 @@ std::pair<std::shared_ptr<const json>, std::string> parseSuite(const std::string
     parsed = json::parse(text);
   } catch (const json::parse_error& e) {
     return {nullptr, fileText(file) + " is not valid JSON (" + position(text, e.byte) + ")."};
+  } catch (const json::exception&) {
+    // A number beyond the range of a double: valid JSON that cannot be read.
+    return {nullptr, fileText(file) + " holds a number too large to read."};
   }
   if (!parsed.is_object()) {
     return {nullptr, fileText(file) + " holds a JSON " + parsed.type_name() + ", not an object."};

@@ -24,6 +24,7 @@
 
 #include "lumora/mailcontent/html/Document.h"
 #include "lumora/mailcontent/mime/Mime.h"
+#include "lumora/platform/Text.h"
 #include "support/Fixtures.h"
 
 namespace {
@@ -184,9 +185,7 @@ std::vector<std::string> corpusHtml() {
         const auto* body = node->content().body();
         const auto& type = node->header().contentType;
         if (!body || !type || type->mimeType().kind != lumora::MimeType::Kind::text) continue;
-        std::string subtype = type->subtype;
-        for (char& c : subtype) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        if (subtype != "html") continue;
+        if (!lumora::text::equalsIgnoringCase(type->subtype, "html")) continue;
         std::optional<std::string_view> charset;
         if (auto it = type->parameters.find("charset"); it != type->parameters.end())
           charset = it->second;

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "lumora/platform/Text.h"
 #include "support/MimeShape.h"
 
 namespace lumora::testing {
@@ -48,10 +49,7 @@ void parseInto(std::string_view text, MimePicture& picture) {
     picture.bodies.push_back(body.raw());
     return;
   }
-  std::string subtype = header.contentType->subtype;
-  for (char& c : subtype)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-  picture.shape += subtype + "[";
+  picture.shape += text::asciiLowercased(header.contentType->subtype) + "[";
   const auto matches = delimiters(text, type->boundary);
   for (size_t k = 1; k < matches.size(); ++k) {
     if (k > 1) picture.shape += ',';

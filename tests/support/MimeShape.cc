@@ -3,16 +3,9 @@
 #include <utility>
 #include <vector>
 
+#include "lumora/platform/Text.h"
+
 namespace lumora::testing {
-namespace {
-
-std::string lower(std::string s) {
-  for (char& c : s)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-  return s;
-}
-
-}  // namespace
 
 std::string shapeOf(const Mime& mime) {
   std::string out;
@@ -28,9 +21,9 @@ std::string shapeOf(const Mime& mime) {
       if (content.kind() == MimeContent::Kind::body) {
         const auto& type = node->header().contentType;
         if (type) {
-          out += lower(type->type);
+          out += text::asciiLowercased(type->type);
           out += '/';
-          out += lower(type->subtype);
+          out += text::asciiLowercased(type->subtype);
         } else {
           out += '-';
         }
@@ -39,7 +32,7 @@ std::string shapeOf(const Mime& mime) {
         stack.pop_back();
         continue;
       }
-      out += lower(node->header().contentType->subtype);
+      out += text::asciiLowercased(node->header().contentType->subtype);
       out += '[';
     }
     if (next < content.parts().size()) {

@@ -3,6 +3,7 @@
 #include <array>
 
 #include "lumora/platform/Localization.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 namespace {
@@ -35,16 +36,6 @@ constexpr std::array kRegion = {
     ConversationModel(C::glm4v),
 };
 
-bool startsWithIgnoringCase(std::string_view s, std::string_view prefix) {
-  if (s.size() < prefix.size()) return false;
-  for (size_t i = 0; i < prefix.size(); ++i) {
-    char c = s[i];
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-    if (c != prefix[i]) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 std::optional<ConversationModel> ConversationModel::fromRawValue(std::string_view raw) {
@@ -75,8 +66,8 @@ bool ConversationModel::isDeprecated() const {
 
 bool ConversationModel::isCloudOnlyModel() const {
   const std::string_view raw = rawValue();
-  return startsWithIgnoringCase(raw, "ernie") || startsWithIgnoringCase(raw, "spark") ||
-         startsWithIgnoringCase(raw, "qwen");
+  return text::startsWithIgnoringCase(raw, "ernie") || text::startsWithIgnoringCase(raw, "spark") ||
+         text::startsWithIgnoringCase(raw, "qwen");
 }
 
 std::string ConversationModel::family() const {

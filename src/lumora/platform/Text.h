@@ -28,5 +28,9 @@ size_t characterLengthAt(std::string_view s, size_t i);
 
 // ASCII-only case-insensitive comparison.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
+bool startsWithIgnoringCase(std::string_view s, std::string_view prefix);
+
+// `s` with the ASCII letters in lower case; every other byte as it is.
+std::string asciiLowercased(std::string_view s);
 
 }  // namespace lumora::text

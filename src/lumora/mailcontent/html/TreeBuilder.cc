@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "lumora/mailcontent/html/Document.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora::html {
 namespace {
@@ -67,21 +68,6 @@ bool oneOf(TagId id, Ids... ids) {
 }
 
 bool isWhitespace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r'; }
-
-bool equalsAsciiCaseInsensitive(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    char x = a[i], y = b[i];
-    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x + 32);
-    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y + 32);
-    if (x != y) return false;
-  }
-  return true;
-}
-
-bool startsWithAsciiCaseInsensitive(std::string_view s, std::string_view prefix) {
-  return s.size() >= prefix.size() && equalsAsciiCaseInsensitive(s.substr(0, prefix.size()), prefix);
-}
 
 // Doctypes that put a document in quirks mode, where a table does not close an open p.
 bool isQuirksDoctype(const Token& t) {
@@ -148,17 +134,17 @@ bool isQuirksDoctype(const Token& t) {
   std::string_view publicId;
   if (t.hasPublicIdentifier) publicId = t.publicIdentifier;
   for (const auto exact : kExact)
-    if (t.hasPublicIdentifier && equalsAsciiCaseInsensitive(publicId, exact)) return true;
+    if (t.hasPublicIdentifier && text::equalsIgnoringCase(publicId, exact)) return true;
   if (t.hasSystemIdentifier &&
-      equalsAsciiCaseInsensitive(t.systemIdentifier,
+      text::equalsIgnoringCase(t.systemIdentifier,
                                  "http://www.ibm.com/data/dtd/v11/ibmxhtml1-transitional.dtd"))
     return true;
   if (!t.hasPublicIdentifier) return false;
   for (const auto prefix : kPrefixes)
-    if (startsWithAsciiCaseInsensitive(publicId, prefix)) return true;
+    if (text::startsWithIgnoringCase(publicId, prefix)) return true;
   if (!t.hasSystemIdentifier &&
-      (startsWithAsciiCaseInsensitive(publicId, "-//W3C//DTD HTML 4.01 Frameset//") ||
-       startsWithAsciiCaseInsensitive(publicId, "-//W3C//DTD HTML 4.01 Transitional//")))
+      (text::startsWithIgnoringCase(publicId, "-//W3C//DTD HTML 4.01 Frameset//") ||
+       text::startsWithIgnoringCase(publicId, "-//W3C//DTD HTML 4.01 Transitional//")))
     return true;
   return false;
 }
@@ -1178,7 +1164,7 @@ class TreeBuilder {
         reconstructFormatting();
         insertVoid(in);
         const std::string* type = in.token->attribute("type");
-        if (!type || !equalsAsciiCaseInsensitive(*type, "hidden")) framesetOk_ = false;
+        if (!type || !text::equalsIgnoringCase(*type, "hidden")) framesetOk_ = false;
         return Action::done;
       }
       case T::param:
@@ -1501,7 +1487,7 @@ class TreeBuilder {
             return inHead(in);
           case T::input: {
             const std::string* type = in.token->attribute("type");
-            if (!type || !equalsAsciiCaseInsensitive(*type, "hidden")) break;
+            if (!type || !text::equalsIgnoringCase(*type, "hidden")) break;
             insertVoid(in);
             return Action::done;
           }

@@ -212,17 +212,11 @@ HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
   return parameters;
 }
 
-std::string lowercased(std::string_view s) {
-  std::string out(s);
-  for (char& c : out)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-  return out;
-}
 
 ContentTransferEncoding parseTransferEncoding(std::string_view body, std::string_view field) {
   TokenProcessor p(tokenize(body), field);
   const std::string token = p.expectToken();  // whatever follows is ignored
-  const std::string lower = lowercased(token);
+  const std::string lower = text::asciiLowercased(token);
   using K = ContentTransferEncoding::Kind;
   if (lower == "7bit") return {K::sevenBit, ""};
   if (lower == "8bit") return {K::eightBit, ""};
@@ -436,7 +430,7 @@ std::string ContentTransferEncoding::name() const {
 }
 
 MimeType ContentType::mimeType() const {
-  const std::string lower = lowercased(type);
+  const std::string lower = text::asciiLowercased(type);
   using K = MimeType::Kind;
   MimeType result;
   if (lower == "text")
@@ -453,7 +447,7 @@ MimeType ContentType::mimeType() const {
     result.kind = K::message;
   else if (lower == "multipart" && parameters.count("boundary")) {
     result.kind = K::multipart;
-    const std::string sub = lowercased(subtype);
+    const std::string sub = text::asciiLowercased(subtype);
     result.subtype = sub == "mixed"         ? MultipartSubtype::mixed
                      : sub == "alternative" ? MultipartSubtype::alternative
                                             : MultipartSubtype::other;

@@ -14,10 +14,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,27 +23,15 @@
 #include "lumora/mailcontent/html/Document.h"
 #include "lumora/mailcontent/mime/Mime.h"
 #include "lumora/platform/Text.h"
+#include "Common.h"
 #include "support/Fixtures.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using lumora::bench::median;
+using lumora::bench::seconds;
 
-[[noreturn]] void die(const std::string& what) {
-  std::fprintf(stderr, "bench_html: %s\n", what.c_str());
-  std::exit(1);
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
-double seconds(const std::function<void()>& work) {
-  const auto start = Clock::now();
-  work();
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+[[noreturn]] void die(const std::string& what) { lumora::bench::die("bench_html", what); }
 
 // ---- the work, three ways ------------------------------------------------------------------
 
@@ -159,22 +145,12 @@ double lxmlRound(const std::vector<std::string>& sources, int runs) {
 
 // Every HTML source of the corpus: text/html leaves decoded in their charset, and the files
 // that are HTML already.
-std::vector<std::string> corpusHtml() {
-  const auto dir = lumora::testing::fixturesDir() / "mail-corpus";
-  std::ifstream manifest(dir / "manifest.tsv");
-  if (!manifest) die("no mail corpus at " + dir.string());
+std::vector<std::string> corpusHtml() try {
+  const auto dir = lumora::testing::mailCorpusDir();
   std::vector<std::string> sources;
-  std::string line;
-  std::getline(manifest, line);
-  while (std::getline(manifest, line)) {
-    const size_t tab = line.find('\t');
-    const std::string file = line.substr(0, tab);
-    const std::string kind = line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1);
-    if (kind == "html-fragment") {
-      sources.push_back(lumora::testing::readFile(dir / file));
-      continue;
-    }
-    if (kind != "message") continue;
+  for (const std::string& file : lumora::testing::mailCorpusFiles("html-fragment"))
+    sources.push_back(lumora::testing::readFile(dir / file));
+  for (const std::string& file : lumora::testing::mailCorpusFiles("message")) {
     try {
       const lumora::Mime mime = lumora::MimeParser::parse(lumora::testing::readFile(dir / file));
       std::vector<const lumora::Mime*> stack{&mime};
@@ -202,6 +178,8 @@ std::vector<std::string> corpusHtml() {
     }
   }
   return sources;
+} catch (const std::runtime_error& e) {
+  die(e.what());
 }
 
 // One gumbo parse in a child process, since gumbo may abort or run for hours on hostile

@@ -14,37 +14,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "lumora/mailcontent/mime/Mime.h"
+#include "Common.h"
 #include "support/Fixtures.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using lumora::bench::median;
+using lumora::bench::seconds;
 
-[[noreturn]] void die(const std::string& what) {
-  std::fprintf(stderr, "bench_mime: %s\n", what.c_str());
-  std::exit(1);
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
-double seconds(const std::function<void()>& work) {
-  const auto start = Clock::now();
-  work();
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+[[noreturn]] void die(const std::string& what) { lumora::bench::die("bench_mime", what); }
 
 // Parses, walks every part and undoes the transfer encoding of every leaf; returns the decoded
 // bytes so that nothing is optimised away.
@@ -69,18 +54,15 @@ size_t parseAndDecode(const std::string& message) {
   return decoded;
 }
 
-std::filesystem::path corpusDir() { return lumora::testing::fixturesDir() / "mail-corpus"; }
+std::filesystem::path corpusDir() { return lumora::testing::mailCorpusDir(); }
 
 std::vector<std::string> loadCorpus() {
-  std::ifstream manifest(corpusDir() / "manifest.tsv");
-  if (!manifest) die("no mail corpus at " + corpusDir().string());
   std::vector<std::string> messages;
-  std::string line;
-  std::getline(manifest, line);
-  while (std::getline(manifest, line)) {
-    const size_t tab = line.find('\t');
-    if (line.compare(tab + 1, 8, "message\t") == 0)
-      messages.push_back(lumora::testing::readFile(corpusDir() / line.substr(0, tab)));
+  try {
+    for (const std::string& file : lumora::testing::mailCorpusFiles("message"))
+      messages.push_back(lumora::testing::readFile(corpusDir() / file));
+  } catch (const std::runtime_error& e) {
+    die(e.what());
   }
   return messages;
 }

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <fstream>
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -116,14 +115,8 @@ TEST_F(ReplyCorpusTest, TheUserMessageOfRealReplies) {
 }
 
 TEST_F(ReplyCorpusTest, EveryMessageRunsToARequestOrAClearFailure) {
-  std::ifstream manifest(testing::fixturesDir() / "mail-corpus" / "manifest.tsv");
-  std::string line;
-  std::getline(manifest, line);
   size_t requests = 0, failures = 0;
-  while (std::getline(manifest, line)) {
-    const size_t tab = line.find('\t');
-    if (line.compare(tab + 1, 8, "message\t") != 0) continue;
-    const std::string file = line.substr(0, tab);
+  for (const std::string& file : testing::mailCorpusFiles("message")) {
     SCOPED_TRACE(file);
     const testing::ProcessResult r = dryRun(file);
     ASSERT_TRUE(r.status == 0 || r.status == 1) << "exit " << r.status << "\n" << r.err;

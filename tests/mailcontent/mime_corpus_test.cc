@@ -3,8 +3,6 @@
 // and their text parts decode.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <variant>
 
 #include "lumora/mailcontent/mime/Mime.h"
@@ -16,20 +14,7 @@
 namespace lumora {
 namespace {
 
-std::filesystem::path corpus() { return testing::fixturesDir() / "mail-corpus"; }
-
-// The files the manifest lists as messages.
-std::vector<std::string> corpusMessages() {
-  std::ifstream manifest(corpus() / "manifest.tsv");
-  std::vector<std::string> files;
-  std::string line;
-  std::getline(manifest, line);  // the header row
-  while (std::getline(manifest, line)) {
-    const size_t tab = line.find('\t');
-    if (line.compare(tab + 1, 8, "message\t") == 0) files.push_back(line.substr(0, tab));
-  }
-  return files;
-}
+std::filesystem::path corpus() { return testing::mailCorpusDir(); }
 
 enum class Failure { structure, header };
 using Outcome = std::variant<testing::MimePicture, Failure>;
@@ -46,7 +31,7 @@ Outcome outcomeOf(Parse parse) {
 }
 
 TEST(MimeCorpus, EveryMessageParsesAsTheLiteralParseDoesOrFailsTyped) {
-  const auto files = corpusMessages();
+  const auto files = testing::mailCorpusFiles("message");
   ASSERT_GE(files.size(), 300u);
   size_t parsed = 0;
   for (const std::string& file : files) {

@@ -1,8 +1,6 @@
 // MIME headers: field finding, the three parsed fields and their errors.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 
 #include "lumora/mailcontent/mime/MimeHeader.h"
 #include "support/Fixtures.h"
@@ -153,17 +151,9 @@ namespace {
 
 // Every real message's header parses or fails with a typed error; none crashes.
 TEST(MimeHeader, EveryCorpusHeaderParsesOrFailsCleanly) {
-  std::ifstream manifest(testing::fixturesDir() / "mail-corpus" / "manifest.tsv");
-  std::string line;
-  std::getline(manifest, line);
   size_t parsed = 0, failed = 0;
-  while (std::getline(manifest, line)) {
-    std::istringstream columns(line);
-    std::string file, kind;
-    std::getline(columns, file, '\t');
-    std::getline(columns, kind, '\t');
-    if (kind != "message") continue;
-    const std::string raw = testing::readFile(testing::fixturesDir() / "mail-corpus" / file);
+  for (const std::string& file : testing::mailCorpusFiles("message")) {
+    const std::string raw = testing::readFile(testing::mailCorpusDir() / file);
     size_t end = raw.find("\r\n\r\n");
     if (end == std::string::npos) end = raw.find("\n\n");
     try {

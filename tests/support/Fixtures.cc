@@ -28,4 +28,21 @@ std::string readFile(const std::filesystem::path& path) {
   return contents;
 }
 
+std::filesystem::path mailCorpusDir() { return fixturesDir() / "mail-corpus"; }
+
+std::vector<std::string> mailCorpusFiles(std::string_view kind) {
+  std::ifstream manifest(mailCorpusDir() / "manifest.tsv");
+  if (!manifest) throw std::runtime_error("no mail corpus at " + mailCorpusDir().string());
+  std::vector<std::string> files;
+  std::string line;
+  std::getline(manifest, line);  // the header row
+  while (std::getline(manifest, line)) {
+    const size_t tab = line.find('\t');
+    const size_t next = line.find('\t', tab + 1);
+    if (tab != std::string::npos && line.substr(tab + 1, next - tab - 1) == kind)
+      files.push_back(line.substr(0, tab));
+  }
+  return files;
+}
+
 }  // namespace lumora::testing

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 #include <functional>
 #include <string>
 #include <vector>
@@ -27,6 +28,28 @@ inline double seconds(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Runs `script` with /usr/bin/python3 and `arguments` (already quoted as the shell needs), and
+// returns the one number it prints: the script times its own rounds, so neither the
+// interpreter's start nor its reading of the inputs counts. Negative when Python or the
+// script fails.
+inline double pythonSeconds(const std::string& script, const std::string& arguments) {
+  char path[] = "/tmp/lumora-bench-XXXXXX.py";
+  const int fd = mkstemps(path, 3);
+  if (fd < 0) return -1;
+  const bool written = write(fd, script.data(), script.size()) == static_cast<ssize_t>(script.size());
+  close(fd);
+  double result = -1;
+  if (written) {
+    const std::string command = "/usr/bin/python3 " + std::string(path) + " " + arguments;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+      if (std::fscanf(pipe, "%lf", &result) != 1) result = -1;
+      if (pclose(pipe) != 0) result = -1;
+    }
+  }
+  unlink(path);
+  return result;
 }
 
 }  // namespace lumora::bench

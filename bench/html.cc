@@ -124,22 +124,9 @@ double lxmlRound(const std::vector<std::string>& sources, int runs) {
       die("cannot write the sources for lxml");
   }
   close(fd);
-  char script[] = "/tmp/lumora-bench-html-XXXXXX.py";
-  const int sfd = mkstemps(script, 3);
-  const std::string text = kLxmlScript;
-  if (sfd < 0 || write(sfd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-    die("cannot write the lxml script");
-  close(sfd);
-  const std::string command =
-      "/usr/bin/python3 " + std::string(script) + " " + data + " " + std::to_string(runs);
-  FILE* pipe = popen(command.c_str(), "r");
-  double result = -1;
-  if (pipe) {
-    if (std::fscanf(pipe, "%lf", &result) != 1) result = -1;
-    if (pclose(pipe) != 0) result = -1;
-  }
+  const double result =
+      lumora::bench::pythonSeconds(kLxmlScript, std::string(data) + " " + std::to_string(runs));
   unlink(data);
-  unlink(script);
   return result;
 }
 

@@ -100,23 +100,8 @@ print(times[len(times) // 2])
 // Median seconds per round of the corpus through Python, or a negative number when Python is
 // not there.
 double pythonRound(int runs) {
-  char path[] = "/tmp/lumora-bench-mime-XXXXXX.py";
-  const int fd = mkstemps(path, 3);
-  if (fd < 0) die("cannot write the Python script");
-  const std::string script = kPythonScript;
-  if (write(fd, script.data(), script.size()) != static_cast<ssize_t>(script.size()))
-    die("cannot write the Python script");
-  close(fd);
-  const std::string command = "/usr/bin/python3 " + std::string(path) + " '" +
-                              corpusDir().string() + "' " + std::to_string(runs);
-  FILE* pipe = popen(command.c_str(), "r");
-  double result = -1;
-  if (pipe) {
-    if (std::fscanf(pipe, "%lf", &result) != 1) result = -1;
-    if (pclose(pipe) != 0) result = -1;
-  }
-  unlink(path);
-  return result;
+  return lumora::bench::pythonSeconds(
+      kPythonScript, "'" + corpusDir().string() + "' " + std::to_string(runs));
 }
 
 // ---- hostile messages ----------------------------------------------------------------------

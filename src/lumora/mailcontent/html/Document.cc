@@ -83,13 +83,6 @@ bool isHtmlWhitespace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r';
 }
 
-// What the final trim takes off: white space and line separators of every kind.
-bool isTrimmed(char32_t c) {
-  return c == 0x09 || (c >= 0x0A && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 ||
-         c == 0x1680 || (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 ||
-         c == 0x202F || c == 0x205F || c == 0x3000;
-}
-
 bool endsInSpace(const std::string& s) { return !s.empty() && s.back() == ' '; }
 
 void appendNormalised(std::string& out, const std::string& text) {
@@ -114,26 +107,12 @@ bool preservedBy(const Element* element) {
   return element && element->tag().preserveWhitespace();
 }
 
+// The final trim, only when the text begins or ends in HTML whitespace: then every kind of
+// white space and line separator goes from both ends, a no-break space too.
 std::string trimmed(std::string text) {
   if (text.empty() || (!isHtmlWhitespace(text.front()) && !isHtmlWhitespace(text.back())))
     return text;
-  size_t begin = 0;
-  while (begin < text.size()) {
-    char32_t c;
-    const size_t len = text::codePointAt(text, begin, c);
-    if (!isTrimmed(c)) break;
-    begin += len;
-  }
-  size_t end = text.size();
-  while (end > begin) {
-    size_t start = end - 1;
-    while (start > begin && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) --start;
-    char32_t c;
-    text::codePointAt(text, start, c);
-    if (!isTrimmed(c)) break;
-    end = start;
-  }
-  return text.substr(begin, end - begin);
+  return std::string(text::trimmed(text));
 }
 
 }  // namespace

@@ -105,12 +105,6 @@ void execute(sqlite3* db, const char* sql) {
                    ", code: " + std::to_string(code) + "}");
 }
 
-void makeDirectory(const fs::path& directory) {
-  std::error_code ec;
-  fs::create_directories(directory, ec);
-  if (ec) throw StoreError("Cannot create " + directory.string() + ": " + ec.message() + ".");
-  ::chmod(directory.c_str(), 0700);
-}
 
 // Creates the store file 0600 before SQLite opens it, since it holds team tokens.
 void createPrivateFile(const fs::path& path) {
@@ -122,7 +116,7 @@ sqlite3* openDatabase(const fs::path& path, bool inMemory) {
   sqlite3* db = nullptr;
   const std::string name = inMemory ? ":memory:" : path.string();
   if (!inMemory) {
-    makeDirectory(path.parent_path());
+    makeDirectories(path.parent_path());
     createPrivateFile(path);
   }
   const int rc = sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
@@ -172,7 +166,7 @@ sqlite3* openDatabase(const fs::path& path, bool inMemory) {
 // One-step copy of a store: SQLite's backup into a temporary file beside the destination,
 // then a rename. The source is only read.
 void copyStore(const fs::path& source, const fs::path& destination) {
-  makeDirectory(destination.parent_path());
+  makeDirectories(destination.parent_path());
   const fs::path temporary = destination.string() + ".copying";
   std::error_code ec;
   fs::remove(temporary, ec);

@@ -254,17 +254,6 @@ void DefaultsStore::remove(std::string_view key) { change(key, nullptr); }
 
 namespace {
 
-// Creates the missing directories of `directory`, each 0700.
-void makeDirectories(const fs::path& directory) {
-  std::error_code ec;
-  if (directory.empty() || fs::is_directory(directory, ec)) return;
-  makeDirectories(directory.parent_path());
-  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-    throw FileError("Cannot create the settings directory " + directory.string() + ": " +
-                    describeErrno(errno) + ".");
-  }
-}
-
 // The file a write replaces: a symbolic link (settings kept with other dotfiles) is followed,
 // so that the link survives the rename.
 fs::path writeTarget(const fs::path& file) {
@@ -480,6 +469,16 @@ fs::path xdgDirectory(const char* variable, const char* fallback) {
 }
 
 }  // namespace
+
+void makeDirectories(const fs::path& directory) {
+  std::error_code ec;
+  if (directory.empty() || fs::is_directory(directory, ec)) return;
+  makeDirectories(directory.parent_path());
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw FileError("Cannot create the directory " + directory.string() + ": " +
+                    describeErrno(errno) + ".");
+  }
+}
 
 std::filesystem::path configDirectory() { return xdgDirectory("XDG_CONFIG_HOME", ".config"); }
 std::filesystem::path dataDirectory() { return xdgDirectory("XDG_DATA_HOME", ".local/share"); }

@@ -104,6 +104,10 @@ inline constexpr std::string_view kOwnDomainName = "tech.zorvel.lumora";
 // $XDG_CONFIG_HOME/lumora when XDG_CONFIG_HOME is an absolute path, else ~/.config/lumora
 // (HOME, then the password database). FileError when no home directory can be found.
 std::filesystem::path configDirectory();
+// Creates the missing directories of `directory`, each 0700, as Lumora's files are private.
+// FileError when one cannot be made.
+void makeDirectories(const std::filesystem::path& directory);
+
 // Where the conversation store lies: $XDG_DATA_HOME/lumora, else ~/.local/share/lumora.
 std::filesystem::path dataDirectory();
 

@@ -26,7 +26,8 @@ class PanelTest : public ::testing::Test {
   }
 
   std::shared_ptr<MailExtensionView> makePanel(std::optional<std::string> raw = std::nullopt,
-                                               bool withMessage = false) {
+                                               bool withMessage = false,
+                                               ConversationSource* conversations = nullptr) {
     session_ = withMessage ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
     MailExtensionView::Dependencies deps{
         .executor = executor_,
@@ -34,7 +35,7 @@ class PanelTest : public ::testing::Test {
         .ownDefaults = own_,
         .environment = ChatEnvironment{shared_, transport_},
         .pasteboard = pasteboard_,
-        .conversations = conversations_,
+        .conversations = conversations ? *conversations : conversations_,
         .defaultModel = [] { return std::string("gpt-3.5-turbo"); },
         .quotedTexts =
             [this](const std::string&) {
@@ -60,18 +61,30 @@ class PanelTest : public ::testing::Test {
 
   class ListConversations final : public ConversationSource {
    public:
-    std::vector<ConversationPreset> list;
+    std::vector<std::shared_ptr<CDConversation>> list;
     std::exception_ptr failure;
-    std::vector<ConversationPreset> fetchConversations() override {
+    std::exception_ptr saveFailure;
+    int saves = 0;
+    std::vector<std::shared_ptr<CDConversation>> fetchConversations() override {
       if (failure) std::rethrow_exception(failure);
       return list;
+    }
+    void save() override {
+      ++saves;
+      if (saveFailure) std::rethrow_exception(saveFailure);
+    }
+    void set(std::optional<CDConversation::Fields> fields) {
+      list.clear();
+      if (fields) list.push_back(std::make_shared<CDConversation>(1, std::move(*fields)));
     }
   };
 
   testing::TempDir dir_;
   DefaultsStore shared_;
   DefaultsStore own_;
-  MainExecutor executor_;
+  // Timed work (the throttled saves) follows this clock, which only the tests move.
+  MainExecutor::Clock::time_point clock_{};
+  MainExecutor executor_{[this] { return clock_; }};
   FakeTransport transport_;
   MemoryPasteboard pasteboard_;
   ListConversations conversations_;
@@ -86,13 +99,15 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
     const char* name;
     std::vector<std::string> passages;
     std::string conversationId;
-    std::optional<ConversationPreset> conversation;
+    std::optional<CDConversation::Fields> conversation;
     nlohmann::json messages;
     std::string model;
   };
-  const ConversationPreset withPrompt{kConversationId, "Be brief.", "claude-3-haiku"};
-  const ConversationPreset withoutPrompt{kConversationId, std::nullopt, "claude-3-haiku"};
-  const ConversationPreset emptyPrompt{kConversationId, "", std::nullopt};
+  const CDConversation::Fields withPrompt{.id = kConversationId,
+                                          .systemPrompt = "Be brief.",
+                                          .model = "claude-3-haiku"};
+  const CDConversation::Fields withoutPrompt{.id = kConversationId, .model = "claude-3-haiku"};
+  const CDConversation::Fields emptyPrompt{.id = kConversationId, .systemPrompt = ""};
   const std::string prompt = "You're my assistant, please reply this email";
   const std::vector<std::string> two{"first quote", "second quote"};
   const Case cases[] = {
@@ -165,8 +180,7 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     passages_ = c.passages;
-    conversations_.list.clear();
-    if (c.conversation) conversations_.list.push_back(*c.conversation);
+    conversations_.set(c.conversation);
     own_.set("mailSelectedConversationId", c.conversationId);
     own_.set("mailSelectedModel", "gpt-4o");
     auto panel = makePanel("From: a@example.org\r\n\r\nhello", true);
@@ -356,13 +370,157 @@ TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
 }
 
 TEST_F(PanelTest, AConversationFetchFailureIsShownAndTheListStays) {
-  conversations_.list = {{kConversationId, "x", std::nullopt}};
+  conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = "x"});
   auto panel = makePanel();
   panel->loadConversations();
   conversations_.failure = std::make_exception_ptr(FileError("The store could not be opened."));
   panel->loadConversations();
   EXPECT_EQ(panel->errorMessage(), "The store could not be opened.");
   EXPECT_EQ(panel->conversations().size(), 1u);
+}
+
+TEST_F(PanelTest, TheEditorAndModelPickerEditTheChosenConversationOrTheStoredFields) {
+  conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = "Be brief."});
+  own_.set("mailDefaultPrompt", "Answer kindly.");
+  own_.set("mailSelectedModel", "gpt-4o");
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  const auto& conversation = conversations_.list.front();
+
+  EXPECT_EQ(panel->instruction(), "Answer kindly.");
+  EXPECT_EQ(panel->pickedModel(), "gpt-4o");
+
+  // Choosing the conversation swaps both at once; its missing model reads as empty text.
+  panel->setSelectedConversationId(kConversationId);
+  EXPECT_EQ(panel->instruction(), "Be brief.");
+  EXPECT_EQ(panel->pickedModel(), "");
+  panel->setInstruction("Be very brief.");
+  panel->setPickedModel("claude-3-haiku");
+  EXPECT_EQ(conversation->systemPrompt(), "Be very brief.");
+  EXPECT_EQ(conversation->model(), "claude-3-haiku");
+  EXPECT_EQ(own_.string("mailDefaultPrompt"), "Answer kindly.");
+  EXPECT_EQ(own_.string("mailSelectedModel"), "gpt-4o");
+
+  // The next run sees the edit before any save.
+  passages_ = {"quote"};
+  session_ = SimpleComposeSession("From: a@example.org\r\n\r\nhello");
+  transport_.enqueue(FakeAnswer{});
+  panel->startGeneration();
+  settle(*panel);
+  EXPECT_EQ(lastBody()["messages"][0]["content"], "Be very brief.");
+  EXPECT_EQ(lastBody()["model"], "claude-3-haiku");
+
+  // Back to "Prompt": the stored fields again, untouched by the conversation's edits.
+  panel->setSelectedConversationId("");
+  panel->setInstruction("Answer in French.");
+  EXPECT_EQ(own_.string("mailDefaultPrompt"), "Answer in French.");
+  EXPECT_EQ(conversation->systemPrompt(), "Be very brief.");
+}
+
+TEST_F(PanelTest, EditsOfAConversationAreSavedAtMostOncePerSecond) {
+  conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = ""});
+  own_.set("mailSelectedConversationId", kConversationId);
+  auto panel = makePanel();
+  panel->panelDidAppear();
+
+  // Ten edits in a burst, as typing makes them: the first is saved at once, the latest when
+  // the second is over, and nothing in between.
+  for (int i = 1; i <= 10; ++i) {
+    panel->setInstruction(std::string(i, 'x'));
+    executor_.drain();
+    clock_ += std::chrono::milliseconds(50);
+  }
+  EXPECT_EQ(conversations_.saves, 1);
+  clock_ += std::chrono::milliseconds(500);
+  executor_.drain();
+  EXPECT_EQ(conversations_.saves, 2);
+  clock_ += std::chrono::seconds(5);
+  executor_.drain();
+  EXPECT_EQ(conversations_.saves, 2) << "nothing more to save";
+
+  // After a quiet second the next edit is saved at once again.
+  panel->setPickedModel("gpt-4o");
+  executor_.drain();
+  EXPECT_EQ(conversations_.saves, 3);
+}
+
+TEST_F(PanelTest, AnEditWaitingForItsSaveIsSavedWhenTheEditorGoes) {
+  conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = ""});
+  own_.set("mailSelectedConversationId", kConversationId);
+  const std::function<void(MailExtensionView&)> leaving[] = {
+      [&](MailExtensionView& panel) {
+        transport_.enqueue(FakeAnswer{});
+        panel.startGeneration();
+        settle(panel);
+      },
+      [](MailExtensionView& panel) { panel.setSelectedConversationId(""); },
+  };
+  for (size_t i = 0; i < std::size(leaving); ++i) {
+    SCOPED_TRACE(i);
+    own_.set("mailSelectedConversationId", kConversationId);
+    auto panel = makePanel();
+    panel->panelDidAppear();
+    conversations_.saves = 0;
+    panel->setInstruction("first");
+    panel->setInstruction("second");  // waits for the end of the second
+    executor_.drain();
+    ASSERT_EQ(conversations_.saves, 1);
+    leaving[i](*panel);
+    executor_.drain();
+    EXPECT_EQ(conversations_.saves, 2);
+  }
+
+  // The panel closing with an edit waiting.
+  own_.set("mailSelectedConversationId", kConversationId);
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  conversations_.saves = 0;
+  panel->setInstruction("third");
+  panel->setInstruction("fourth");
+  executor_.drain();
+  panel.reset();
+  EXPECT_EQ(conversations_.saves, 2);
+}
+
+TEST_F(PanelTest, AFailedSaveKeepsTheEditInMemory) {
+  conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = "old"});
+  conversations_.saveFailure = std::make_exception_ptr(StoreError("The store is locked."));
+  own_.set("mailSelectedConversationId", kConversationId);
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  panel->setInstruction("new");
+  executor_.drain();
+  EXPECT_EQ(conversations_.saves, 1);
+  EXPECT_EQ(panel->instruction(), "new");
+  EXPECT_EQ(conversations_.list.front()->systemPrompt(), "new");
+  EXPECT_EQ(panel->errorMessage(), "") << "a failed save is not the user's concern";
+}
+
+// The whole way: an edit in the panel reaches the store file, where another connection (the
+// `conversations` command, say) reads it.
+TEST_F(PanelTest, AnEditThroughTheStoreReachesOtherReaders) {
+  PersistentContainer::Environment e = PersistentContainer::processEnvironment();
+  e.arguments = {"lumora"};
+  e.dataDirectory = dir_.path() / "data";
+  auto container = PersistentContainer::make(false, e);
+  const std::string id =
+      container->viewContext().addConversation("Replies", "Be brief.", "gpt-4o");
+  StoreConversations store([&] { return &container->viewContext(); });
+  own_.set("mailSelectedConversationId", id);
+  auto panel = makePanel(std::nullopt, false, &store);
+  panel->panelDidAppear();
+  ASSERT_EQ(panel->instruction(), "Be brief.");
+  panel->setInstruction("Be brief and kind.");
+  panel->setPickedModel("claude-3-haiku");
+  executor_.drain();
+  clock_ += MailExtensionView::kSaveInterval;
+  executor_.drain();
+
+  auto other = PersistentContainer::make(false, e);
+  const auto row = other->viewContext().conversation(id);
+  ASSERT_TRUE(row);
+  EXPECT_EQ(row->fields.systemPrompt, "Be brief and kind.");
+  EXPECT_EQ(row->fields.model, "claude-3-haiku");
 }
 
 }  // namespace

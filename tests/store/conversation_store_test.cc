@@ -217,10 +217,13 @@ TEST_F(StoreTest, EditsAreLiveSavedAndMergedWithOtherWriters) {
   auto again = panel->viewContext().fetchConversations();
   ASSERT_EQ(fetched.front(), again.front()) << "one live object per conversation";
   int changes = 0;
-  fetched.front()->onChange([&] { ++changes; });
+  auto subscription = fetched.front()->onChange([&] { ++changes; });
   fetched.front()->setSystemPrompt("new");
   EXPECT_EQ(again.front()->systemPrompt(), "new");
   EXPECT_EQ(changes, 1);
+  subscription.reset();
+  fetched.front()->setSystemPrompt("new");
+  EXPECT_EQ(changes, 1) << "no notice once the subscription has ended";
 
   // Another process edits the model meanwhile; the unsaved instruction here stays.
   auto command = PersistentContainer::make(false, e);

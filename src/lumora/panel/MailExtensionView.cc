@@ -3,7 +3,9 @@
 #include "lumora/chat/ChunkStream.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
+#include "lumora/platform/Debug.h"
 #include "lumora/platform/Text.h"
+#include "lumora/platform/Throttle.h"
 #include "lumora/platform/Uuid.h"
 #include "lumora/store/DefaultsStore.h"
 
@@ -15,6 +17,13 @@ struct MailExtensionView::Task {
   std::jthread worker;
   std::atomic<bool> done{false};  // the worker has nothing left to do
   bool ended = false;             // the run's last change is made (executor only)
+};
+
+// The subscription to the edits of the conversation whose editor is up.
+struct MailExtensionView::Editing {
+  std::shared_ptr<CDConversation> conversation;
+  Throttle throttle;
+  std::shared_ptr<void> subscription;  // declared last: it ends first, before the throttle
 };
 
 bool MailExtensionView::latestRunEnded() const { return generatingTask_ && generatingTask_->ended; }
@@ -32,6 +41,10 @@ std::shared_ptr<MailExtensionView> MailExtensionView::make(Dependencies dependen
 MailExtensionView::MailExtensionView(Dependencies dependencies) : deps_(std::move(dependencies)) {}
 
 MailExtensionView::~MailExtensionView() {
+  // An edit that waits for its save is saved now: nothing runs for this panel later.
+  const bool unsaved = savePosted_ || (editing_ && editing_->throttle.pending());
+  editing_.reset();
+  if (unsaved) saveEdits();
   for (auto& task : tasks_) {
     task->stop.request_stop();
     if (task->worker.joinable()) task->worker.join();
@@ -63,19 +76,95 @@ void MailExtensionView::setSelectedConversationId(const std::string& v) {
   store(kSelectedConversationKey, v);
 }
 
-std::optional<ConversationPreset> MailExtensionView::selectedConversation() const {
+std::shared_ptr<CDConversation> MailExtensionView::selectedConversation() const {
   const std::string wanted = selectedConversationId();
-  for (const ConversationPreset& c : conversations_)
-    if (c.id && *c.id == wanted) return c;
-  return std::nullopt;
+  for (const auto& c : conversations_)
+    if (c->id() && uuid::canonical(*c->id()) == wanted) return c;
+  return nullptr;
+}
+
+std::string MailExtensionView::instruction() const {
+  if (auto conversation = selectedConversation())
+    return conversation->systemPrompt().value_or("");
+  return prompt();
+}
+
+void MailExtensionView::setInstruction(const std::string& value) {
+  if (auto conversation = selectedConversation()) {
+    conversation->setSystemPrompt(value);
+    changed();
+  } else {
+    setPrompt(value);
+  }
+}
+
+std::string MailExtensionView::pickedModel() const {
+  if (auto conversation = selectedConversation()) return conversation->model().value_or("");
+  return selectedModel();
+}
+
+void MailExtensionView::setPickedModel(const std::string& value) {
+  if (auto conversation = selectedConversation()) {
+    conversation->setModel(value);
+    changed();
+  } else {
+    setSelectedModel(value);
+  }
 }
 
 void MailExtensionView::changed() {
+  followEditedConversation();
   if (observer_) observer_();
+}
+
+// The conversation's editor is up while the input page is, with that conversation chosen.
+void MailExtensionView::followEditedConversation() {
+  // The result page is tested first: it is up for every chunk of a run, and then no stored
+  // field needs to be read.
+  std::shared_ptr<CDConversation> edited;
+  if (appeared_ && !showsResult()) edited = selectedConversation();
+  if ((editing_ ? editing_->conversation : nullptr) == edited) return;
+  endEditing();
+  if (!edited) return;
+  std::weak_ptr<MailExtensionView> weak = weak_from_this();
+  editing_.reset(new Editing{edited, Throttle(deps_.executor, kSaveInterval, [weak] {
+                               if (auto self = weak.lock()) self->scheduleSave();
+                             }),
+                             nullptr});
+  editing_->subscription = edited->onChange([throttle = &editing_->throttle] { throttle->send(); });
+}
+
+void MailExtensionView::endEditing() {
+  if (!editing_) return;
+  const bool pending = editing_->throttle.pending();
+  editing_.reset();
+  if (pending) scheduleSave();
+}
+
+// Saves go through the executor, after the work at hand, as the store's own queue.
+void MailExtensionView::scheduleSave() {
+  if (savePosted_) return;
+  savePosted_ = true;
+  std::weak_ptr<MailExtensionView> weak = weak_from_this();
+  deps_.executor.post([weak] {
+    if (auto self = weak.lock()) self->saveEdits();
+  });
+}
+
+void MailExtensionView::saveEdits() {
+  savePosted_ = false;
+  try {
+    deps_.conversations.save();
+  } catch (const std::exception& e) {
+    // The edit stays in memory and goes with the next save.
+    debug::line({"[debug] conversation edits not saved:", e.what()});
+  } catch (...) {
+  }
 }
 
 void MailExtensionView::panelDidAppear() {
   if (selectedModel().empty()) setSelectedModel(deps_.defaultModel());
+  appeared_ = true;
   loadConversations();
 }
 
@@ -160,11 +249,11 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
       if (const auto wanted = uuid::canonical(conversationId); !wanted) {
         system = prompt();  // none chosen, or not a UUID
       } else {
-        for (const ConversationPreset& c : conversations_) {
-          if (!c.id || uuid::canonical(*c.id) != wanted) continue;
-          if (c.systemPrompt) {
-            system = c.systemPrompt;
-            if (c.model) model = *c.model;
+        for (const auto& c : conversations_) {
+          if (!c->id() || uuid::canonical(*c->id()) != wanted) continue;
+          if (c->systemPrompt()) {
+            system = c->systemPrompt();
+            if (c->model()) model = *c->model();
           }
           break;
         }
@@ -172,8 +261,9 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
       if (system) messages.push_back({"system", *system, std::nullopt});
     } else {
       const auto conversation = selectedConversation();
-      passages.push_back(conversation && conversation->systemPrompt ? *conversation->systemPrompt
-                                                                    : prompt());
+      passages.push_back(conversation && conversation->systemPrompt()
+                             ? *conversation->systemPrompt()
+                             : prompt());
     }
     std::string joined;
     for (size_t i = 0; i < passages.size(); ++i) {

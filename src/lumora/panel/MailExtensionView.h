@@ -9,8 +9,14 @@
 // and the chunk loop run on a worker thread that posts each change back. Observers are called
 // on the executor after each change.
 //
-// Lifetime: made with make() and held by shared_ptr. Destroying the panel stops its runs and
-// waits for their workers; the executor and everything in Dependencies must outlive it.
+// Edits: while the input page is up with a stored conversation chosen, the instruction and the
+// model picker edit that conversation, and the edits are saved at most once a second. An edit
+// still waiting for its save when the page goes (Generate, another conversation, the panel
+// closing) is saved then rather than dropped; a failed save keeps the edit in memory.
+//
+// Lifetime: made with make() and held by shared_ptr, and destroyed on the executor's thread.
+// Destroying the panel stops its runs and waits for their workers; the executor and everything
+// in Dependencies must outlive it.
 #pragma once
 
 #include <atomic>
@@ -42,6 +48,8 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   static constexpr std::string_view kSelectedModelKey = "mailSelectedModel";
   static constexpr std::string_view kSelectedConversationKey = "mailSelectedConversationId";
   static constexpr std::string_view kDefaultPrompt = "You're my assistant, please reply this email";
+  // The least time between two saves of a conversation's edits.
+  static constexpr std::chrono::seconds kSaveInterval{1};
   // Appended to the reply when a run is cancelled before its stream exists.
   static constexpr std::string_view kCancelledText = "已取消";
   // The temperature of every run.
@@ -72,7 +80,9 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   const ReplyText& output() const { return output_; }
   bool generating() const { return generating_; }
   const std::string& errorMessage() const { return errorMessage_; }
-  const std::vector<ConversationPreset>& conversations() const { return conversations_; }
+  const std::vector<std::shared_ptr<CDConversation>>& conversations() const {
+    return conversations_;
+  }
   bool copyAnimating() const { return copyAnimating_; }
   // True once the latest run has ended, whichever way: its last change has been made.
   bool latestRunEnded() const;
@@ -87,8 +97,15 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
 
   // True when there is text to show, or a run is under way: the result page.
   bool showsResult() const { return !output_.empty() || generating_; }
-  // The conversation whose id equals selectedConversationId, compared as text.
-  std::optional<ConversationPreset> selectedConversation() const;
+  // The conversation whose canonical id equals selectedConversationId, compared as text.
+  std::shared_ptr<CDConversation> selectedConversation() const;
+
+  // The instruction editor and the model picker: the chosen conversation's instruction and
+  // model (the empty text when missing), else the stored prompt and selected model.
+  std::string instruction() const;
+  void setInstruction(const std::string& value);
+  std::string pickedModel() const;
+  void setPickedModel(const std::string& value);
 
   // Operations.
   void panelDidAppear();
@@ -103,6 +120,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
 
  private:
   struct Task;
+  struct Editing;
 
   explicit MailExtensionView(Dependencies dependencies);
   std::string stored(std::string_view key, std::string_view fallback) const;
@@ -111,16 +129,23 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
   void finish(const std::shared_ptr<Task>& task);
   void changed();
+  void followEditedConversation();
+  void endEditing();
+  void scheduleSave();
+  void saveEdits();
 
   Dependencies deps_;
   ReplyText output_;
   bool generating_ = false;
   std::shared_ptr<Task> generatingTask_;
   std::string errorMessage_;
-  std::vector<ConversationPreset> conversations_;
+  std::vector<std::shared_ptr<CDConversation>> conversations_;
   bool copyAnimating_ = false;
   std::function<void()> observer_;
   std::vector<std::shared_ptr<Task>> tasks_;  // every run whose worker may still be going
+  bool appeared_ = false;
+  std::unique_ptr<Editing> editing_;  // while a conversation's editor is up
+  bool savePosted_ = false;           // a save waits on the executor
 };
 
 }  // namespace lumora

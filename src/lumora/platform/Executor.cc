@@ -10,7 +10,24 @@ void MainExecutor::post(Task task) {
   ready_.notify_one();
 }
 
+void MainExecutor::postAfter(Clock::duration delay, Task task) {
+  const Clock::time_point due = now() + delay;
+  {
+    std::lock_guard lock(mutex_);
+    timed_.emplace(std::pair(due, timedCount_++), std::move(task));
+  }
+  ready_.notify_one();
+}
+
 bool MainExecutor::runOne(std::unique_lock<std::mutex>& lock) {
+  // Due timed tasks join the queue behind what is already there.
+  if (!timed_.empty()) {
+    const Clock::time_point current = now();
+    while (!timed_.empty() && timed_.begin()->first.first <= current) {
+      queue_.push_back(std::move(timed_.begin()->second));
+      timed_.erase(timed_.begin());
+    }
+  }
   if (queue_.empty()) return false;
   Task task = std::move(queue_.front());
   queue_.pop_front();
@@ -38,10 +55,15 @@ bool MainExecutor::runUntil(const std::function<bool()>& done, std::chrono::mill
     if (done()) return true;
     lock.lock();
     if (runOne(lock)) continue;
-    if (ready_.wait_until(lock, deadline, [&] { return !queue_.empty(); })) continue;
-    lock.unlock();
-    return done();
+    if (std::chrono::steady_clock::now() >= deadline) break;
+    // Wake for new work, for the next timed task, or at the deadline. A clock of the caller's
+    // own is not real time: its timed tasks are looked at again whenever something arrives.
+    auto wake = deadline;
+    if (!timed_.empty() && !now_) wake = std::min(wake, timed_.begin()->first.first);
+    ready_.wait_until(lock, wake, [&] { return !queue_.empty(); });
   }
+  lock.unlock();
+  return done();
 }
 
 }  // namespace lumora

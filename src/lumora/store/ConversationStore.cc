@@ -223,10 +223,18 @@ void CDConversation::setModel(std::optional<std::string> value) {
   changed();
 }
 
+std::shared_ptr<void> CDConversation::onChange(std::function<void()> observer) {
+  auto token = std::make_shared<std::function<void()>>(std::move(observer));
+  observers_.push_back(token);
+  return token;
+}
+
 void CDConversation::changed() {
-  // A copy: an observer may add observers.
+  std::erase_if(observers_, [](const auto& observer) { return observer.expired(); });
+  // A copy: an observer may add observers or end its own subscription.
   const auto observers = observers_;
-  for (const auto& observer : observers) observer();
+  for (const auto& weak : observers)
+    if (auto observer = weak.lock()) (*observer)();
 }
 
 // ---- the context ------------------------------------------------------------------------------

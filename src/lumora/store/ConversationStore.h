@@ -57,8 +57,9 @@ class CDConversation {
 
   void setSystemPrompt(std::optional<std::string> value);
   void setModel(std::optional<std::string> value);
-  // Called after every write of an attribute.
-  void onChange(std::function<void()> observer) { observers_.push_back(std::move(observer)); }
+  // Calls `observer` after every write of an attribute, for as long as the returned token
+  // lives.
+  [[nodiscard]] std::shared_ptr<void> onChange(std::function<void()> observer);
   bool hasChanges() const { return promptChanged_ || modelChanged_; }
 
  private:
@@ -68,7 +69,7 @@ class CDConversation {
   Fields fields_;
   bool promptChanged_ = false;
   bool modelChanged_ = false;
-  std::vector<std::function<void()>> observers_;
+  std::vector<std::weak_ptr<std::function<void()>>> observers_;
 };
 
 struct CDTeam {

@@ -89,7 +89,7 @@ int modelsCommand(const Args& args) {
     for (const ConversationModel model : ConversationModel::allCases()) {
       const std::string id(model.rawValue());
       std::printf("%s\t%s\t%s\t%s\t%s\n", id.c_str(), model.displayName().c_str(),
-                  LLMClients::service(id, services).id().c_str(),
+                  LLMClients::service(id, services, environment).id().c_str(),
                   model.isDeprecated() ? "deprecated" : "-",
                   model.isCloudOnlyModel() ? "cloud-only" : "-");
     }
@@ -110,7 +110,7 @@ int routeCommand(const Args& args) {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
                                       .store = sharedStoreContext};
-    const auto route = LLMClients::route(args[0], LLMClients::fetchServices(environment));
+    const auto route = LLMClients::route(args[0], LLMClients::fetchServices(environment), environment);
     std::printf("%s\n%s\n", route.service.id().c_str(), reason(route, args[0]).c_str());
     return kExitOk;
   } catch (const std::exception& e) {

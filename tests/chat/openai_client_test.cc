@@ -58,6 +58,8 @@ TEST_F(OpenAIClientTest, ServiceURLs) {
        "", "https://HTTPS//llm.example.org/v1/chat/completions"},
       {"team without scheme", Team{"team.example.org", "t"}, "",
        "https://team.example.org/v1/chat/completions"},
+      {"team with a path of its own", Team{"team.example.org/llm", "t"}, "",
+       "https://team.example.org/llm/v1/chat/completions"},
       {"a domain that is no URL", Team{"bad host name", "t"}, "", "error: Invalid domain"},
       {"openai through the gateway", OpenAiService{"k"}, "https://gateway.example.net/v1/acct/gw",
        "https://gateway.example.net/v1/acct/gw/openai/chat/completions"},

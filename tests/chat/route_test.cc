@@ -2,9 +2,14 @@
 // list in the order the settings give it.
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "lumora/chat/LLMClients.h"
 #include "lumora/models/ModelService.h"
 #include "lumora/platform/Debug.h"
+#include "lumora/store/DefaultsStore.h"
+#include "support/FakeTransport.h"
+#include "support/TempDir.h"
 
 namespace lumora {
 namespace {
@@ -24,7 +29,19 @@ const Service kMistral = Mistral{"mistral-key"};
 const Service kCompatible = OpenAICompatible{"https://llm.example.org", "/v1/chat", "k", "", {"local-7b"}};
 const Service kReka = Reka{"reka-key"};
 
-TEST(Route, EveryStepInItsOrder) {
+class Route : public ::testing::Test {
+ protected:
+  Route() : settings_(dir_ / "shared.json") {}
+  Service service(std::string_view model, const std::vector<Service>& services) {
+    return LLMClients::service(model, services, environment_);
+  }
+  testing::TempDir dir_;
+  DefaultsStore settings_;
+  testing::FakeTransport transport_;
+  ChatEnvironment environment_{.sharedDefaults = settings_, .transport = transport_};
+};
+
+TEST_F(Route, EveryStepInItsOrder) {
   struct Case {
     const char* why;
     std::string model;
@@ -48,8 +65,12 @@ TEST(Route, EveryStepInItsOrder) {
       {"7: mistral by its prefixes", "open_mixtral-8x22b", all, "mistral"},
       {"7: mistral is never chosen at step 9", "mixtral-8x7b", {kOpenAI, kMistral}, "openai"},
       {"8: a Groq model", "llama3-70b-8192", all, "groq"},
-      {"9: azure supports nothing until its deployments are read; openai takes gpt", "gpt-4o",
-       all, "openai"},
+      {"9: azure before openai, with a deployment named after the model", "gpt-4", all,
+       "https://corp.openai.azure.com"},
+      {"9: ... or serving it, its dots left out", "gpt-3.5-turbo", all,
+       "https://corp.openai.azure.com"},
+      {"9: openai takes a gpt model that Azure has no deployment for", "gpt-4o", all, "openai"},
+      {"9: Azure serves catalogue models only", "gpt-4-house", all, "openai"},
       {"9: a custom domain stands where openai would", "gpt-4o", {kAzure, kCustom, kCloud},
        "api.example.org"},
       {"9: an OpenAI-compatible server with its model list", "local-7b", all,
@@ -63,19 +84,23 @@ TEST(Route, EveryStepInItsOrder) {
        "cloud"},
       {"14: the first service of the list", "some-model", {kMistral, kReka}, "mistral"},
   };
+  settings_.set("azureModels", {{"gpt-35-turbo", "chat-prod"}, {"other", "gpt-4"}});
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
-    EXPECT_EQ(LLMClients::service(c.model, c.services).id(), c.id);
+    EXPECT_EQ(service(c.model, c.services).id(), c.id);
   }
+  // Deployments that are not all strings count as none.
+  settings_.set("azureModels", {{"gpt-35-turbo", "chat-prod"}, {"other", 4}});
+  EXPECT_EQ(service("gpt-3.5-turbo", all).id(), "openai");
 }
 
-TEST(Route, TheModelServiceAnswersAfterTheNameRules) {
+TEST_F(Route, TheModelServiceAnswersAfterTheNameRules) {
   ModelService& models = ModelService::shared();
   std::vector<std::string> lines;
   debug::setSink([&](std::string_view line) { lines.emplace_back(line); });
   // Empty: nothing found, no error.
   EXPECT_FALSE(models.hasModel("x", "house-model"));
-  EXPECT_EQ(LLMClients::service("house-model", {kMistral}).id(), "mistral");
+  EXPECT_EQ(service("house-model", {kMistral}).id(), "mistral");
 
   models.setServiceModels("listedOnly", {{"house-model", "house", false}});
   models.setServiceModels("second", {{"house-model", "house", false}});
@@ -84,14 +109,86 @@ TEST(Route, TheModelServiceAnswersAfterTheNameRules) {
   models.setServiceConfig("first", kReka);
   // The walk goes over the configured services in their order: a key with models but no
   // service is never found, and "second" was configured first.
-  EXPECT_EQ(LLMClients::service("house-model", {kMistral}).id(), "moonshot");
+  EXPECT_EQ(service("house-model", {kMistral}).id(), "moonshot");
   EXPECT_FALSE(models.hasModel("second", "HOUSE-MODEL"));
   // Ollama, asked at step 10, comes first for a name outside the catalogue.
-  EXPECT_EQ(LLMClients::service("house-model", {kOllama}).id(), "ollama");
+  EXPECT_EQ(service("house-model", {kOllama}).id(), "ollama");
   models.clear();
   debug::setSink(debug::stdoutSink());
   EXPECT_NE(std::find(lines.begin(), lines.end(), "[debug] model service returned house-model moonshot"),
             lines.end());
+}
+
+// The list that the settings and the stored teams make: order, trimming, blank values.
+TEST_F(Route, TheServiceListFromSettingsAndTeams) {
+  struct Case {
+    const char* why;
+    nlohmann::json settings;
+    std::vector<CDTeam> teams;
+    std::vector<Service> expected;
+  };
+  const auto team = [](std::optional<std::string> domain, std::optional<std::string> token) {
+    return CDTeam{.name = std::nullopt, .domain = domain, .token = token, .createdAt = 0};
+  };
+  const Case cases[] = {
+      {"nothing set", nlohmann::json::object(), {}, {}},
+      {"values are trimmed, and blank ones count as absent",
+       {{"apiKey", " sk-1\n"}, {"claudeApikey", " \t "}, {"geminiApiKey", "g"}},
+       {},
+       {OpenAiService{"sk-1"}, Gemini{"g"}}},
+      {"a custom domain takes the key and stands in OpenAI's place",
+       {{"apiKey", "sk-1"}, {"customApiDomain", " llm.example.org "},
+        {"customApiDomainSendKey", true}},
+       {},
+       {CustomDomain{"llm.example.org", "sk-1", true}}},
+      {"a custom domain without a key", {{"customApiDomain", "llm.example.org"}}, {},
+       {CustomDomain{"llm.example.org", std::nullopt, false}}},
+      {"Azure needs both its values", {{"azureEndPoint", "https://a"}, {"azureApiKey", " "}}, {},
+       {}},
+      {"every service in its fixed order",
+       {{"rekaApiKey", "r"}, {"openAICompatibleEndpoint", "https://c"}, {"mistralApiKey", "m"},
+        {"moonshotApiKey", "mo"}, {"ollamaURL", "http://o"}, {"cloudToken", "t"},
+        {"openRouterApiKey", "or"}, {"groqApiKey", "gq"}, {"geminiApiKey", "g"},
+        {"claudeApikey", "c"}, {"apiKey", "k"}, {"azureEndPoint", "https://a"},
+        {"azureApiKey", "ak"}},
+       {},
+       {Azure{"https://a", "ak"}, OpenAiService{"k"}, Claude{"c"}, Gemini{"g"}, Groq{"gq"},
+        OpenRouter{"or"}, Cloud{"t"}, Ollama{"http://o"}, Moonshot{"mo"}, Mistral{"m"},
+        OpenAICompatible{"https://c", "", "", "", {}}, Reka{"r"}}},
+      {"a compatible server's other fields stay as written; its models are JSON",
+       {{"openAICompatibleEndpoint", " https://c "}, {"openAICompatiblePath", " /v1/x "},
+        {"openAICompatibleApiKey", " key "}, {"openAICompatibleHeader", "X-Key"},
+        {"openAICompatibleModels", R"(["a", "b"])"}},
+       {},
+       {OpenAICompatible{"https://c", " /v1/x ", " key ", "X-Key", {"a", "b"}}}},
+      {"models that are not a JSON list of strings give none",
+       {{"openAICompatibleEndpoint", "https://c"}, {"openAICompatibleModels", R"(["a", 1])"}},
+       {},
+       {OpenAICompatible{"https://c", "", "", "", {}}}},
+      {"teams come first, in the order given, trimmed; one without domain or token is skipped",
+       {{"apiKey", "k"}},
+       {team(" new.example.org ", "t1\n"), team("   ", "t2"), team("d", std::nullopt),
+        team("old.example.org", "t3")},
+       {Team{"new.example.org", "t1"}, Team{"old.example.org", "t3"}, OpenAiService{"k"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    const nlohmann::json previous = settings_.all();
+    for (const auto& [key, value] : previous.items()) settings_.remove(key);
+    for (const auto& [key, value] : c.settings.items()) settings_.set(key, value);
+    EXPECT_EQ(LLMClients::loadServices(environment_, c.teams), c.expected);
+  }
+}
+
+// The newest usable team takes every OpenAI-family name that no earlier step took.
+TEST_F(Route, TheNewestTeamTakesTheOpenAIFamily) {
+  settings_.set("apiKey", "k");
+  settings_.set("claudeApikey", "c");
+  const auto services = LLMClients::loadServices(
+      environment_, {{std::nullopt, "new.example.org", "t1", 2}, {std::nullopt, "old.example.org", "t2", 1}});
+  EXPECT_EQ(service("gpt-4o", services).id(), "new.example.org");
+  EXPECT_EQ(service("whisper-1", services).id(), "openai") << "speech has a step of its own";
+  EXPECT_EQ(service("claude-2", services).id(), "claude");
 }
 
 }  // namespace

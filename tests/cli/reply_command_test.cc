@@ -162,5 +162,20 @@ TEST_F(ReplyCommandTest, ABrokenSettingsFileIsReportedAndKept) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "{\"apiKey\": ");
 }
 
+// A stored team is a chat service of its own: gpt names go to its server, under its path, with
+// its token, ahead of the OpenAI key.
+TEST_F(ReplyCommandTest, AStoredTeamAnswersTheOpenAIFamily) {
+  constexpr const char* kToken = "team-token-reply-7777";
+  ASSERT_EQ(lumora({"teams", "add", server_.baseUrl() + "/team", kToken}).status, 0);
+  server_.enqueue(Response::stream(sseRecord("From the team.", "stop") + "data: [DONE]\n\n", 64));
+  const ProcessResult r = lumora({"reply", "--model", "gpt-4o"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "From the team.\n");
+  ASSERT_EQ(server_.requests().size(), 1u);
+  const auto request = server_.requests()[0];
+  EXPECT_EQ(request.target, "/team/v1/chat/completions");
+  EXPECT_EQ(request.header("Authorization"), std::string("Bearer ") + kToken);
+}
+
 }  // namespace
 }  // namespace lumora

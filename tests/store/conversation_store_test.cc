@@ -239,5 +239,34 @@ TEST_F(StoreTest, EditsAreLiveSavedAndMergedWithOtherWriters) {
   EXPECT_EQ(command->viewContext().fetchConversations().front()->systemPrompt(), "new");
 }
 
+// Another program holding the write lock past the timeout: a clear error, nothing lost.
+TEST_F(StoreTest, ALockHeldTooLongIsReportedInWordsAndTheEditWaits) {
+  Environment e = environment();
+  e.lockTimeout = std::chrono::milliseconds(50);
+  auto container = PersistentContainer::make(false, e);
+  container->viewContext().addConversation("t", "old", std::nullopt);
+  auto conversation = container->viewContext().fetchConversations().front();
+
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(PersistentContainer::appGroupUrl(e).c_str(), &other), SQLITE_OK);
+  sql(other, "BEGIN IMMEDIATE");
+  conversation->setSystemPrompt("new");
+  try {
+    container->viewContext().save();
+    ADD_FAILURE() << "the save went through a held lock";
+  } catch (const StoreError& error) {
+    const std::string text = error.what();
+    EXPECT_NE(text.find("another program"), std::string::npos) << text;
+    EXPECT_EQ(text.find("database is locked"), std::string::npos) << text;
+  }
+  EXPECT_TRUE(conversation->hasChanges());
+  EXPECT_EQ(conversation->systemPrompt(), "new");
+
+  sql(other, "ROLLBACK");
+  sqlite3_close(other);
+  container->viewContext().save();
+  EXPECT_EQ(container->viewContext().conversation(*conversation->id())->fields.systemPrompt, "new");
+}
+
 }  // namespace
 }  // namespace lumora

@@ -123,7 +123,19 @@ std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment
   return services;
 }
 
-bool LLMClients::supportsModel(const Service& service, std::string_view model) {
+std::vector<AzureDeployment> LLMClients::azureDeployments(DefaultsStore& settings) {
+  std::vector<AzureDeployment> out;
+  const std::optional<nlohmann::json> value = settings.value("azureModels");
+  if (!value || !value->is_object()) return out;
+  for (auto it = value->begin(); it != value->end(); ++it) {
+    if (!it.value().is_string()) return {};
+    out.push_back({it.key(), it.value().get<std::string>()});
+  }
+  return out;
+}
+
+bool LLMClients::supportsModel(const Service& service, std::string_view model,
+                               const ChatEnvironment& environment) {
   switch (service.value().index()) {
     case 0:  // openai
     case 1:  // customDomain
@@ -131,8 +143,14 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
       return OpenAIClient::isOpenAIModel(model);
     case 3:  // cloud: any catalogue model
       return isCatalogueModel(model);
-    case 4:  // azure: a catalogue model with a deployment, once deployments are read
+    case 4: {  // azure: a catalogue model with a deployment, named with its dots left out
+      if (!isCatalogueModel(model)) return false;
+      std::string undotted(model);
+      std::erase(undotted, '.');
+      for (const AzureDeployment& d : azureDeployments(environment.sharedDefaults))
+        if (d.deploymentId == undotted || d.model == undotted) return true;
       return false;
+    }
     case 5:
       return model.starts_with("claude");
     case 6:
@@ -160,7 +178,8 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model) {
 }
 
 LLMClients::RouteDecision LLMClients::route(std::string_view model,
-                                            const std::vector<Service>& services) {
+                                            const std::vector<Service>& services,
+                                            const ChatEnvironment& environment) {
   const auto scanned = [&](int step, std::initializer_list<std::string_view> ids)
       -> std::optional<RouteDecision> {
     if (const Service* s = scan(services, ids)) return RouteDecision{*s, step};
@@ -181,7 +200,7 @@ LLMClients::RouteDecision LLMClients::route(std::string_view model,
   if (!found && isGroqModel(model)) found = scanned(8, {"groq"});
   if (!found) {
     for (const Service& s : services) {
-      if (supportsModel(s, model)) {
+      if (supportsModel(s, model, environment)) {
         found = RouteDecision{s, 9};
         break;
       }
@@ -198,8 +217,9 @@ LLMClients::RouteDecision LLMClients::route(std::string_view model,
   return {services.front(), 14};
 }
 
-Service LLMClients::service(std::string_view model, const std::vector<Service>& services) {
-  return route(model, services).service;
+Service LLMClients::service(std::string_view model, const std::vector<Service>& services,
+                            const ChatEnvironment& environment) {
+  return route(model, services, environment).service;
 }
 
 std::unique_ptr<LLMClient> LLMClients::client(const Service& service,

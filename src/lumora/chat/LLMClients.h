@@ -29,8 +29,10 @@ class LLMClients {
   static std::vector<Service> fetchServices(const ChatEnvironment& environment);
 
   // The service that answers `model`. Never fails: with no service at all it is OpenAI with
-  // an empty key, and the server's rejection tells the user.
-  static Service service(std::string_view model, const std::vector<Service>& services);
+  // an empty key, and the server's rejection tells the user. The environment's settings are
+  // what the clients weighed at step 9 read (Azure's deployments).
+  static Service service(std::string_view model, const std::vector<Service>& services,
+                         const ChatEnvironment& environment);
 
   // The same decision with the step that made it: 1 speech, 2 cloud-only model, 3 Claude,
   // 4 Gemini, 5 Moonshot, 6 Reka, 7 Mistral, 8 Groq, 9 the first service that supports the
@@ -40,14 +42,20 @@ class LLMClients {
     Service service;
     int step;
   };
-  static RouteDecision route(std::string_view model, const std::vector<Service>& services);
+  static RouteDecision route(std::string_view model, const std::vector<Service>& services,
+                             const ChatEnvironment& environment);
 
   // The client for `service`.
   static std::unique_ptr<LLMClient> client(const Service& service,
                                            const ChatEnvironment& environment);
 
   // Whether the client of `service` answers for `model`.
-  static bool supportsModel(const Service& service, std::string_view model);
+  static bool supportsModel(const Service& service, std::string_view model,
+                            const ChatEnvironment& environment);
+
+  // The deployments of the setting "azureModels" (model name to deployment name), in key
+  // order. A value that is not an object of strings throughout gives none.
+  static std::vector<AzureDeployment> azureDeployments(DefaultsStore& settings);
 };
 
 }  // namespace lumora

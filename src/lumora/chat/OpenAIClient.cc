@@ -4,6 +4,7 @@
 
 #include "lumora/chat/Endpoints.h"
 #include "lumora/chat/Errors.h"
+#include "lumora/chat/LLMClients.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
@@ -23,19 +24,6 @@ Url parsedOrThrow(std::string_view text) {
   auto url = Url::parse(text);
   if (!url) throw OpenAIError::urlError();
   return *url;
-}
-
-// "azureModels": model name to deployment name, in key order. A value that is not an
-// object of strings throughout counts as empty.
-std::vector<std::pair<std::string, std::string>> azureDeployments(DefaultsStore& shared) {
-  std::vector<std::pair<std::string, std::string>> out;
-  const std::optional<nlohmann::json> value = shared.value("azureModels");
-  if (!value || !value->is_object()) return out;
-  for (auto it = value->begin(); it != value->end(); ++it) {
-    if (!it.value().is_string()) return {};
-    out.emplace_back(it.key(), it.value().get<std::string>());
-  }
-  return out;
 }
 
 // Unsupported until their own clients exist in this build.
@@ -75,11 +63,11 @@ Url OpenAIClient::openAIURL(std::string_view path) const {
 
 Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
                            std::optional<std::string_view> model) const {
-  const auto deployments = azureDeployments(environment_.sharedDefaults);
+  const auto deployments = LLMClients::azureDeployments(environment_.sharedDefaults);
   if (model && *model == "whisper") {
     std::string deployment = "whisper";
-    for (const auto& [name, id] : deployments)
-      if (name == "whisper" && !id.empty()) deployment = id;
+    for (const AzureDeployment& d : deployments)
+      if (d.model == "whisper" && !d.deploymentId.empty()) deployment = d.deploymentId;
     return parsedOrThrow(azure.endpoint)
         .appendingPath("/openai/deployments/" + deployment + "/audio/transcriptions")
         .withQueryItem("api-version", "2023-09-01-preview");
@@ -88,15 +76,15 @@ Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
     const std::string m = model ? withoutCharacter(*model, '.') : std::string();
     const std::string wanted = withoutCharacter(m, ',');
     std::optional<std::string> deployment;
-    for (const auto& [name, id] : deployments) {
-      if (id == wanted) {
-        deployment = id;
+    for (const AzureDeployment& d : deployments) {
+      if (d.deploymentId == wanted) {
+        deployment = d.deploymentId;
         break;
       }
     }
     if (!deployment) {
-      for (const auto& [name, id] : deployments)
-        if (name == m && !id.empty()) deployment = id;
+      for (const AzureDeployment& d : deployments)
+        if (d.model == m && !d.deploymentId.empty()) deployment = d.deploymentId;
     }
     return parsedOrThrow(azure.endpoint)
         .appendingPath("/openai/deployments/" + deployment.value_or(m) + "/chat/completions")

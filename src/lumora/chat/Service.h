@@ -73,6 +73,13 @@ struct Reka {
   bool operator==(const Reka&) const = default;
 };
 
+// An Azure deployment: the model it serves (a key of the setting "azureModels") and its name.
+struct AzureDeployment {
+  std::string model;
+  std::string deploymentId;
+  bool operator==(const AzureDeployment&) const = default;
+};
+
 // The cases stand in this order; the index of the variant is the case.
 class Service {
  public:

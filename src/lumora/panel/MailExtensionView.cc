@@ -239,7 +239,7 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
     const std::vector<Service> services = LLMClients::fetchServices(deps_.environment);
     // The client is fixed here, from the selected model, before a conversation can change
     // the model name below.
-    const Service service = LLMClients::service(model, services);
+    const Service service = LLMClients::service(model, services, deps_.environment);
     client = LLMClients::client(service, deps_.environment);
     if (deps_.onServiceChosen) deps_.onServiceChosen(service);
 

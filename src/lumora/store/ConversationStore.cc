@@ -22,7 +22,7 @@ namespace {
 constexpr const char* kStoreFile = "Lumora.sqlite";
 constexpr const char* kAppGroup = "group.tech.zorvel.openai";
 constexpr const char* kCloudContainer = "iCloud.tech.zorvel.lumora";
-constexpr int kBusyTimeoutMs = 5000;
+constexpr std::chrono::milliseconds kLockTimeout{5000};
 
 // The five entities, one table each, named as the entities are.
 constexpr const char* kSchema = R"(
@@ -47,6 +47,16 @@ CREATE TABLE File (
   id TEXT, data BLOB, date REAL, filetype TEXT, "index" INTEGER NOT NULL DEFAULT 0,
   image INTEGER REFERENCES Image(rowid) ON DELETE SET NULL);
 )";
+
+// The user's text for a failed statement. A lock held past the timeout is worded for the user:
+// SQLite's own "database is locked" says nothing about what to do.
+std::string failureText(sqlite3* db, std::string_view detail) {
+  const int code = sqlite3_errcode(db) & 0xff;
+  if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
+    return localized("The conversation store is busy: another program has held it for several "
+                     "seconds. Try again when it has finished.");
+  return localized("The conversation store could not be used: ") + std::string(detail) + ".";
+}
 
 class Statement {
  public:
@@ -81,10 +91,7 @@ class Statement {
   int64_t integer(int column) const { return sqlite3_column_int64(stmt_, column); }
 
  private:
-  [[noreturn]] void fail() {
-    throw StoreError(localized("The conversation store could not be used: ") +
-                     sqlite3_errmsg(db_) + ".");
-  }
+  [[noreturn]] void fail() { throw StoreError(failureText(db_, sqlite3_errmsg(db_))); }
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
 };
@@ -92,9 +99,9 @@ class Statement {
 void execute(sqlite3* db, const char* sql) {
   char* message = nullptr;
   if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-    const std::string text = message ? message : sqlite3_errmsg(db);
+    const std::string text = failureText(db, message ? message : sqlite3_errmsg(db));
     sqlite3_free(message);
-    throw StoreError(localized("The conversation store could not be used: ") + text + ".");
+    throw StoreError(text);
   }
 }
 
@@ -112,7 +119,7 @@ void createPrivateFile(const fs::path& path) {
   if (fd >= 0) ::close(fd);
 }
 
-sqlite3* openDatabase(const fs::path& path, bool inMemory) {
+sqlite3* openDatabase(const fs::path& path, bool inMemory, std::chrono::milliseconds lockTimeout) {
   sqlite3* db = nullptr;
   const std::string name = inMemory ? ":memory:" : path.string();
   if (!inMemory) {
@@ -126,7 +133,7 @@ sqlite3* openDatabase(const fs::path& path, bool inMemory) {
     sqlite3_close(db);
     unresolved(message, path, rc);
   }
-  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  sqlite3_busy_timeout(db, static_cast<int>(lockTimeout.count()));
   try {
     int version = 0;
     {
@@ -176,7 +183,7 @@ void copyStore(const fs::path& source, const fs::path& destination) {
   bool ok = sqlite3_open_v2(source.c_str(), &from, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
             sqlite3_open_v2(temporary.c_str(), &to, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK;
   if (ok) {
-    sqlite3_busy_timeout(from, kBusyTimeoutMs);
+    sqlite3_busy_timeout(from, static_cast<int>(kLockTimeout.count()));
     sqlite3_backup* backup = sqlite3_backup_init(to, "main", from, "main");
     ok = backup && sqlite3_backup_step(backup, -1) == SQLITE_DONE;
     if (backup) ok = sqlite3_backup_finish(backup) == SQLITE_OK && ok;
@@ -447,7 +454,7 @@ fs::path PersistentContainer::appGroupUrl(const Environment& e) {
 }
 
 PersistentContainer::Environment PersistentContainer::processEnvironment() {
-  return {processArguments(), dataDirectory(), copyStore, 1};
+  return {processArguments(), dataDirectory(), copyStore, 1, kLockTimeout};
 }
 
 PersistentContainer::~PersistentContainer() {
@@ -498,7 +505,7 @@ std::unique_ptr<PersistentContainer> PersistentContainer::make(bool inMemory,
     debug::line({"[debug] container url", "file://" + descriptions.front().url.string()});
     descriptions.front().cloudKitContainer = kCloudContainer;
   }
-  container->db_ = openDatabase(descriptions.front().url, inMemory);
+  container->db_ = openDatabase(descriptions.front().url, inMemory, e.lockTimeout);
   container->context_ = std::make_unique<StoreContext>(container->db_);
   return container;
 }

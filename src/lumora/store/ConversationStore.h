@@ -8,6 +8,7 @@
 // once, and opens it; StoreContext is the one place that reads and writes it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -149,6 +150,9 @@ class PersistentContainer {
                        const std::filesystem::path& destination)>
         replaceStore;
     size_t descriptions = 1;  // more than one only in tests
+    // How long a read or write waits for another program's lock before it fails with
+    // StoreError. Tests shorten it.
+    std::chrono::milliseconds lockTimeout{5000};
   };
   static Environment processEnvironment();
 

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     lumora::LineSplitter splitter(4096);
     size_t lastSize = 0;
     auto onLine = [&](std::string_view line) {
-      if (auto chunk = processor.process(line)) {
+      if (auto chunk = processor.line(line)) {
         // The reply only ever grows.
         if (chunk->completed.size() < lastSize) __builtin_trap();
         lastSize = chunk->completed.size();

@@ -26,7 +26,7 @@ Outcome run(const std::string& body, LineRule rule, size_t piece = 0) {
   LineProcessor processor(rule);
   LineSplitter splitter;
   auto onLine = [&](std::string_view line) {
-    if (auto chunk = processor.process(line)) {
+    if (auto chunk = processor.line(line)) {
       ++out.chunks;
       out.completed = chunk->completed.str();
       out.model = chunk->model.str();

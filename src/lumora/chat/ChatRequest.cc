@@ -4,16 +4,12 @@
 #include <cmath>
 
 #include "lumora/chat/Errors.h"
-#include "lumora/chat/HttpSession.h"
+#include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Debug.h"
-#include "lumora/platform/LineSplitter.h"
 #include "lumora/platform/Text.h"
 
 namespace lumora {
 namespace {
-
-// An error body is only decoded for its text; a larger one is cut here rather than held whole.
-constexpr size_t kMaxErrorBody = size_t{1} << 20;
 
 constexpr std::string_view kDoneMarker = "[DONE]";
 constexpr std::string_view kOpenRouterKeepAlive = ": OPENROUTER PROCESSING";
@@ -63,43 +59,19 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::strin
   debug::line({"[debug] request model:", model, "temperature",
                formatDouble(clampTemperature(temperature)), url});
 
-  const SessionConfiguration session = makeSession(environment);
-  std::unique_ptr<HttpResponse> response = environment.transport.send(request, session, stop);
-
+  std::unique_ptr<HttpResponse> response = sendRequest(environment, request, stop);
   if (response->status() != 200) {
-    // Read the whole (bounded) body, its lines joined with nothing between them.
-    std::string joined;
-    LineSplitter splitter(kMaxErrorBody);
-    auto onLine = [&](std::string_view line) {
-      if (joined.size() + line.size() <= kMaxErrorBody) joined.append(line);
-    };
-    try {
-      response->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop);
-      splitter.finish(onLine);
-    } catch (const TransportError& e) {
-      if (e.code() != TransportError::Code::lineTooLong) throw;
-    }
+    const std::string joined = readJoinedLines(*response, stop);
     debug::line({"[debug][api error]", joined});
     checkErrorBody(joined, response->status());
     throw OpenAIError::httpError(response->status());  // not reached: the status is not 200
   }
-
-  std::shared_ptr<HttpResponse> body(std::move(response));
-  return ChunkStream::start([body, rule](ChunkSink& sink, std::stop_token stop) {
-    LineProcessor processor(rule);
-    LineSplitter splitter;
-    auto onLine = [&](std::string_view line) {
-      if (auto chunk = processor.process(line)) sink.emit(std::move(*chunk));
-    };
-    body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop,
-                   [&] { sink.publish(); });
-    if (!stop.stop_requested()) splitter.finish(onLine);
-  });
+  return readChunks(std::move(response), std::make_unique<LineProcessor>(rule));
 }
 
 LineProcessor::LineProcessor(LineRule rule) : rule_(rule), text_(std::make_shared<ReplyBuffer>()) {}
 
-std::optional<StreamChunk> LineProcessor::process(std::string_view raw) {
+std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
   // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.
   // The JSON parser checks UTF-8 anyway, so a line is only looked at again when it fails
   // there (or when it is about to be shown in a debug line).

@@ -12,6 +12,7 @@
 #include "lumora/chat/ChatMessage.h"
 #include "lumora/chat/ChunkStream.h"
 #include "lumora/chat/Payloads.h"
+#include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Http.h"
 
 namespace lumora {
@@ -44,13 +45,13 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::strin
 
 // Turns the lines of one stream into chunks. Holds the stream's decoder and the running text.
 // Not thread-safe: one per stream, used by its reader.
-class LineProcessor {
+class LineProcessor final : public LineReader {
  public:
   explicit LineProcessor(LineRule rule);
 
   // The chunk for one line, or nullopt for a line that yields nothing. Throws OpenAIError for
   // an error record and DecodingError for a line that is no record.
-  std::optional<StreamChunk> process(std::string_view line);
+  std::optional<StreamChunk> line(std::string_view line) override;
 
  private:
   LineRule rule_;

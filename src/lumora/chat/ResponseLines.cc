@@ -1,0 +1,52 @@
+#include "lumora/chat/ResponseLines.h"
+
+#include "lumora/chat/HttpSession.h"
+#include "lumora/platform/Errors.h"
+#include "lumora/platform/LineSplitter.h"
+
+namespace lumora {
+namespace {
+
+constexpr size_t kMaxErrorBody = size_t{1} << 20;
+
+}  // namespace
+
+std::unique_ptr<HttpResponse> sendRequest(const ChatEnvironment& environment,
+                                          const HttpRequest& request, std::stop_token stop) {
+  return environment.transport.send(request, makeSession(environment), stop);
+}
+
+std::string readJoinedLines(HttpResponse& response, std::stop_token stop, std::string_view after) {
+  std::string joined;
+  LineSplitter splitter(kMaxErrorBody);
+  auto onLine = [&](std::string_view line) {
+    if (joined.size() + line.size() + after.size() > kMaxErrorBody) return;
+    joined.append(line);
+    joined.append(after);
+  };
+  try {
+    response.readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop);
+    splitter.finish(onLine);
+  } catch (const TransportError& e) {
+    if (e.code() != TransportError::Code::lineTooLong) throw;
+  }
+  return joined;
+}
+
+ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader) {
+  std::shared_ptr<HttpResponse> body(std::move(response));
+  std::shared_ptr<LineReader> lines(std::move(reader));
+  return ChunkStream::start([body, lines](ChunkSink& sink, std::stop_token stop) {
+    LineSplitter splitter;
+    auto onLine = [&](std::string_view line) {
+      if (auto chunk = lines->line(line)) sink.emit(std::move(*chunk));
+    };
+    body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop,
+                   [&] { sink.publish(); });
+    if (stop.stop_requested()) return;
+    splitter.finish(onLine);
+    lines->end();
+  });
+}
+
+}  // namespace lumora

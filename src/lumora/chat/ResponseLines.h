@@ -1,0 +1,47 @@
+// A response body read as lines, the way every client reads its answer: the lines of a stream,
+// one at a time, into chunks on the stream's own thread; or the whole (bounded) body of an
+// answer that is not a stream, to be judged as an error.
+//
+// Lines end at LF, CR or CR LF, and empty lines are never delivered.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+
+#include "lumora/chat/ChatEnvironment.h"
+#include "lumora/chat/ChunkStream.h"
+#include "lumora/platform/Http.h"
+
+namespace lumora {
+
+// A client's rule for the lines of one stream. One reader per stream, used by its producer
+// thread only, so it keeps the stream's state (the text so far) without a lock.
+class LineReader {
+ public:
+  virtual ~LineReader() = default;
+  // The chunk for one line, or nullopt for a line that yields nothing. Throws to fail the
+  // stream; the chunks before stand.
+  virtual std::optional<StreamChunk> line(std::string_view line) = 0;
+  // After the last line of a body that the server ended normally. Throws to fail the stream.
+  virtual void end() {}
+};
+
+// Sends `request` through the session of the settings (the proxy setting applies) and waits
+// for the response head. Throws TransportError, or CancellationError for a stop before the head.
+std::unique_ptr<HttpResponse> sendRequest(const ChatEnvironment& environment,
+                                          const HttpRequest& request, std::stop_token stop);
+
+// Every line of the body, each followed by `after`, joined. An error body is only read for its
+// text, so at most 1 MiB is kept and the rest is read and dropped; a line beyond that limit
+// ends the reading without a failure.
+std::string readJoinedLines(HttpResponse& response, std::stop_token stop,
+                            std::string_view after = {});
+
+// The stream of a response whose head said it is one: its body's lines go through `reader` on
+// the stream's own thread.
+ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader);
+
+}  // namespace lumora

@@ -292,14 +292,27 @@ TEST_F(OpenAIClientTest, ErrorBodiesGiveTheUsersText) {
   }
 }
 
-TEST_F(OpenAIClientTest, ServicesWithTheirOwnClientsAreNotSentAsOpenAI) {
-  for (const Service& s :
-       {Service(Ollama{"http://localhost:11434"}), Service(Cloud{"t"}), Service(Gemini{"g"})}) {
-    SCOPED_TRACE(s.description());
-    const std::string model = s.as<Gemini>() ? "gemini-pro" : "llama3";
-    EXPECT_THROW(OpenAIClient(s, env_).streamChat(model, {}, 1.0, {}), AppError);
+// A service with a client of its own is handed to it; the others go the OpenAI way, whatever
+// the model is called.
+TEST_F(OpenAIClientTest, ServicesWithClientsOfTheirOwnAreHandedOver) {
+  struct Case {
+    Service service;
+    std::string model;
+    std::string url;
+  };
+  const std::string openai = endpointBase(FixedEndpoint::openai) + "/v1/chat/completions";
+  const Case cases[] = {
+      {Ollama{"http://localhost:11434"}, "llama3", "http://localhost:11434/api/chat"},
+      {Cloud{"cloud-token-0001"}, "gpt-4o", endpointBase(FixedEndpoint::cloud) + "/1/chat"},
+      {Claude{"claude-key-0001"}, "gpt-4o", openai},
+      {Gemini{"gemini-key-0001"}, "gpt-4o", openai},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.service.description());
+    transport_.enqueue(FakeAnswer{});
+    OpenAIClient(c.service, env_).streamChat(c.model, {{"user", "hi", std::nullopt}}, 1.0, {});
+    EXPECT_EQ(transport_.requests().back().url, c.url);
   }
-  EXPECT_TRUE(transport_.requests().empty());
 }
 
 TEST_F(OpenAIClientTest, SupportedModelNames) {

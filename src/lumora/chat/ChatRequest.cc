@@ -17,6 +17,12 @@ constexpr std::string_view kDataPrefix = "data:";
 
 }  // namespace
 
+Url requestUrl(std::string_view text) {
+  auto url = Url::parse(text);
+  if (!url) throw OpenAIError::urlError();
+  return *url;
+}
+
 double clampTemperature(double temperature) {
   if (std::isnan(temperature) || temperature <= 0) return 0;
   if (temperature > 2) return 2;
@@ -31,9 +37,14 @@ std::string formatDouble(double value) {
   return text;
 }
 
+std::optional<int> visionMaxTokens(std::string_view model) {
+  if (model == "gpt-4-vision-preview") return 4096;
+  return std::nullopt;
+}
+
 HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeaders,
                             const std::string& model, const std::vector<ChatMessage>& messages,
-                            double temperature) {
+                            double temperature, std::optional<int> maxTokens) {
   HttpRequest request;
   request.url = url;
   request.headers = authHeaders;
@@ -46,19 +57,16 @@ HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeade
   payload.messages = messages;
   payload.stream = true;
   payload.temperature = clampTemperature(temperature);
-  if (model == "gpt-4-vision-preview") payload.maxTokens = 4096;
+  payload.maxTokens = maxTokens;
   request.body = payload.toJSON();
   return request;
 }
 
-ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::string& url,
-                            const HttpHeaders& authHeaders, const std::string& model,
-                            const std::vector<ChatMessage>& messages, double temperature,
-                            LineRule rule, std::stop_token stop) {
-  HttpRequest request = makeChatRequest(url, authHeaders, model, messages, temperature);
+ChunkStream sendChatRequest(const ChatEnvironment& environment, const HttpRequest& request,
+                            std::string_view model, double temperature,
+                            std::unique_ptr<LineReader> reader, std::stop_token stop) {
   debug::line({"[debug] request model:", model, "temperature",
-               formatDouble(clampTemperature(temperature)), url});
-
+               formatDouble(clampTemperature(temperature)), request.url});
   std::unique_ptr<HttpResponse> response = sendRequest(environment, request, stop);
   if (response->status() != 200) {
     const std::string joined = readJoinedLines(*response, stop);
@@ -66,10 +74,11 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::strin
     checkErrorBody(joined, response->status());
     throw OpenAIError::httpError(response->status());  // not reached: the status is not 200
   }
-  return readChunks(std::move(response), std::make_unique<LineProcessor>(rule));
+  return readChunks(std::move(response), std::move(reader));
 }
 
-LineProcessor::LineProcessor(LineRule rule) : rule_(rule), text_(std::make_shared<ReplyBuffer>()) {}
+LineProcessor::LineProcessor(LineRule rule, std::shared_ptr<ReplyBuffer> text)
+    : rule_(rule), text_(std::move(text)) {}
 
 std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
   // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.

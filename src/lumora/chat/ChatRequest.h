@@ -14,6 +14,7 @@
 #include "lumora/chat/Payloads.h"
 #include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Http.h"
+#include "lumora/platform/Url.h"
 
 namespace lumora {
 
@@ -25,29 +26,40 @@ inline constexpr std::string_view kChatMethod = "POST";
 // fails on it; the compatible servers' rule also passes over OpenRouter's keep-alive comment.
 enum class LineRule { openAI, openAICompatible };
 
+// `text` parsed as a request's URL, as written: no scheme is added. Throws
+// OpenAIError::urlError ("Invalid domain").
+Url requestUrl(std::string_view text);
+
 // The temperature as sent: NaN and values not above 0 become 0, values above 2 become 2.
 double clampTemperature(double temperature);
 
 // The request as it goes out, built without touching the network: the URL, the authentication
-// headers, then Content-Type and Accept, and the JSON body.
+// headers, then Content-Type and Accept, and the JSON body with the temperature clamped and
+// `maxTokens` as given.
 HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeaders,
                             const std::string& model, const std::vector<ChatMessage>& messages,
-                            double temperature);
+                            double temperature, std::optional<int> maxTokens);
 
-// Sends the chat request and waits for the response head. Status 200 gives the stream of
-// chunks (no byte of the body read yet). Anything else reads the body and throws an
-// OpenAIError made from it. Network failures throw TransportError; a stop before the head
-// throws CancellationError.
-ChunkStream sendChatRequest(const ChatEnvironment& environment, const std::string& url,
-                            const HttpHeaders& authHeaders, const std::string& model,
-                            const std::vector<ChatMessage>& messages, double temperature,
-                            LineRule rule, std::stop_token stop);
+// The token limit the OpenAI family sends: 4096 for "gpt-4-vision-preview", whose server
+// default is too small for a reply, and none for every other model.
+std::optional<int> visionMaxTokens(std::string_view model);
+
+// Sends a chat request built by makeChatRequest and waits for the response head. Status 200
+// gives the stream of chunks, its lines read by `reader` (no byte of the body read yet).
+// Anything else reads the body and throws an OpenAIError made from it. Network failures throw
+// TransportError; a stop before the head throws CancellationError.
+ChunkStream sendChatRequest(const ChatEnvironment& environment, const HttpRequest& request,
+                            std::string_view model, double temperature,
+                            std::unique_ptr<LineReader> reader, std::stop_token stop);
 
 // Turns the lines of one stream into chunks. Holds the stream's decoder and the running text.
 // Not thread-safe: one per stream, used by its reader.
 class LineProcessor final : public LineReader {
  public:
-  explicit LineProcessor(LineRule rule);
+  // `text` is where the reply accumulates: a new buffer per stream, unless the caller keeps
+  // one across streams.
+  explicit LineProcessor(LineRule rule,
+                         std::shared_ptr<ReplyBuffer> text = std::make_shared<ReplyBuffer>());
 
   // The chunk for one line, or nullopt for a line that yields nothing. Throws OpenAIError for
   // an error record and DecodingError for a line that is no record.

@@ -4,6 +4,7 @@
 
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/KeyCase.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora::json {
 namespace {
@@ -13,6 +14,12 @@ std::string quoted(std::string_view name) { return "\"" + std::string(name) + "\
 }  // namespace
 
 bool Parser::parse(std::string_view text) {
+  if (parseExactly(text)) return true;
+  if (text::isValidUtf8(text)) return false;
+  return parseExactly(text::repairedUtf8(text));
+}
+
+bool Parser::parseExactly(std::string_view text) {
   if (padded_.size() < text.size() + simdjson::SIMDJSON_PADDING)
     padded_.resize(text.size() + simdjson::SIMDJSON_PADDING);
   std::memcpy(padded_.data(), text.data(), text.size());

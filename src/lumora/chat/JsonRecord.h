@@ -12,12 +12,16 @@
 #include <string>
 #include <string_view>
 
+#include "lumora/chat/ResponseLines.h"
+#include "lumora/chat/ReplyText.h"
+
 namespace lumora::json {
 
 // One parser, reused from line to line of a stream. Not thread-safe.
 class Parser {
  public:
-  // False when `text` is not well-formed JSON (error() says why).
+  // False when `text` is not well-formed JSON (error() says why). Text that is not UTF-8 is
+  // read with its bad bytes as U+FFFD: a server's stray byte costs a character, not the reply.
   bool parse(std::string_view text);
   simdjson::dom::element root() const { return root_; }
   const char* error() const { return error_; }
@@ -25,6 +29,7 @@ class Parser {
  private:
   simdjson::dom::parser parser_;
   simdjson::dom::element root_;
+  bool parseExactly(std::string_view text);
   std::string padded_;
   const char* error_ = "";
 };
@@ -64,6 +69,18 @@ class Record {
   simdjson::dom::element required(std::string_view name) const;
   simdjson::dom::object object_;
   Keys keys_;
+};
+
+// A stream whose lines are JSON records adding to one reply: the parser and the reply so far.
+class RecordLines : public LineReader {
+ protected:
+  // A chunk with the reply as it stands now.
+  StreamChunk chunk(std::string_view model, std::optional<std::string_view> finishReason) const {
+    return StreamChunk{ModelName(model), ReplyText(text_, text_->size()),
+                       finishReason ? std::optional<std::string>(*finishReason) : std::nullopt};
+  }
+  Parser parser_;
+  std::shared_ptr<ReplyBuffer> text_ = std::make_shared<ReplyBuffer>();
 };
 
 }  // namespace lumora::json

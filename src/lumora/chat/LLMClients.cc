@@ -10,6 +10,12 @@
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
+#include "lumora/providers/AzureOpenAIClient.h"
+#include "lumora/providers/BearerServiceClients.h"
+#include "lumora/providers/GroqClient.h"
+#include "lumora/providers/LumoraCloudClient.h"
+#include "lumora/providers/OllamaClient.h"
+#include "lumora/providers/OpenAICompatibleClient.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace lumora {
@@ -61,6 +67,43 @@ bool isGroqModel(std::string_view model) {
     if (model == m) return true;
   return false;
 }
+
+// client(for:): each service with the client of its provider.
+struct ClientMaker {
+  const Service& service;
+  const ChatEnvironment& e;
+  std::unique_ptr<LLMClient> operator()(const Cloud& s) const {
+    return std::make_unique<LumoraCloudClient>(s.token, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Azure& s) const {
+    return std::make_unique<AzureOpenAIClient>(s.apiKey, s.endpoint,
+                                               LLMClients::azureDeployments(e.sharedDefaults), e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Ollama& s) const {
+    return std::make_unique<OllamaClient>(s.url, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Groq& s) const {
+    return std::make_unique<GroqClient>(s.apiKey, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Moonshot& s) const {
+    return std::make_unique<MoonshotClient>(s.apiKey, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const OpenRouter& s) const {
+    return std::make_unique<OpenRouterClient>(s.apiKey, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Mistral& s) const {
+    return std::make_unique<MistralClient>(s.apiKey, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const OpenAICompatible& s) const {
+    return std::make_unique<OpenAICompatibleClient>(s.endpoint, s.path, s.apiKey, s.headerKey,
+                                                    s.models, e);
+  }
+  // The OpenAI API, a custom domain and a team server speak the OpenAI protocol under their
+  // own settings.
+  std::unique_ptr<LLMClient> operator()(const auto&) const {
+    return std::make_unique<OpenAIClient>(service, e);
+  }
+};
 
 }  // namespace
 
@@ -224,7 +267,7 @@ Service LLMClients::service(std::string_view model, const std::vector<Service>& 
 
 std::unique_ptr<LLMClient> LLMClients::client(const Service& service,
                                               const ChatEnvironment& environment) {
-  return std::make_unique<OpenAIClient>(service, environment);
+  return std::visit(ClientMaker{service, environment}, service.value());
 }
 
 }  // namespace lumora

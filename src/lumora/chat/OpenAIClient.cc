@@ -6,6 +6,8 @@
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
 #include "lumora/platform/Debug.h"
+#include "lumora/providers/LumoraCloudClient.h"
+#include "lumora/providers/OllamaClient.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/DefaultsStore.h"
@@ -18,12 +20,6 @@ std::string withoutCharacter(std::string_view s, char drop) {
   for (char c : s)
     if (c != drop) out += c;
   return out;
-}
-
-Url parsedOrThrow(std::string_view text) {
-  auto url = Url::parse(text);
-  if (!url) throw OpenAIError::urlError();
-  return *url;
 }
 
 // Unsupported until their own clients exist in this build.
@@ -44,15 +40,15 @@ bool OpenAIClient::isOpenAIModel(std::string_view model) {
 }
 
 Url OpenAIClient::baseURL(std::string_view domain) {
-  if (domain.starts_with("https://") || domain.starts_with("http://")) return parsedOrThrow(domain);
-  return parsedOrThrow("https://" + std::string(domain));
+  if (domain.starts_with("https://") || domain.starts_with("http://")) return requestUrl(domain);
+  return requestUrl("https://" + std::string(domain));
 }
 
 Url OpenAIClient::openAIURL(std::string_view path) const {
   const std::optional<std::string> stored = environment_.sharedDefaults.string("aiGateway");
   const std::string_view gateway = stored ? text::trimmed(*stored) : std::string_view();
   if (gateway.empty())
-    return parsedOrThrow(endpointBase(FixedEndpoint::openai)).appendingPath(path);
+    return requestUrl(endpointBase(FixedEndpoint::openai)).appendingPath(path);
   // The gateway's own path, then "openai", then the operation's path without its "/v1/".
   const std::string_view shortened = path.size() > 4 ? path.substr(4) : std::string_view();
   const Url base = baseURL(std::string(gateway) + "/");
@@ -68,7 +64,7 @@ Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
     std::string deployment = "whisper";
     for (const AzureDeployment& d : deployments)
       if (d.model == "whisper" && !d.deploymentId.empty()) deployment = d.deploymentId;
-    return parsedOrThrow(azure.endpoint)
+    return requestUrl(azure.endpoint)
         .appendingPath("/openai/deployments/" + deployment + "/audio/transcriptions")
         .withQueryItem("api-version", "2023-09-01-preview");
   }
@@ -86,18 +82,18 @@ Url OpenAIClient::azureURL(const Azure& azure, std::string_view path,
       for (const AzureDeployment& d : deployments)
         if (d.model == m && !d.deploymentId.empty()) deployment = d.deploymentId;
     }
-    return parsedOrThrow(azure.endpoint)
+    return requestUrl(azure.endpoint)
         .appendingPath("/openai/deployments/" + deployment.value_or(m) + "/chat/completions")
         .withQueryItem("api-version", "2023-05-15");
   }
-  return parsedOrThrow(azure.endpoint + std::string(path));
+  return requestUrl(azure.endpoint + std::string(path));
 }
 
 Url OpenAIClient::serviceURL(std::string_view path, std::optional<std::string_view> model) const {
   if (const auto* s = service_.as<CustomDomain>()) return baseURL(s->domain).appendingPath(path);
   if (const auto* s = service_.as<Team>()) return baseURL(s->domain).appendingPath(path);
   if (service_.as<Cloud>())
-    return parsedOrThrow(endpointBase(FixedEndpoint::cloud)).appendingPath(path);
+    return requestUrl(endpointBase(FixedEndpoint::cloud)).appendingPath(path);
   if (const auto* s = service_.as<Azure>()) return azureURL(*s, path, model);
   return openAIURL(path);
 }
@@ -119,7 +115,7 @@ HttpRequest OpenAIClient::chatRequest(const std::string& model,
                                       const std::vector<ChatMessage>& messages,
                                       double temperature) const {
   return makeChatRequest(serviceURL(kChatPath, model).text(), authHeaders(), model, messages,
-                         temperature);
+                         temperature, visionMaxTokens(model));
 }
 
 ChunkStream OpenAIClient::streamChat(const std::string& model,
@@ -130,10 +126,12 @@ ChunkStream OpenAIClient::streamChat(const std::string& model,
   if (model.starts_with("gemini") && service_.as<Gemini>()) notAvailable("Gemini");
   if (claudeModel && service_.as<Claude>()) notAvailable("Claude");
   if (claudeModel && service_.as<Cloud>()) notAvailable("Claude (through the cloud)");
-  if (service_.as<Ollama>()) notAvailable("Ollama");
-  if (service_.as<Cloud>()) notAvailable("hosted cloud");
-  return sendChatRequest(environment_, serviceURL(kChatPath, model).text(), authHeaders(), model,
-                         messages, temperature, LineRule::openAI, stop);
+  if (const auto* s = service_.as<Ollama>())
+    return OllamaClient(s->url, environment_).streamChat(model, messages, temperature, stop);
+  if (const auto* s = service_.as<Cloud>())
+    return LumoraCloudClient(s->token, environment_).streamChat(model, messages, temperature, stop);
+  return sendChatRequest(environment_, chatRequest(model, messages, temperature), model,
+                         temperature, std::make_unique<LineProcessor>(LineRule::openAI), stop);
 }
 
 }  // namespace lumora

@@ -12,7 +12,7 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
   targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64
-    mime_charset html_tokenizer html_tree mail_parser store_files)
+    mime_charset html_tokenizer html_tree mail_parser store_files ollama_lines cloud_lines)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
@@ -27,6 +27,7 @@ for t in "${targets[@]}"; do
         ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser) ;;
     html_tokenizer) seeds+=(../shared/fixtures/html5lib-tests/tokenizer) ;;
     store_files) seeds+=(fuzz/corpus/store_files) ;;
+    ollama_lines) seeds+=(../shared/fixtures/providers/ollama) ;;
     html_tree) seeds+=(../shared/fixtures/mail-corpus/mailspring-html ../shared/fixtures/mail-corpus/mailgun-talon) ;;
     mail_parser)
       seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users) ;;

@@ -1,6 +1,7 @@
-// `lumora models` and `lumora route MODEL`: the model catalogue, and which configured service
-// would answer a model, with the reason in words.
+// `lumora models`, `lumora route MODEL` and `lumora voices`: the model catalogue, which
+// configured service would answer a model, with the reason in words, and the speech voices.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "Commands.h"
@@ -8,6 +9,7 @@
 #include "lumora/chat/ChatEnvironment.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
+#include "lumora/media/AzureTTSClient.h"
 #include "lumora/models/ConversationModel.h"
 #include "lumora/platform/Http.h"
 #include "lumora/platform/Localization.h"
@@ -30,6 +32,15 @@ constexpr const char* kRouteHelp =
     "Prints the id of the service that would answer a reply with MODEL under the current\n"
     "settings, then, on a second line, why.\n"
     "Exit status: 0 done, 1 the settings could not be read, 2 usage error.\n";
+
+constexpr const char* kVoicesHelp =
+    "Usage: lumora voices --region REGION [--cloud]\n"
+    "\n"
+    "Lists the voices of the Azure speech service in REGION (such as westeurope), one a line,\n"
+    "its fields separated by tabs: the short name, the local name, the gender and the locale.\n"
+    "The subscription key comes from LUMORA_AZURE_SPEECH_KEY; with --cloud the list is asked\n"
+    "of the hosted cloud with the \"cloudToken\" setting instead.\n"
+    "Exit status: 0 done, 1 the list could not be read, 2 usage error.\n";
 
 std::string reason(const LLMClients::RouteDecision& route, const std::string& model) {
   const std::string service = route.service.id();
@@ -112,6 +123,48 @@ int routeCommand(const Args& args) {
                                       .store = sharedStoreContext};
     const auto route = LLMClients::route(args[0], LLMClients::fetchServices(environment), environment);
     std::printf("%s\n%s\n", route.service.id().c_str(), reason(route, args[0]).c_str());
+    return kExitOk;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
+    return kExitFailed;
+  }
+}
+
+int voicesCommand(const Args& args) {
+  std::string region;
+  bool cloud = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--help" || args[i] == "-h") {
+      std::fputs(kVoicesHelp, stdout);
+      return kExitOk;
+    } else if (args[i] == "--cloud") {
+      cloud = true;
+    } else if (args[i] == "--region" && i + 1 < args.size()) {
+      region = args[++i];
+    } else if (args[i].starts_with("--region=")) {
+      region = args[i].substr(9);
+    } else {
+      return usageError("unknown argument " + args[i], kVoicesHelp);
+    }
+  }
+  if (region.empty()) return usageError("voices needs --region REGION", kVoicesHelp);
+  try {
+    const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
+                                      .transport = defaultTransport(),
+                                      .store = {}};
+    std::string token;
+    if (cloud) {
+      token = sharedDefaults().string("cloudToken").value_or("");
+    } else if (const char* key = std::getenv("LUMORA_AZURE_SPEECH_KEY")) {
+      token = key;
+    }
+    if (token.empty())
+      return usageError(cloud ? "the \"cloudToken\" setting is empty"
+                              : "LUMORA_AZURE_SPEECH_KEY is not set",
+                        kVoicesHelp);
+    for (const auto& voice : AzureTTSClient(region, token, cloud, environment).listVoices())
+      std::printf("%s\t%s\t%s\t%s\n", voice.shortName.c_str(), voice.localName.c_str(),
+                  voice.gender.c_str(), voice.locale.c_str());
     return kExitOk;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());

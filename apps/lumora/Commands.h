@@ -21,5 +21,6 @@ int modelsCommand(const Args& args);
 int routeCommand(const Args& args);
 int conversationsCommand(const Args& args);
 int teamsCommand(const Args& args);
+int voicesCommand(const Args& args);
 
 }  // namespace lumora::cli

@@ -23,6 +23,7 @@ constexpr Command kCommands[] = {
     {"teams", "the self-hosted team servers", lumora::cli::teamsCommand},
     {"models", "list the model catalogue", lumora::cli::modelsCommand},
     {"route", "show which service would answer a model, and why", lumora::cli::routeCommand},
+    {"voices", "list the voices of the Azure speech service", lumora::cli::voicesCommand},
 };
 
 void usage(FILE* out) {

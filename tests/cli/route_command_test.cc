@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "support/LumoraHome.h"
+#include "support/ScriptedServer.h"
 
 namespace lumora {
 namespace {
@@ -86,6 +87,22 @@ TEST_F(RouteCommandTest, TeamsFromTheStoreComeFirstAndADamagedStoreCostsOnlyThem
   EXPECT_EQ(damaged.out.substr(0, 7), "openai\n");
   std::ifstream in(store, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not a database");
+}
+
+TEST_F(RouteCommandTest, VoicesListsTheSpeechServicesVoices) {
+  testing::ScriptedServer server;
+  server.enqueue(testing::Response::json(
+      200, R"([{"LocalName":"Jenny","ShortName":"en-US-JennyNeural","Gender":"Female",)"
+           R"("Locale":"en-US"}])"));
+  const auto r = home_.run({"voices", "--region", "westeurope"},
+                           {{"LUMORA_AZURE_SPEECH_BASE_URL", server.baseUrl()},
+                            {"LUMORA_AZURE_SPEECH_KEY", "speech-key-0001"}});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "en-US-JennyNeural\tJenny\tFemale\ten-US\n");
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_EQ(server.requests()[0].target, "/cognitiveservices/voices/list");
+  EXPECT_EQ(server.requests()[0].header("Ocp-Apim-Subscription-Key"), "speech-key-0001");
+  EXPECT_EQ(lumora({"voices", "--region", "westeurope"}).status, 2) << "no key";
 }
 
 }  // namespace

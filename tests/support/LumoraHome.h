@@ -2,6 +2,7 @@
 // no debug output unless a test asks for it.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,9 +13,12 @@ namespace lumora::testing {
 
 class LumoraHome {
  public:
-  ProcessResult run(std::vector<std::string> args) const {
+  // `environment`: variables set for this run beside the home's own.
+  ProcessResult run(std::vector<std::string> args,
+                    std::map<std::string, std::string> environment = {}) const {
     args.insert(args.begin(), LUMORA_BINARY);
     ProcessOptions options;
+    options.setEnv = std::move(environment);
     options.setEnv["XDG_CONFIG_HOME"] = (home_.path() / "config").string();
     options.setEnv["XDG_DATA_HOME"] = (home_.path() / "data").string();
     options.unsetEnv = {"LUMORA_DEBUG", "OPENAI_API_KEY"};

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "lumora/chat/Errors.h"
+#include "lumora/chat/JsonRecord.h"
 #include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Text.h"
@@ -103,14 +104,7 @@ std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
     line = repaired;
     parsed = decoder_.parse(line);
   }
-  if (!parsed) {
-    // The line itself says more to the user than the parser's diagnosis.
-    constexpr size_t kShown = 80;
-    std::string_view shown = line.substr(0, kShown);
-    while (!shown.empty() && !text::isValidUtf8(shown)) shown.remove_suffix(1);
-    throw DecodingError("The server's reply could not be read: a line is not JSON: \"" +
-                        std::string(shown) + (line.size() > shown.size() ? "…" : "") + "\".");
-  }
+  if (!parsed) json::failNotJson(line);
   if (auto error = decoder_.errorResponse()) throw OpenAIError::apiError(std::move(*error));
   const ChatDelta& delta = decoder_.chatDelta();
 

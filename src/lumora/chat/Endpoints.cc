@@ -28,16 +28,20 @@ constexpr Entry kEntries[] = {
 
 const Entry& entry(FixedEndpoint endpoint) { return kEntries[static_cast<size_t>(endpoint)]; }
 
+std::string_view overrideOf(const Entry& e) {
+  const std::string variable = "LUMORA_" + std::string(e.name) + "_BASE_URL";
+  const char* value = std::getenv(variable.c_str());
+  return value ? text::trimmed(value) : std::string_view();
+}
+
 }  // namespace
 
 std::string endpointBase(FixedEndpoint endpoint) {
   const Entry& e = entry(endpoint);
-  const std::string variable = "LUMORA_" + std::string(e.name) + "_BASE_URL";
-  if (const char* value = std::getenv(variable.c_str())) {
-    const std::string_view trimmed = text::trimmed(value);
-    if (!trimmed.empty()) return std::string(trimmed);
-  }
-  return std::string(e.base);
+  const std::string_view overridden = overrideOf(e);
+  return std::string(overridden.empty() ? e.base : overridden);
 }
+
+bool endpointOverridden(FixedEndpoint endpoint) { return !overrideOf(entry(endpoint)).empty(); }
 
 }  // namespace lumora

@@ -25,4 +25,7 @@ enum class FixedEndpoint {
 // built-in one.
 std::string endpointBase(FixedEndpoint endpoint);
 
+// True when the endpoint's override variable is in force.
+bool endpointOverridden(FixedEndpoint endpoint);
+
 }  // namespace lumora

@@ -36,6 +36,14 @@ void fail(std::string_view what) {
   throw DecodingError("The server's reply could not be read: " + std::string(what) + ".");
 }
 
+void failNotJson(std::string_view line) {
+  constexpr size_t kShown = 80;
+  std::string_view shown = line.substr(0, kShown);
+  while (!shown.empty() && !text::isValidUtf8(shown)) shown.remove_suffix(1);
+  fail("a line is not JSON: \"" + std::string(shown) + (line.size() > shown.size() ? "…" : "") +
+       "\"");
+}
+
 Record::Record(simdjson::dom::element value, Keys keys, std::string_view what) : keys_(keys) {
   if (value.get_object().get(object_)) fail(std::string(what) + " is not a JSON object");
 }

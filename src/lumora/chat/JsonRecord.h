@@ -42,6 +42,9 @@ enum class Keys {
 
 // "The server's reply could not be read: WHAT."
 [[noreturn]] void fail(std::string_view what);
+// The failure of a line that is not JSON, showing its start: the line says more to the user
+// than the parser's diagnosis.
+[[noreturn]] void failNotJson(std::string_view line);
 
 // A JSON object read as a record.
 class Record {

@@ -64,7 +64,7 @@ std::optional<StreamChunk> Lines::line(std::string_view raw) {
     return std::nullopt;
   }
   if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
-  if (!parser_.parse(line)) json::fail("a line is not JSON");
+  if (!parser_.parse(line)) json::failNotJson(line);
   if (auto error = errorResponse(parser_.root())) throw AppError::apiError(error->error);
 
   const json::Record record(parser_.root(), json::Keys::fromSnakeCase);

@@ -24,7 +24,7 @@ std::unique_ptr<LineReader> OllamaClient::makeLines() { return std::make_unique<
 std::optional<StreamChunk> Lines::line(std::string_view raw) {
   const std::string_view line = text::trimmed(raw);
   if (debug::enabled()) debug::line({"[debug] process line", line});
-  if (!parser_.parse(line)) json::fail("a line is not JSON");
+  if (!parser_.parse(line)) json::failNotJson(line);
   // Every required key is checked, though only the model, the text and the end mark are used:
   // a record that lacks one (an error line, say) is not a reply.
   const json::Record record(parser_.root(), json::Keys::fromSnakeCase);

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace lumora {
 
@@ -21,6 +22,8 @@ class ComposeSession {
   virtual ~ComposeSession() = default;
   // The message being answered or forwarded; nullptr for a new mail.
   virtual const Message* originalMessage() const = 0;
+  // Every recipient of the mail being written, each address as the user wrote it.
+  virtual std::vector<std::string> allRecipientAddresses() const { return {}; }
 };
 
 // A message whose bytes are known up front.

@@ -22,5 +22,9 @@ int routeCommand(const Args& args);
 int conversationsCommand(const Args& args);
 int teamsCommand(const Args& args);
 int voicesCommand(const Args& args);
+int checkRecipientsCommand(const Args& args);
+int headersCommand(const Args& args);
+int colourCommand(const Args& args);
+int sendmailCommand(const Args& args);
 
 }  // namespace lumora::cli

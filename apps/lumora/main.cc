@@ -24,6 +24,12 @@ constexpr Command kCommands[] = {
     {"models", "list the model catalogue", lumora::cli::modelsCommand},
     {"route", "show which service would answer a model, and why", lumora::cli::routeCommand},
     {"voices", "list the voices of the Azure speech service", lumora::cli::voicesCommand},
+    {"check-recipients", "mark recipients that mail may not go to",
+     lumora::cli::checkRecipientsCommand},
+    {"headers", "print the extra header of outgoing mail", lumora::cli::headersCommand},
+    {"colour", "print the colour of a message by its subject", lumora::cli::colourCommand},
+    {"sendmail", "send a message through the real sendmail, with the rules applied",
+     lumora::cli::sendmailCommand},
 };
 
 void usage(FILE* out) {

@@ -1,0 +1,261 @@
+// The mail host's rules as commands a mail client calls: `check-recipients`, `headers`,
+// `colour`, and `sendmail`, a drop-in wrapper around the real sendmail.
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Commands.h"
+#include "Support.h"
+#include "lumora/panel/SessionHandlers.h"
+#include "lumora/platform/Text.h"
+
+extern char** environ;
+
+namespace lumora::cli {
+namespace {
+
+// sendmail's exit statuses (sysexits.h), which mail clients understand.
+constexpr int kExitDataError = 65;    // the message may not be sent
+constexpr int kExitUnavailable = 69;  // the real sendmail could not be run
+
+constexpr const char* kCheckHelp =
+    "Usage: lumora check-recipients ADDRESS...\n"
+    "\n"
+    "Prints \"ADDRESS: TEXT\" for each address that the recipient rule marks. When sending to\n"
+    "these addresses would be refused, writes the refusal to standard error and exits 1.\n";
+constexpr const char* kHeadersHelp =
+    "Usage: lumora headers\n\nPrints the extra header(s) of outgoing mail, as \"Name: value\".\n";
+constexpr const char* kColourHelp =
+    "Usage: lumora colour SUBJECT\n"
+    "\n"
+    "Prints the colour of a message with SUBJECT, or nothing and exits 1 when it has none.\n";
+
+const char* colourName(MessageColor colour) { return colour == MessageColor::red ? "red" : ""; }
+
+bool wantsHelp(const Args& args) {
+  return args.size() == 1 && (args[0] == "--help" || args[0] == "-h");
+}
+
+// The extra header lines, each ended with `eol`.
+std::string extraHeaderLines(std::string_view eol) {
+  std::string lines;
+  for (const auto& [name, values] : ComposeSessionHandler().additionalHeaders(
+           SimpleComposeSession())) {
+    for (const std::string& value : values) lines += name + ": " + value + std::string(eol);
+  }
+  return lines;
+}
+
+// `message` with the extra header at the end of its header block, in the line ending the
+// block uses. Nothing else changes.
+std::string withExtraHeader(const std::string& message) {
+  // The header block ends at the first empty line.
+  size_t at = std::string::npos;
+  std::string_view eol = "\n";
+  for (size_t pos = 0; pos <= message.size();) {
+    const size_t end = message.find('\n', pos);
+    const size_t lineEnd = end == std::string::npos ? message.size() : end;
+    const bool crlf = lineEnd > pos && message[lineEnd - 1] == '\r';
+    const size_t contentEnd = crlf ? lineEnd - 1 : lineEnd;
+    if (pos == 0) eol = crlf ? "\r\n" : "\n";
+    if (contentEnd == pos && end != std::string::npos) {
+      at = pos;
+      break;
+    }
+    if (end == std::string::npos) break;
+    pos = end + 1;
+  }
+  if (at != std::string::npos) return message.substr(0, at) + extraHeaderLines(eol) + message.substr(at);
+  // Headers only: the header goes at the end.
+  std::string out = message;
+  if (!out.empty() && out.back() != '\n') out += eol;
+  return out + extraHeaderLines(eol);
+}
+
+// The value of each header field named `name` (any letter case), unfolded.
+std::vector<std::string> headerFields(const std::string& message, std::string_view name) {
+  std::vector<std::string> values;
+  std::string* current = nullptr;
+  size_t pos = 0;
+  while (pos < message.size()) {
+    size_t end = message.find('\n', pos);
+    if (end == std::string::npos) end = message.size();
+    std::string_view line(message.data() + pos, end - pos);
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    pos = end + 1;
+    if (line.empty()) break;
+    if (line.front() == ' ' || line.front() == '\t') {
+      if (current) *current += std::string(line);
+      continue;
+    }
+    current = nullptr;
+    const size_t colon = line.find(':');
+    if (colon != std::string_view::npos &&
+        text::equalsIgnoringCase(text::trimmed(line.substr(0, colon)), name)) {
+      values.emplace_back(line.substr(colon + 1));
+      current = &values.back();
+    }
+  }
+  return values;
+}
+
+// The addresses of an address list as written, split at commas outside quotes and brackets.
+void splitAddresses(std::string_view list, std::vector<std::string>& out) {
+  bool quoted = false;
+  int angle = 0;
+  size_t start = 0;
+  for (size_t i = 0; i <= list.size(); ++i) {
+    const char c = i < list.size() ? list[i] : ',';
+    if (c == '"' && (i == 0 || list[i - 1] != '\\')) quoted = !quoted;
+    if (!quoted && c == '<') ++angle;
+    if (!quoted && c == '>' && angle > 0) --angle;
+    if (c == ',' && !quoted && angle == 0) {
+      const std::string_view address = text::trimmed(list.substr(start, i - start));
+      if (!address.empty()) out.emplace_back(address);
+      start = i + 1;
+    }
+  }
+}
+
+// sendmail's options that take their value as the next argument.
+bool takesValue(std::string_view option) {
+  static constexpr std::string_view kWithValue[] = {"-f", "-F", "-r", "-N", "-R", "-V",
+                                                    "-B", "-C", "-L", "-O", "-X", "-h"};
+  for (std::string_view o : kWithValue)
+    if (option == o) return true;
+  return false;
+}
+
+// The recipients of a sendmail call: its address arguments, and with -t the message's To,
+// Cc and Bcc.
+std::vector<std::string> recipients(const Args& args, const std::string& message) {
+  std::vector<std::string> out;
+  bool fromHeaders = false;
+  bool options = true;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (options && a == "--") {
+      options = false;
+    } else if (options && a.size() > 1 && a[0] == '-') {
+      if (a == "-t") fromHeaders = true;
+      if (takesValue(a)) ++i;
+    } else {
+      splitAddresses(a, out);
+    }
+  }
+  if (fromHeaders) {
+    for (const char* field : {"To", "Cc", "Bcc"})
+      for (const std::string& value : headerFields(message, field)) splitAddresses(value, out);
+  }
+  return out;
+}
+
+// Runs `program` with `args`, `input` on its standard input; returns its exit status.
+int runWithInput(const std::string& program, const Args& args, const std::string& input) {
+  int pipeFds[2];
+  if (pipe(pipeFds) != 0) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[0], STDIN_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+  posix_spawn_file_actions_addclose(&actions, pipeFds[1]);
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipeFds[0]);
+  if (rc != 0) {
+    close(pipeFds[1]);
+    errno = rc;
+    return -1;
+  }
+  // A sendmail that stops reading early must not kill this process.
+  std::signal(SIGPIPE, SIG_IGN);
+  for (size_t done = 0; done < input.size();) {
+    const ssize_t n = write(pipeFds[1], input.data() + done, input.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  close(pipeFds[1]);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+}  // namespace
+
+int checkRecipientsCommand(const Args& args) {
+  if (wantsHelp(args)) {
+    std::fputs(kCheckHelp, stdout);
+    return kExitOk;
+  }
+  if (args.empty()) return usageError("check-recipients needs at least one ADDRESS", kCheckHelp);
+  for (const std::string& address : args) {
+    const auto annotations = ComposeSessionHandler::annotations({address});
+    if (auto it = annotations.find(address); it != annotations.end())
+      std::printf("%s: %s\n", address.c_str(), it->second.c_str());
+  }
+  if (auto refusal = ComposeSessionHandler::refusal(args)) {
+    std::fprintf(stderr, "%s\n", refusal->what());
+    return kExitFailed;
+  }
+  return kExitOk;
+}
+
+int headersCommand(const Args& args) {
+  if (wantsHelp(args)) {
+    std::fputs(kHeadersHelp, stdout);
+    return kExitOk;
+  }
+  if (!args.empty()) return usageError("headers takes no arguments", kHeadersHelp);
+  std::fputs(extraHeaderLines("\n").c_str(), stdout);
+  return kExitOk;
+}
+
+int colourCommand(const Args& args) {
+  if (wantsHelp(args)) {
+    std::fputs(kColourHelp, stdout);
+    return kExitOk;
+  }
+  if (args.size() != 1) return usageError("colour takes one SUBJECT", kColourHelp);
+  std::optional<MessageActionDecision> decision;
+  MessageActionHandler::shared().decideAction(args[0], [&](auto d) { decision = d; });
+  if (!decision) return kExitFailed;
+  std::printf("%s\n", colourName(decision->backgroundColor));
+  return kExitOk;
+}
+
+int sendmailCommand(const Args& args) {
+  const std::optional<std::string> message = readMessage("-");
+  if (!message) return kExitFailed;
+  if (auto refusal = ComposeSessionHandler::refusal(recipients(args, *message))) {
+    std::fprintf(stderr, "%s\n", refusal->what());
+    return kExitDataError;
+  }
+  const char* configured = std::getenv("LUMORA_SENDMAIL");
+  const std::string program =
+      configured && *configured ? configured : "/usr/sbin/sendmail";
+  const int status = runWithInput(program, args, withExtraHeader(*message));
+  if (status < 0) {
+    std::fprintf(stderr, "lumora: cannot run %s: %s\n", program.c_str(), std::strerror(errno));
+    return kExitUnavailable;
+  }
+  return status;
+}
+
+}  // namespace lumora::cli

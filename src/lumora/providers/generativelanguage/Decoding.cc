@@ -50,6 +50,13 @@ constexpr std::array<std::string_view, 17> kRPCStatuses = {"OK",
                                                            "UNAVAILABLE",
                                                            "DATA_LOSS"};
 
+// A case added to an enumeration needs its string here.
+static_assert(kFinishReasons.size() == size_t(FinishReason::other) + 1);
+static_assert(kBlockReasons.size() == size_t(PromptFeedback::BlockReason::other) + 1);
+static_assert(kHarmCategories.size() == size_t(SafetySetting::HarmCategory::dangerousContent) + 1);
+static_assert(kHarmProbabilities.size() == size_t(SafetyRating::HarmProbability::high) + 1);
+static_assert(kRPCStatuses.size() == size_t(RPCStatus::dataLoss) + 1);
+
 template <typename E, size_t N>
 std::optional<E> lookup(std::string_view raw, const std::array<std::string_view, N>& names) {
   for (size_t i = 0; i < N; ++i)

@@ -306,6 +306,9 @@ TEST_F(OpenAIClientTest, ServicesWithClientsOfTheirOwnAreHandedOver) {
       {Cloud{"cloud-token-0001"}, "gpt-4o", endpointBase(FixedEndpoint::cloud) + "/1/chat"},
       {Claude{"claude-key-0001"}, "gpt-4o", openai},
       {Gemini{"gemini-key-0001"}, "gpt-4o", openai},
+      {Gemini{"gemini-key-0001"}, "gemini-pro",
+       endpointBase(FixedEndpoint::gemini) +
+           "/v1/models/gemini-pro:streamGenerateContent?alt=sse"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.service.description());

@@ -12,6 +12,7 @@
 #include "lumora/platform/Text.h"
 #include "lumora/providers/AzureOpenAIClient.h"
 #include "lumora/providers/BearerServiceClients.h"
+#include "lumora/providers/GeminiClient.h"
 #include "lumora/providers/GroqClient.h"
 #include "lumora/providers/LumoraCloudClient.h"
 #include "lumora/providers/OllamaClient.h"
@@ -78,6 +79,9 @@ struct ClientMaker {
   std::unique_ptr<LLMClient> operator()(const Azure& s) const {
     return std::make_unique<AzureOpenAIClient>(s.apiKey, s.endpoint,
                                                LLMClients::azureDeployments(e.sharedDefaults), e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Gemini& s) const {
+    return std::make_unique<GeminiClient>(s.apiKey, e);
   }
   std::unique_ptr<LLMClient> operator()(const Ollama& s) const {
     return std::make_unique<OllamaClient>(s.url, e);

@@ -6,6 +6,7 @@
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
 #include "lumora/platform/Debug.h"
+#include "lumora/providers/GeminiClient.h"
 #include "lumora/providers/LumoraCloudClient.h"
 #include "lumora/providers/OllamaClient.h"
 #include "lumora/platform/Redact.h"
@@ -123,7 +124,8 @@ ChunkStream OpenAIClient::streamChat(const std::string& model,
                                      std::stop_token stop) {
   debug::line({"[debug] streaming using", service_.description()});
   const bool claudeModel = model.starts_with("claude-");
-  if (model.starts_with("gemini") && service_.as<Gemini>()) notAvailable("Gemini");
+  if (const auto* s = service_.as<Gemini>(); s && model.starts_with("gemini"))
+    return GeminiClient(s->apiKey, environment_).streamChat(model, messages, temperature, stop);
   if (claudeModel && service_.as<Claude>()) notAvailable("Claude");
   if (claudeModel && service_.as<Cloud>()) notAvailable("Claude (through the cloud)");
   if (const auto* s = service_.as<Ollama>())

@@ -5,6 +5,8 @@
 
 #include "lumora/chat/Errors.h"
 #include "lumora/panel/MailExtensionView.h"
+#include "lumora/panel/PanelDescription.h"
+#include "lumora/models/ConversationModel.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
 #include "support/TempDir.h"
@@ -521,6 +523,144 @@ TEST_F(PanelTest, AnEditThroughTheStoreReachesOtherReaders) {
   ASSERT_TRUE(row);
   EXPECT_EQ(row->fields.systemPrompt, "Be brief and kind.");
   EXPECT_EQ(row->fields.model, "claude-3-haiku");
+}
+
+// What the panel shows in each state of a run, as a front-end reads it.
+TEST_F(PanelTest, TheDescriptionFollowsTheStatesOfARun) {
+  using Page = PanelDescription::Page;
+  using Op = PanelOperation;
+  const auto describe = [](const MailExtensionView& panel) {
+    return PanelDescription::describe(panel, false, Language::english);
+  };
+  const auto buttons = [](const PanelDescription& d) {
+    std::vector<std::pair<std::string, Op>> out;
+    for (const auto& b : d.buttons) out.emplace_back(b.label, b.operation);
+    return out;
+  };
+  auto panel = makePanel();
+  panel->panelDidAppear();
+
+  // Input.
+  PanelDescription d = describe(*panel);
+  EXPECT_EQ(d.page, Page::input);
+  EXPECT_EQ(d.header.leading, Op::none);
+  EXPECT_EQ(d.header.symbol, "wand.and.stars");
+  EXPECT_EQ(d.header.title, "Lumora");
+  EXPECT_FALSE(d.errorLine);
+  EXPECT_EQ(d.instruction, "You're my assistant, please reply this email");
+  EXPECT_EQ(d.generate.operation, Op::startGeneration);
+  EXPECT_TRUE(d.buttons.empty());
+
+  // Waiting: the result page with nothing in it yet, and Stop.
+  auto head = std::make_shared<Gate>();
+  auto body = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("So far")}, .headGate = head, .bodyGate = body});
+  panel->startGeneration();
+  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
+  d = describe(*panel);
+  EXPECT_EQ(d.page, Page::result);
+  EXPECT_EQ(d.header.leading, Op::leaveResult);
+  EXPECT_EQ(d.header.symbol, "chevron.left");
+  EXPECT_EQ(d.header.title, "Writing...");
+  EXPECT_TRUE(d.output.empty());
+  EXPECT_EQ(buttons(d), (std::vector<std::pair<std::string, Op>>{{"Copy", Op::copyOutput},
+                                                                 {"Stop", Op::stopGeneration}}));
+
+  // Streaming.
+  head->open();
+  executor_.runUntil([&] { return !panel->output().empty(); }, std::chrono::seconds(5));
+  d = describe(*panel);
+  EXPECT_EQ(d.output, "So far");
+  EXPECT_EQ(d.buttons.back().operation, Op::stopGeneration);
+
+  // Result: Regenerate, and the title back.
+  body->open();
+  settle(*panel);
+  d = describe(*panel);
+  EXPECT_EQ(d.page, Page::result);
+  EXPECT_EQ(d.header.title, "Lumora");
+  EXPECT_EQ(d.buttons.back().operation, Op::startGeneration);
+  EXPECT_EQ(d.buttons.back().label, "Regenerate");
+  const unsigned bounces = d.copyBounces;
+  panel->copyOutput();
+  EXPECT_EQ(describe(*panel).copyBounces, bounces + 1);
+
+  // Error with no text: back to the input page with the error above it.
+  panel->leaveResult();
+  transport_.enqueue(FakeAnswer{.status = 500, .pieces = {"oops"}});
+  panel->startGeneration();
+  settle(*panel);
+  d = describe(*panel);
+  EXPECT_EQ(d.page, Page::input);
+  EXPECT_EQ(d.errorLine, "Unexpected http code 500");
+
+  // Cancelled before the head: the mark is the reply, on the result page.
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
+  panel->startGeneration();
+  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
+  panel->stopGeneration();
+  settle(*panel);
+  d = describe(*panel);
+  EXPECT_EQ(d.page, Page::result);
+  EXPECT_EQ(d.output, "已取消");
+  EXPECT_EQ(d.buttons.back().label, "Regenerate");
+  EXPECT_EQ(d.errorLine, "Unexpected http code 500") << "an error stays for the panel's life";
+}
+
+TEST_F(PanelTest, ThePickersAndTheirWords) {
+  conversations_.list = {
+      std::make_shared<CDConversation>(
+          1, CDConversation::Fields{.id = "0f8fad5b-d9cb-469f-a165-70867728950e",
+                                    .title = "Replies",
+                                    .systemPrompt = "Be brief.",
+                                    .model = std::nullopt}),
+      std::make_shared<CDConversation>(2, CDConversation::Fields{.id = std::nullopt})};
+  own_.set("mailSelectedModel", "gpt-4o");
+  auto panel = makePanel();
+  panel->panelDidAppear();
+
+  PanelDescription d = PanelDescription::describe(*panel, false, Language::english);
+  std::vector<std::string> labels, values;
+  for (const auto& e : d.conversationPicker.entries) {
+    labels.push_back(e.divider ? "--" : e.label);
+    values.push_back(e.value);
+  }
+  EXPECT_EQ(labels, (std::vector<std::string>{"Prompt", "--", "Replies", "New Chat"}));
+  EXPECT_EQ(values, (std::vector<std::string>{"", "", kConversationId, ""}));
+  EXPECT_EQ(d.modelPicker.operation, PanelOperation::selectModel);
+  EXPECT_EQ(d.modelPicker.selection, "gpt-4o");
+  EXPECT_EQ(d.modelPicker.entries.size(), ConversationModel::allCases().size());
+
+  // A chosen conversation: its instruction, and its model picker with its missing model.
+  panel->setSelectedConversationId(kConversationId);
+  d = PanelDescription::describe(*panel, true, Language::simplifiedChinese);
+  EXPECT_EQ(d.instruction, "Be brief.");
+  EXPECT_EQ(d.conversationPicker.selection, kConversationId);
+  EXPECT_EQ(d.modelPicker.operation, PanelOperation::setConversationModel);
+  EXPECT_EQ(d.modelPicker.selection, "");
+  ASSERT_EQ(d.modelPicker.entries.size(), ConversationModel::regionModels().size());
+  EXPECT_EQ(d.modelPicker.entries.front().value,
+            ConversationModel::regionModels().front().rawValue());
+  // The fixed words translated; titles and names as they are.
+  EXPECT_EQ(d.header.title, "Lumora");
+  EXPECT_EQ(d.generate.label, "生成");
+  EXPECT_EQ(d.conversationPicker.entries[0].label, "提示词");
+  EXPECT_EQ(d.conversationPicker.entries[3].label, "新对话");
+  EXPECT_EQ(d.conversationPicker.entries[2].label, "Replies");
+}
+
+TEST(Localization, TheLocaleDecidesTheLanguage) {
+  const std::pair<const char*, Language> cases[] = {
+      {"zh_CN.UTF-8", Language::simplifiedChinese}, {"zh", Language::simplifiedChinese},
+      {"zh_SG", Language::simplifiedChinese},       {"zh-Hans", Language::simplifiedChinese},
+      {"zh_TW.UTF-8", Language::english},           {"zh_HK", Language::english},
+      {"zh-Hant", Language::english},               {"en_US.UTF-8", Language::english},
+      {"C", Language::english},                     {"", Language::english},
+  };
+  for (const auto& [locale, language] : cases) EXPECT_EQ(languageOf(locale), language) << locale;
+  EXPECT_EQ(localized("Stop", Language::simplifiedChinese), "停止");
+  EXPECT_EQ(localized("Not in the table", Language::simplifiedChinese), "Not in the table");
 }
 
 }  // namespace

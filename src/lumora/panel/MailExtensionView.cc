@@ -207,6 +207,7 @@ void MailExtensionView::copyOutput() {
   deps_.pasteboard.clearContents();
   deps_.pasteboard.setString(output_.str());
   copyAnimating_ = !copyAnimating_;
+  ++copyBounces_;
   changed();
 }
 

@@ -84,6 +84,8 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
     return conversations_;
   }
   bool copyAnimating() const { return copyAnimating_; }
+  // How many times Copy was used: each use flips copyAnimating and adds one here.
+  unsigned copyBounces() const { return copyBounces_; }
   // True once the latest run has ended, whichever way: its last change has been made.
   bool latestRunEnded() const;
 
@@ -141,6 +143,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   std::string errorMessage_;
   std::vector<std::shared_ptr<CDConversation>> conversations_;
   bool copyAnimating_ = false;
+  unsigned copyBounces_ = 0;
   std::function<void()> observer_;
   std::vector<std::shared_ptr<Task>> tasks_;  // every run whose worker may still be going
   bool appeared_ = false;

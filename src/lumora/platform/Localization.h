@@ -1,5 +1,5 @@
 // The user's texts are keys into a table of translations; the English text is both the key and
-// the fallback.
+// the fallback. Lumora ships English and Simplified Chinese.
 #pragma once
 
 #include <string>
@@ -7,8 +7,20 @@
 
 namespace lumora {
 
+// The translation languages Lumora has, by the locale that asks for them.
+enum class Language { english, simplifiedChinese };
+
+// The language of the process's locale: LANGUAGE's first entry, else LC_ALL, LC_MESSAGES,
+// LANG. Chinese counts as Simplified unless it names Taiwan, Hong Kong, Macau or the
+// traditional script. Read once.
+Language userLanguage();
+
+// The language a locale name asks for ("zh_CN.UTF-8" -> simplifiedChinese).
+Language languageOf(std::string_view locale);
+
 // The text for `english` in the user's language; `english` itself when there is no
 // translation.
 std::string localized(std::string_view english);
+std::string localized(std::string_view english, Language language);
 
 }  // namespace lumora

@@ -56,6 +56,16 @@ class PanelTest : public ::testing::Test {
         executor_.runUntil([&] { return panel.latestRunEnded(); }, std::chrono::seconds(5)));
   }
 
+  // A run stopped while it waits for the response head, run to its end.
+  void stopBeforeTheHead(MailExtensionView& panel) {
+    auto gate = std::make_shared<Gate>();
+    transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
+    panel.startGeneration();
+    executor_.runUntil([&] { return panel.generating(); }, std::chrono::seconds(5));
+    panel.stopGeneration();
+    settle(panel);
+  }
+
   nlohmann::json lastBody() const {
     auto requests = transport_.requests();
     return requests.empty() ? nlohmann::json() : nlohmann::json::parse(requests.back().body);
@@ -326,12 +336,7 @@ TEST_F(PanelTest, StopMidStreamKeepsTheTextWithoutTheCancellationMark) {
 
 TEST_F(PanelTest, StopBeforeTheResponseHeadAppendsTheCancellationMark) {
   auto panel = makePanel();
-  auto gate = std::make_shared<Gate>();
-  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
-  panel->startGeneration();
-  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
-  panel->stopGeneration();
-  settle(*panel);
+  stopBeforeTheHead(*panel);
   EXPECT_EQ(panel->output().str(), "已取消");
   EXPECT_TRUE(panel->showsResult());
   EXPECT_EQ(panel->errorMessage(), "");
@@ -595,12 +600,7 @@ TEST_F(PanelTest, TheDescriptionFollowsTheStatesOfARun) {
   EXPECT_EQ(d.errorLine, "Unexpected http code 500");
 
   // Cancelled before the head: the mark is the reply, on the result page.
-  auto gate = std::make_shared<Gate>();
-  transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
-  panel->startGeneration();
-  executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
-  panel->stopGeneration();
-  settle(*panel);
+  stopBeforeTheHead(*panel);
   d = describe(*panel);
   EXPECT_EQ(d.page, Page::result);
   EXPECT_EQ(d.output, "已取消");

@@ -1,5 +1,5 @@
-// What the provider clients' tests share: a client environment over an in-memory transport,
-// and the outcome of a stream as the user sees it.
+// What the provider clients' tests share: a client over an in-memory transport, and what a
+// stream came to as the user sees it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,66 +7,40 @@
 #include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <string>
 #include <vector>
 
-#include "lumora/chat/ChunkStream.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
-#include "support/ScriptedServer.h"
 #include "support/TempDir.h"
 
 namespace lumora::testing {
 
-// What a stream came to: how many chunks, the last chunk's text, every finish reason, and the
-// failure's text for the user (empty when the stream ended normally).
+// The number of chunks, the last text, every finish reason, and the failure's text for the
+// user (empty when the stream ended).
 struct StreamOutcome {
   size_t chunks = 0;
   std::string completed;
   std::vector<std::string> finishReasons;
   std::string failure;
   bool operator==(const StreamOutcome&) const = default;
+
+  void take(const StreamChunk& chunk) {
+    ++chunks;
+    completed = chunk.completed.str();
+    if (chunk.finishReason) finishReasons.push_back(*chunk.finishReason);
+  }
 };
 
-inline void PrintTo(const StreamOutcome& o, std::ostream* os) {
-  *os << "{chunks " << o.chunks << ", completed \"" << o.completed << "\", finish [";
-  for (const std::string& r : o.finishReasons) *os << r << ";";
-  *os << "], failure \"" << o.failure << "\"}";
-}
-
-// Starts a stream with `start` and takes every chunk; a failure of the call or of the stream
-// ends up in `failure`. Every chunk must carry `model` and count only as a whole text.
-inline StreamOutcome drain(const std::function<ChunkStream()>& start, const std::string& model) {
-  StreamOutcome out;
-  try {
-    ChunkStream stream = start();
-    while (auto chunk = stream.next()) {
-      ++out.chunks;
-      out.completed = chunk->completed.str();
-      if (chunk->finishReason) out.finishReasons.push_back(*chunk->finishReason);
-      EXPECT_EQ(chunk->model.view(), model);
-    }
-  } catch (const std::exception& e) {
-    out.failure = describeFailure(e);
-  }
-  return out;
-}
-
-// The same for lines handed straight to a client's reader.
+// `lines` straight through a client's reader.
 inline StreamOutcome readLines(LineReader& reader, const std::vector<std::string>& lines) {
   StreamOutcome out;
   try {
-    for (const std::string& line : lines) {
-      if (auto chunk = reader.line(line)) {
-        ++out.chunks;
-        out.completed = chunk->completed.str();
-        if (chunk->finishReason) out.finishReasons.push_back(*chunk->finishReason);
-      }
-    }
+    for (const std::string& line : lines)
+      if (auto chunk = reader.line(line)) out.take(*chunk);
     reader.end();
   } catch (const std::exception& e) {
     out.failure = describeFailure(e);
@@ -82,7 +56,7 @@ inline std::vector<std::string> pieces(const std::string& body, size_t size) {
   return out;
 }
 
-// Keeps every debug line written while it lives, from any thread.
+// Keeps the debug lines written while it lives, from any thread.
 class DebugCapture {
  public:
   DebugCapture() {
@@ -102,60 +76,7 @@ class DebugCapture {
   std::vector<std::string> lines_;
 };
 
-// A stop before the response head fails the call with the cancellation's text; a stop of the
-// consumer while the body stays open, after the chunk of `firstPiece`, ends its iteration at
-// once. `start` makes the client's call.
-inline void expectCancellation(FakeTransport& transport,
-                               const std::function<ChunkStream(std::stop_token)>& start,
-                               const std::string& firstPiece, const std::string& firstText) {
-  std::stop_source before;
-  before.request_stop();
-  try {
-    start(before.get_token());
-    ADD_FAILURE() << "no failure";
-  } catch (const std::exception& e) {
-    EXPECT_EQ(describeFailure(e), "The operation was cancelled.");
-  }
-
-  transport.enqueue(FakeAnswer{.pieces = {firstPiece}, .bodyGate = std::make_shared<Gate>()});
-  ChunkStream stream = start({});
-  const auto first = stream.next();
-  ASSERT_TRUE(first.has_value());
-  EXPECT_EQ(first->completed.str(), firstText);
-  std::stop_source consumer;
-  consumer.request_stop();
-  EXPECT_FALSE(stream.next(consumer.get_token()).has_value());
-}
-
-struct WireExchange {
-  StreamOutcome outcome;
-  RecordedRequest request;  // the one request, as the server received it
-};
-
-// One call over a real socket: the variable `endpointVariable` points the client's endpoint at
-// a loopback server that answers with `response`. `start` makes the call in the environment it
-// is given.
-inline WireExchange overTheWire(const char* endpointVariable, Response response,
-                                const std::function<ChunkStream(const ChatEnvironment&)>& start,
-                                const std::string& model) {
-  for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) unsetenv(name);
-  ScriptedServer server;
-  setenv(endpointVariable, server.baseUrl().c_str(), 1);
-  server.enqueue(std::move(response));
-  TempDir dir;
-  DefaultsStore shared(dir.path() / "shared.json");
-  const ChatEnvironment env{shared, defaultTransport()};
-  WireExchange out;
-  out.outcome = drain([&] { return start(env); }, model);
-  unsetenv(endpointVariable);
-  const auto requests = server.requests();
-  EXPECT_EQ(requests.size(), 1u);
-  if (!requests.empty()) out.request = requests.front();
-  return out;
-}
-
-// A client environment over a FakeTransport, with the built-in endpoints. Subclasses make
-// their client for `model`.
+// A client of type Client over a FakeTransport, with the built-in endpoints.
 template <typename Client>
 class ProviderTest : public ::testing::Test {
  protected:
@@ -167,12 +88,21 @@ class ProviderTest : public ::testing::Test {
 
   virtual Client client() = 0;
 
-  // The stream of a call whose answer the transport already holds (a bare 200 when it holds
-  // none), or that fails before anything is sent.
+  // A call whose answer the transport already holds (a bare 200 when it holds none). Every
+  // chunk carries the requested model.
   StreamOutcome start(const std::vector<ChatMessage>& messages = {{"user", "Hi", {}}},
                       double temperature = 1.0, std::stop_token stop = {}) {
-    Client c = client();
-    return drain([&] { return c.streamChat(model_, messages, temperature, stop); }, model_);
+    StreamOutcome out;
+    try {
+      ChunkStream stream = client().streamChat(model_, messages, temperature, stop);
+      while (auto chunk = stream.next()) {
+        out.take(*chunk);
+        EXPECT_EQ(chunk->model.view(), model_);
+      }
+    } catch (const std::exception& e) {
+      out.failure = describeFailure(e);
+    }
+    return out;
   }
   StreamOutcome run(FakeAnswer answer,
                     const std::vector<ChatMessage>& messages = {{"user", "Hi", {}}},
@@ -181,9 +111,24 @@ class ProviderTest : public ::testing::Test {
     return start(messages, temperature);
   }
 
-  // The request body the client builds.
   nlohmann::json body(const std::vector<ChatMessage>& messages, double temperature = 1.0) {
     return nlohmann::json::parse(client().chatRequest(model_, messages, temperature).body);
+  }
+
+  // A stop before the head fails the call; a consumer's stop while the body stays open, after
+  // the chunk of `firstPiece`, ends its iteration at once.
+  void expectCancellation(const std::string& firstPiece, const std::string& firstText) {
+    std::stop_source stopped;
+    stopped.request_stop();
+    EXPECT_EQ(start({{"user", "u", {}}}, 1, stopped.get_token()).failure,
+              "The operation was cancelled.");
+
+    transport_.enqueue(FakeAnswer{.pieces = {firstPiece}, .bodyGate = std::make_shared<Gate>()});
+    ChunkStream stream = client().streamChat(model_, {{"user", "u", {}}}, 1, {});
+    const auto first = stream.next();
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(first->completed.str(), firstText);
+    EXPECT_FALSE(stream.next(stopped.get_token()).has_value());
   }
 
   std::string model_;

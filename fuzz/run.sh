@@ -11,8 +11,8 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
-  targets=(line_rules error_body mime_header mime_parse mime_quoted_printable mime_base64
-    mime_charset html_tokenizer html_tree mail_parser store_files)
+  targets=(line_rules claude_lines reka_lines error_body mime_header mime_parse mime_quoted_printable
+    mime_base64 mime_charset html_tokenizer html_tree mail_parser store_files)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
@@ -20,6 +20,7 @@ for t in "${targets[@]}"; do
   seeds=("fuzz/corpus/$t")
   case "$t" in
     line_rules) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
+    claude_lines) seeds+=(../shared/fixtures/providers/anthropic) ;;
     error_body) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
     mime_header | mime_parse)
       seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime

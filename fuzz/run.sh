@@ -11,9 +11,9 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMORA_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined"
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
-  targets=(line_rules generative_language ollama_lines cloud_lines error_body mime_header
-    mime_parse mime_quoted_printable mime_base64 mime_charset html_tokenizer html_tree
-    mail_parser store_files)
+  targets=(line_rules claude_lines generative_language ollama_lines reka_lines cloud_lines
+    error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset
+    html_tokenizer html_tree mail_parser store_files)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 for t in "${targets[@]}"; do
   work="build-fuzz/corpus/$t"
@@ -22,6 +22,7 @@ for t in "${targets[@]}"; do
   case "$t" in
     line_rules) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
     generative_language) seeds+=(../shared/fixtures/providers/gemini) ;;
+    claude_lines) seeds+=(../shared/fixtures/providers/anthropic) ;;
     error_body) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
     mime_header | mime_parse)
       seeds+=(../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime

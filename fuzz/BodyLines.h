@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string_view>
 
+#include "lumora/chat/Errors.h"
 #include "lumora/chat/ResponseLines.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/LineSplitter.h"
@@ -32,6 +35,27 @@ void readBody(const uint8_t* data, size_t size, LineReader& reader, OnChunk&& on
   splitter.feed(body.substr(at), onLine);
   splitter.finish(onLine);
   reader.end();
+}
+
+// readBody over a new reader from `make`, for a reader whose failures are all typed: a failure
+// of the stream is the expected outcome of a bad body; anything else (a crash, a sanitizer
+// report, another exception, a reply that shrinks) is a bug. `growing`: the reply only ever
+// grows (false for a reader whose records replace it).
+inline void feedLines(const uint8_t* data, size_t size,
+                      const std::function<std::unique_ptr<LineReader>()>& make,
+                      bool growing = true) {
+  const std::unique_ptr<LineReader> reader = make();
+  size_t lastSize = 0;
+  try {
+    readBody(data, size, *reader, [&](const StreamChunk& chunk) {
+      if (growing && chunk.completed.size() < lastSize) __builtin_trap();
+      lastSize = chunk.completed.size();
+    });
+  } catch (const OpenAIError&) {
+  } catch (const AppError&) {
+  } catch (const DecodingError&) {
+  } catch (const TransportError&) {
+  }
 }
 
 }  // namespace lumora::fuzz

@@ -305,6 +305,8 @@ TEST_F(OpenAIClientTest, ServicesWithClientsOfTheirOwnAreHandedOver) {
       {Ollama{"http://localhost:11434"}, "llama3", "http://localhost:11434/api/chat"},
       {Cloud{"cloud-token-0001"}, "gpt-4o", endpointBase(FixedEndpoint::cloud) + "/1/chat"},
       {Claude{"claude-key-0001"}, "gpt-4o", openai},
+      {Claude{"claude-key-0001"}, "claude-3-haiku", endpointBase(FixedEndpoint::claude) + "/v1/messages"},
+      {Cloud{"cloud-token-0001"}, "claude-3-haiku", endpointBase(FixedEndpoint::claude) + "/v1/messages"},
       {Gemini{"gemini-key-0001"}, "gpt-4o", openai},
       {Gemini{"gemini-key-0001"}, "gemini-pro",
        endpointBase(FixedEndpoint::gemini) +

@@ -65,13 +65,14 @@ HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeade
 
 ChunkStream sendChatRequest(const ChatEnvironment& environment, const HttpRequest& request,
                             std::string_view model, double temperature,
-                            std::unique_ptr<LineReader> reader, std::stop_token stop) {
+                            std::unique_ptr<LineReader> reader, std::stop_token stop,
+                            std::string_view errorTag) {
   debug::line({"[debug] request model:", model, "temperature",
                formatDouble(clampTemperature(temperature)), request.url});
   std::unique_ptr<HttpResponse> response = sendRequest(environment, request, stop);
   if (response->status() != 200) {
     const std::string joined = readJoinedLines(*response, stop);
-    debug::line({"[debug][api error]", joined});
+    debug::line({errorTag, joined});
     checkErrorBody(joined, response->status());
     throw OpenAIError::httpError(response->status());  // not reached: the status is not 200
   }

@@ -44,13 +44,16 @@ HttpRequest makeChatRequest(const std::string& url, const HttpHeaders& authHeade
 // default is too small for a reply, and none for every other model.
 std::optional<int> visionMaxTokens(std::string_view model);
 
-// Sends a chat request built by makeChatRequest and waits for the response head. Status 200
-// gives the stream of chunks, its lines read by `reader` (no byte of the body read yet).
-// Anything else reads the body and throws an OpenAIError made from it. Network failures throw
-// TransportError; a stop before the head throws CancellationError.
+// Sends a chat request and waits for the response head, after the debug line with the model,
+// the temperature as the OpenAI family clamps it, and the URL. Status 200 gives the stream of
+// chunks, its lines read by `reader` (no byte of the body read yet). Anything else reads the
+// body, prints `errorTag` with its lines joined, and throws the OpenAIError checkErrorBody
+// makes of it. Network failures throw TransportError; a stop before the head throws
+// CancellationError.
 ChunkStream sendChatRequest(const ChatEnvironment& environment, const HttpRequest& request,
                             std::string_view model, double temperature,
-                            std::unique_ptr<LineReader> reader, std::stop_token stop);
+                            std::unique_ptr<LineReader> reader, std::stop_token stop,
+                            std::string_view errorTag = "[debug][api error]");
 
 // Turns the lines of one stream into chunks. Holds the stream's decoder and the running text.
 // Not thread-safe: one per stream, used by its reader.

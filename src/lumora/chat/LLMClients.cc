@@ -12,11 +12,13 @@
 #include "lumora/platform/Text.h"
 #include "lumora/providers/AzureOpenAIClient.h"
 #include "lumora/providers/BearerServiceClients.h"
+#include "lumora/providers/ClaudeClient.h"
 #include "lumora/providers/GeminiClient.h"
 #include "lumora/providers/GroqClient.h"
 #include "lumora/providers/LumoraCloudClient.h"
 #include "lumora/providers/OllamaClient.h"
 #include "lumora/providers/OpenAICompatibleClient.h"
+#include "lumora/providers/RekaClient.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace lumora {
@@ -60,14 +62,6 @@ bool startsWithAny(std::string_view model, std::initializer_list<std::string_vie
   return false;
 }
 
-constexpr std::string_view kGroqModels[] = {"mixtral-8x7b-32768", "gemma-7b-it", "llama3-8b-8192",
-                                            "llama3-70b-8192"};
-
-bool isGroqModel(std::string_view model) {
-  for (std::string_view m : kGroqModels)
-    if (model == m) return true;
-  return false;
-}
 
 // client(for:): each service with the client of its provider.
 struct ClientMaker {
@@ -79,6 +73,12 @@ struct ClientMaker {
   std::unique_ptr<LLMClient> operator()(const Azure& s) const {
     return std::make_unique<AzureOpenAIClient>(s.apiKey, s.endpoint,
                                                LLMClients::azureDeployments(e.sharedDefaults), e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Claude& s) const {
+    return std::make_unique<ClaudeClient>(s.apiKey, false, e);
+  }
+  std::unique_ptr<LLMClient> operator()(const Reka& s) const {
+    return std::make_unique<RekaClient>(s.apiKey, e);
   }
   std::unique_ptr<LLMClient> operator()(const Gemini& s) const {
     return std::make_unique<GeminiClient>(s.apiKey, e);
@@ -183,45 +183,8 @@ std::vector<AzureDeployment> LLMClients::azureDeployments(DefaultsStore& setting
 
 bool LLMClients::supportsModel(const Service& service, std::string_view model,
                                const ChatEnvironment& environment) {
-  switch (service.value().index()) {
-    case 0:  // openai
-    case 1:  // customDomain
-    case 2:  // team
-      return OpenAIClient::isOpenAIModel(model);
-    case 3:  // cloud: any catalogue model
-      return isCatalogueModel(model);
-    case 4: {  // azure: a catalogue model with a deployment, named with its dots left out
-      if (!isCatalogueModel(model)) return false;
-      std::string undotted(model);
-      std::erase(undotted, '.');
-      for (const AzureDeployment& d : azureDeployments(environment.sharedDefaults))
-        if (d.deploymentId == undotted || d.model == undotted) return true;
-      return false;
-    }
-    case 5:
-      return model.starts_with("claude");
-    case 6:
-      return model.starts_with("gemini");
-    case 7:   // ollama
-    case 11:  // mistral
-      return false;
-    case 8:
-      return isGroqModel(model);
-    case 9:
-      return model.starts_with("moonshot");
-    case 10:
-      return startsWithAny(model, {"gpt", "gemini", "claude"});
-    case 12: {
-      const auto& compatible = *service.as<OpenAICompatible>();
-      if (compatible.models.empty()) return model.starts_with("gpt");
-      for (const std::string& m : compatible.models)
-        if (m == model) return true;
-      return false;
-    }
-    case 13:
-      return model.starts_with("reka");
-  }
-  return false;
+  // Made for the question and dropped at once: constructors only store their fields.
+  return client(service, environment)->supportsModel(model);
 }
 
 LLMClients::RouteDecision LLMClients::route(std::string_view model,
@@ -244,7 +207,7 @@ LLMClients::RouteDecision LLMClients::route(std::string_view model,
   if (!found && model.starts_with("reka")) found = scanned(6, {"reka"});
   if (!found && startsWithAny(model, {"mistral", "open_mistral", "open_mixtral"}))
     found = scanned(7, {"mistral"});
-  if (!found && isGroqModel(model)) found = scanned(8, {"groq"});
+  if (!found && GroqClient::isModel(model)) found = scanned(8, {"groq"});
   if (!found) {
     for (const Service& s : services) {
       if (supportsModel(s, model, environment)) {

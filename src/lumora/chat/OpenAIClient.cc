@@ -6,6 +6,7 @@
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
 #include "lumora/platform/Debug.h"
+#include "lumora/providers/ClaudeClient.h"
 #include "lumora/providers/GeminiClient.h"
 #include "lumora/providers/LumoraCloudClient.h"
 #include "lumora/providers/OllamaClient.h"
@@ -21,12 +22,6 @@ std::string withoutCharacter(std::string_view s, char drop) {
   for (char c : s)
     if (c != drop) out += c;
   return out;
-}
-
-// Unsupported until their own clients exist in this build.
-[[noreturn]] void notAvailable(std::string_view service) {
-  throw AppError::unknown("The " + std::string(service) +
-                          " service is not supported by this version of Lumora yet.");
 }
 
 }  // namespace
@@ -126,8 +121,11 @@ ChunkStream OpenAIClient::streamChat(const std::string& model,
   const bool claudeModel = model.starts_with("claude-");
   if (const auto* s = service_.as<Gemini>(); s && model.starts_with("gemini"))
     return GeminiClient(s->apiKey, environment_).streamChat(model, messages, temperature, stop);
-  if (claudeModel && service_.as<Claude>()) notAvailable("Claude");
-  if (claudeModel && service_.as<Cloud>()) notAvailable("Claude (through the cloud)");
+  if (const auto* s = service_.as<Claude>(); s && claudeModel)
+    return ClaudeClient(s->apiKey, false, environment_).streamChat(model, messages, temperature, stop);
+  // The hosted cloud's token goes to the Claude endpoint, as the cloud route for Claude models.
+  if (const auto* s = service_.as<Cloud>(); s && claudeModel)
+    return ClaudeClient(s->token, true, environment_).streamChat(model, messages, temperature, stop);
   if (const auto* s = service_.as<Ollama>())
     return OllamaClient(s->url, environment_).streamChat(model, messages, temperature, stop);
   if (const auto* s = service_.as<Cloud>())

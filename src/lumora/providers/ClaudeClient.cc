@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "lumora/chat/Endpoints.h"
+#include "lumora/chat/ChatRequest.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/JsonRecord.h"
 #include "lumora/chat/ReplyText.h"
@@ -193,8 +194,7 @@ ChunkStream ClaudeClient::streamChat(const std::string& model,
                                      const std::vector<ChatMessage>& messages, double temperature,
                                      std::stop_token stop) {
   const HttpRequest request = chatRequest(model, messages, temperature);
-  return providers::streamResponse(environment_, request, model, temperature, "result",
-                                   lineReader(model), stop);
+  return sendChatRequest(environment_, request, model, temperature, lineReader(model), stop, "result");
 }
 
 std::unique_ptr<LineReader> ClaudeClient::lineReader(std::string model) {

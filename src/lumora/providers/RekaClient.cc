@@ -40,7 +40,7 @@ class RekaLines final : public LineReader {
     if (line.ends_with("[DONE]") || line.ends_with("event: message")) return std::nullopt;
     if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
 
-    if (!parser_.parse(line)) providers::failNotJSON(line);
+    if (!parser_.parse(line)) json::failNotJson(line);
     if (auto error = providers::errorRecord(parser_, line))
       throw OpenAIError::apiError(std::move(*error));
     const RekaClient::RekaResponse record = readResponse(parser_.root());
@@ -130,8 +130,7 @@ ChunkStream RekaClient::streamChat(const std::string& model,
                                    const std::vector<ChatMessage>& messages, double temperature,
                                    std::stop_token stop) {
   const HttpRequest request = chatRequest(model, messages, temperature);
-  return providers::streamResponse(environment_, request, model, temperature, "[debug][api error]",
-                                   lineReader(model), stop);
+  return sendChatRequest(environment_, request, model, temperature, lineReader(model), stop);
 }
 
 std::unique_ptr<LineReader> RekaClient::lineReader(std::string model) {

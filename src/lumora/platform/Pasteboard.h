@@ -1,4 +1,5 @@
-// The general pasteboard: where Copy puts the reply.
+// The general pasteboard: where Copy puts the reply. SystemPasteboard (SystemPasteboard.h) is
+// the user's clipboard.
 #pragma once
 
 #include <string>

@@ -26,5 +26,6 @@ int checkRecipientsCommand(const Args& args);
 int headersCommand(const Args& args);
 int colourCommand(const Args& args);
 int sendmailCommand(const Args& args);
+int integrateCommand(const Args& args);
 
 }  // namespace lumora::cli

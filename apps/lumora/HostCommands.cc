@@ -1,11 +1,5 @@
 // The mail host's rules as commands a mail client calls: `check-recipients`, `headers`,
 // `colour`, and `sendmail`, a drop-in wrapper around the real sendmail.
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,9 +10,8 @@
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/panel/SessionHandlers.h"
+#include "lumora/platform/Subprocess.h"
 #include "lumora/platform/Text.h"
-
-extern char** environ;
 
 namespace lumora::cli {
 namespace {
@@ -159,44 +152,6 @@ std::vector<std::string> recipients(const Args& args, const std::string& message
   return out;
 }
 
-// Runs `program` with `args`, `input` on its standard input; returns its exit status.
-int runWithInput(const std::string& program, const Args& args, const std::string& input) {
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return -1;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[0], STDIN_FILENO);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[1]);
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipeFds[0]);
-  if (rc != 0) {
-    close(pipeFds[1]);
-    errno = rc;
-    return -1;
-  }
-  // A sendmail that stops reading early must not kill this process.
-  std::signal(SIGPIPE, SIG_IGN);
-  for (size_t done = 0; done < input.size();) {
-    const ssize_t n = write(pipeFds[1], input.data() + done, input.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
-  close(pipeFds[1]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
-}
-
 }  // namespace
 
 int checkRecipientsCommand(const Args& args) {
@@ -250,12 +205,14 @@ int sendmailCommand(const Args& args) {
   const char* configured = std::getenv("LUMORA_SENDMAIL");
   const std::string program =
       configured && *configured ? configured : "/usr/sbin/sendmail";
-  const int status = runWithInput(program, args, withExtraHeader(*message));
-  if (status < 0) {
-    std::fprintf(stderr, "lumora: cannot run %s: %s\n", program.c_str(), std::strerror(errno));
-    return kExitUnavailable;
-  }
-  return status;
+  Args argv{program};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const subprocess::RunResult run = subprocess::runWithInput(argv, withExtraHeader(*message));
+  if (run.end == subprocess::RunResult::End::exited) return run.code;
+  if (run.end == subprocess::RunResult::End::signalled) return 128 + run.code;
+  // Without a time limit the only other end is a failed start.
+  std::fprintf(stderr, "lumora: cannot run %s: %s\n", program.c_str(), std::strerror(run.code));
+  return kExitUnavailable;
 }
 
 }  // namespace lumora::cli

@@ -30,6 +30,8 @@ constexpr Command kCommands[] = {
     {"colour", "print the colour of a message by its subject", lumora::cli::colourCommand},
     {"sendmail", "send a message through the real sendmail, with the rules applied",
      lumora::cli::sendmailCommand},
+    {"integrate", "print the configuration lines for neomutt or aerc",
+     lumora::cli::integrateCommand},
 };
 
 void usage(FILE* out) {

@@ -114,6 +114,7 @@ std::vector<FieldRow> everyField(UserSettings& s) {
       row(s.mailSelectedModel, "mailSelectedModel", O, "", "gpt-4"),
       row(s.mailSelectedConversationId, "mailSelectedConversationId", O, "",
           "6F9619FF-8B86-D011-B42D-00C04FC964FF"),
+      row(s.clipboardCommand, "clipboardCommand", O, "", "xclip -selection clipboard"),
   };
 }
 

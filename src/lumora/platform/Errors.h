@@ -53,4 +53,11 @@ class FileError : public Error {
   using Error::Error;
 };
 
+// Copy found no way to reach the user's clipboard. The text names what was tried and what to
+// install or set.
+class PasteboardError : public Error {
+ public:
+  using Error::Error;
+};
+
 }  // namespace lumora

@@ -90,6 +90,8 @@ constexpr SettingKey kKeys[] = {
     plain("mailDefaultPrompt", kOwn, kString, "You're my assistant, please reply this email"),
     plain("mailSelectedModel", kOwn, kString, ""),
     plain("mailSelectedConversationId", kOwn, kString, ""),
+    // Copy's own way to the clipboard: a shell command that takes the text on standard input.
+    plain("clipboardCommand", kOwn, kString, ""),
 };
 
 bool isStringList(const json& value) {

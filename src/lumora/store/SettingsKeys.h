@@ -45,7 +45,7 @@ struct SettingKey {
 };
 
 // Every key: the fields of UserSettings in their order, then the keys that their readers read
-// directly ("azureModels" and the panel's three "mail..." keys).
+// directly ("azureModels", the panel's three "mail..." keys and Copy's "clipboardCommand").
 std::span<const SettingKey> settingKeys();
 
 // The entry of `key` (exact, case-sensitive), or null.

@@ -200,6 +200,7 @@ class UserSettings : private detail::SettingBinder {
   StringSetting mailDefaultPrompt{bind("mailDefaultPrompt")};
   StringSetting mailSelectedModel{bind("mailSelectedModel")};
   StringSetting mailSelectedConversationId{bind("mailSelectedConversationId")};
+  StringSetting clipboardCommand{bind("clipboardCommand")};
 };
 
 }  // namespace lumora

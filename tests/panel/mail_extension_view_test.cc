@@ -29,14 +29,15 @@ class PanelTest : public ::testing::Test {
 
   std::shared_ptr<MailExtensionView> makePanel(std::optional<std::string> raw = std::nullopt,
                                                bool withMessage = false,
-                                               ConversationSource* conversations = nullptr) {
+                                               ConversationSource* conversations = nullptr,
+                                               Pasteboard* pasteboard = nullptr) {
     session_ = withMessage ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
     MailExtensionView::Dependencies deps{
         .executor = executor_,
         .session = session_,
         .ownDefaults = own_,
         .environment = ChatEnvironment{shared_, transport_},
-        .pasteboard = pasteboard_,
+        .pasteboard = pasteboard ? *pasteboard : pasteboard_,
         .conversations = conversations ? *conversations : conversations_,
         .defaultModel = [] { return std::string("gpt-3.5-turbo"); },
         .quotedTexts =
@@ -661,6 +662,20 @@ TEST(Localization, TheLocaleDecidesTheLanguage) {
   for (const auto& [locale, language] : cases) EXPECT_EQ(languageOf(locale), language) << locale;
   EXPECT_EQ(localized("Stop", Language::simplifiedChinese), "停止");
   EXPECT_EQ(localized("Not in the table", Language::simplifiedChinese), "Not in the table");
+}
+
+TEST_F(PanelTest, ACopyThatNoClipboardTakesSaysWhy) {
+  class Refusing final : public Pasteboard {
+   public:
+    void clearContents() override {}
+    void setString(const std::string&) override {
+      throw PasteboardError("No clipboard took the text: install wl-clipboard or xclip.");
+    }
+  } refusing;
+  auto panel = makePanel(std::nullopt, false, nullptr, &refusing);
+  panel->copyOutput();
+  EXPECT_EQ(panel->errorMessage(), "No clipboard took the text: install wl-clipboard or xclip.");
+  EXPECT_FALSE(panel->copyAnimating());
 }
 
 }  // namespace

@@ -204,8 +204,16 @@ void MailExtensionView::leaveResult() {
 }
 
 void MailExtensionView::copyOutput() {
-  deps_.pasteboard.clearContents();
-  deps_.pasteboard.setString(output_.str());
+  try {
+    deps_.pasteboard.clearContents();
+    deps_.pasteboard.setString(output_.str());
+  } catch (const PasteboardError& e) {
+    // No clipboard could take the text: the user reads why above the panel, and nothing
+    // bounces, as nothing was copied.
+    errorMessage_ = describeFailure(e);
+    changed();
+    return;
+  }
   copyAnimating_ = !copyAnimating_;
   ++copyBounces_;
   changed();

@@ -35,7 +35,7 @@
 #include "lumora/chat/Service.h"
 #include "lumora/panel/ComposeSession.h"
 #include "lumora/panel/Conversations.h"
-#include "lumora/panel/Pasteboard.h"
+#include "lumora/platform/Pasteboard.h"
 #include "lumora/platform/Executor.h"
 
 namespace lumora {
@@ -115,6 +115,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void startGeneration();
   void stopGeneration();
   void leaveResult();
+  // Copy. When no clipboard takes the text, errorMessage says why and copyAnimating stays.
   void copyOutput();
 
   // Called on the executor after every change of state.

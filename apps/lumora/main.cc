@@ -1,4 +1,5 @@
 // `lumora`: dispatches to its subcommands.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,7 +42,9 @@ void usage(FILE* out) {
                "Lumora writes replies to e-mail with the language model of your choice.\n"
                "\n"
                "Commands:\n");
-  for (const Command& c : kCommands) std::fprintf(out, "  %-14s %s\n", c.name, c.help);
+  int width = 0;
+  for (const Command& c : kCommands) width = std::max(width, static_cast<int>(std::strlen(c.name)));
+  for (const Command& c : kCommands) std::fprintf(out, "  %-*s  %s\n", width, c.name, c.help);
   std::fprintf(out,
                "\n"
                "Run 'lumora COMMAND --help' for a command's options.\n"

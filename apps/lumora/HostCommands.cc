@@ -1,11 +1,6 @@
 // The mail host's rules as commands a mail client calls: `check-recipients`, `headers`,
 // `colour`, and `sendmail`, a drop-in wrapper around the real sendmail.
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,8 +12,6 @@
 #include "Support.h"
 #include "lumora/panel/SessionHandlers.h"
 #include "lumora/platform/Text.h"
-
-extern char** environ;
 
 namespace lumora::cli {
 namespace {
@@ -157,44 +150,6 @@ std::vector<std::string> recipients(const Args& args, const std::string& message
       for (const std::string& value : headerFields(message, field)) splitAddresses(value, out);
   }
   return out;
-}
-
-// Runs `program` with `args`, `input` on its standard input; returns its exit status.
-int runWithInput(const std::string& program, const Args& args, const std::string& input) {
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return -1;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[0], STDIN_FILENO);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[1]);
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipeFds[0]);
-  if (rc != 0) {
-    close(pipeFds[1]);
-    errno = rc;
-    return -1;
-  }
-  // A sendmail that stops reading early must not kill this process.
-  std::signal(SIGPIPE, SIG_IGN);
-  for (size_t done = 0; done < input.size();) {
-    const ssize_t n = write(pipeFds[1], input.data() + done, input.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
-  close(pipeFds[1]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
 }  // namespace

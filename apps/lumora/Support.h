@@ -3,6 +3,9 @@
 
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "lumora/panel/MailExtensionView.h"
 
 namespace lumora {
 class StoreContext;
@@ -20,5 +23,21 @@ int usageError(const std::string& message, const char* help);
 // The bytes of a message file, or of standard input for "-". On failure writes the reason to
 // standard error and returns nullopt.
 std::optional<std::string> readMessage(const std::string& path);
+
+// Runs `program` with `args`, `input` on its standard input, and waits for it; returns its exit
+// status (128 + the signal when killed), or -1 with errno set when it cannot be started.
+// `quiet` sends its standard output and error to /dev/null, for programs run while a screen
+// is up. A program that stops reading early does not harm this process.
+int runWithInput(const std::string& program, const std::vector<std::string>& args,
+                 const std::string& input, bool quiet = false);
+
+// The dependencies of a panel in this process: the settings files, the stored conversations,
+// the default model from the settings and the mail parser's quoted passages. The caller owns
+// the executor, the session, the transport and the pasteboard, and may set overrides and
+// onServiceChosen on the result.
+MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
+                                                  const ComposeSession& session,
+                                                  HttpTransport& transport,
+                                                  Pasteboard& pasteboard);
 
 }  // namespace lumora::cli

@@ -1,6 +1,8 @@
 // Text on the character grid: widths, wrapping and what reaches the screen.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "terminal/TextLayout.h"
 
 namespace lumora::terminal {
@@ -85,6 +87,33 @@ TEST(TextLayout, WrappingALongReplyKeepsEveryByte) {
   for (int width : {2, 3, 17, 80}) {
     const auto lines = wrapped(text, width);
     EXPECT_GT(lines.size(), 1u);
+  }
+}
+
+// A reply grows piece by piece, cut anywhere (inside a character, between CR and LF): the lines
+// brought up to date at each step are the lines of the whole text.
+TEST(TextLayout, ExtendingLinesGivesTheLinesOfTheWholeText) {
+  const std::string pieces[] = {"word ", "中文", "\r", "\n", "e", "\xCC\x81", "😀", "\xE2\x80\x8D",
+                                "\t", " ", "   ", "longwordlongword", "。"};
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    std::mt19937 random(seed);
+    std::string whole;
+    for (int i = 0; i < 300; ++i) whole += pieces[random() % std::size(pieces)];
+    for (int width : {2, 5, 13, 40}) {
+      std::vector<LineSpan> lines = wrapLines("", width);
+      for (size_t size = 0; size < whole.size();) {
+        size = std::min(whole.size(), size + 1 + random() % 9);
+        const std::string_view prefix = std::string_view(whole).substr(0, size);
+        extendLines(lines, prefix, width);
+        const std::vector<LineSpan> expected = wrapLines(prefix, width);
+        ASSERT_EQ(lines.size(), expected.size()) << "seed " << seed << " width " << width;
+        for (size_t i = 0; i < lines.size(); ++i) {
+          ASSERT_EQ(lines[i].begin, expected[i].begin) << "seed " << seed << " line " << i;
+          ASSERT_EQ(lines[i].contentEnd, expected[i].contentEnd) << "seed " << seed;
+          ASSERT_EQ(lines[i].end, expected[i].end) << "seed " << seed;
+        }
+      }
+    }
   }
 }
 

@@ -56,8 +56,6 @@ bool isGenerateKey(const Key& key) {
   return key.kind == Kind::generate || (key.kind == Kind::control && key.letter == 'g');
 }
 
-bool isParagraphStart(std::string_view text, size_t at) { return at == 0 || text[at - 1] == '\n'; }
-
 }  // namespace
 
 PanelScreen::PanelScreen(MailExtensionView& panel, Settings settings)
@@ -512,8 +510,7 @@ void PanelScreen::drawPickerList(Canvas& canvas, const Picker& picker, int ancho
   canvas.write(top + 2 + listRows, column, "╰" + repeated("─", width - 2) + "╯", kAccent);
 }
 
-// The panel's text as drawn: copied from the panel only where it grew, and wrapped again
-// only from the last paragraph on.
+// The panel's text as drawn: copied from the panel, and wrapped again, only where it grew.
 void PanelScreen::updateOutput(const PanelDescription& d, int width) {
   if (d.output.extends(outputFrom_)) {
     d.output.appendSuffix(outputFrom_.size(), output_);
@@ -522,19 +519,10 @@ void PanelScreen::updateOutput(const PanelDescription& d, int width) {
     outputReplaced_ = true;
   }
   outputFrom_ = d.output;
-  if (outputReplaced_ || width != outputWidth_ || outputLines_.empty()) {
+  if (outputReplaced_ || width != outputWidth_) {
     outputLines_ = wrapLines(output_, width);
   } else {
-    size_t keep = outputLines_.size() - 1;
-    while (keep > 0 && !isParagraphStart(output_, outputLines_[keep].begin)) --keep;
-    const size_t from = outputLines_[keep].begin;
-    outputLines_.resize(keep);
-    for (LineSpan line : wrapLines(std::string_view(output_).substr(from), width)) {
-      line.begin += from;
-      line.contentEnd += from;
-      line.end += from;
-      outputLines_.push_back(line);
-    }
+    extendLines(outputLines_, output_, width);
   }
   outputWidth_ = width;
   outputReplaced_ = false;

@@ -99,6 +99,7 @@ Character characterAt(std::string_view text, size_t i, int column) {
     length += n;
   }
   c.length = length;
+  c.space = cp == ' ' && length == 1;  // a blank with a mark on it is something to see
   bool leading = true;
   forEachCodePoint(text, i, length, [&](char32_t each) {
     const int w = codePointWidth(each);
@@ -160,6 +161,22 @@ std::vector<LineSpan> wrapLines(std::string_view text, int width) {
   }
   lines.push_back({begin, text.size(), text.size()});
   return lines;
+}
+
+void extendLines(std::vector<LineSpan>& lines, std::string_view text, int width) {
+  // Added text can change where earlier lines break (a wide character completed at the end
+  // moves the break before it), but never across a line feed: wrapping starts again from
+  // the last line that follows one.
+  size_t keep = lines.empty() ? 0 : lines.size() - 1;
+  while (keep > 0 && text[lines[keep].begin - 1] != '\n') --keep;
+  const size_t from = keep == 0 ? 0 : lines[keep].begin;
+  lines.resize(keep);
+  for (LineSpan line : wrapLines(text.substr(from), width)) {
+    line.begin += from;
+    line.contentEnd += from;
+    line.end += from;
+    lines.push_back(line);
+  }
 }
 
 std::wstring cells(std::string_view text, int maxColumns, int* columns) {

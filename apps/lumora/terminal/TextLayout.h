@@ -49,6 +49,11 @@ struct LineSpan {
 // feed ends with an empty line.
 std::vector<LineSpan> wrapLines(std::string_view text, int width);
 
+// Brings `lines`, which wrapLines made for a prefix of `text` at `width`, up to the whole of
+// `text`, with the result wrapLines(text, width) would give; only the last paragraph is
+// wrapped again.
+void extendLines(std::vector<LineSpan>& lines, std::string_view text, int width);
+
 // The characters of `text` as they go on one line of the screen, in at most `maxColumns`
 // columns: controls replaced, tabs expanded, anything from a line end on dropped, and a
 // character that would not fit left out. `columns` receives the width used, if given.

@@ -67,6 +67,10 @@ class Tmux {
     tmux(keys);
   }
   void type(const std::string& text) { tmux({"send-keys", "-t", "panel", "-l", text}); }
+  void resize(int columns, int rows) {
+    tmux({"resize-window", "-t", "panel", "-x", std::to_string(columns), "-y",
+          std::to_string(rows)});
+  }
 
   // Polls the pane until `ok` holds; the last screen is kept for the failure message.
   bool waitFor(const std::function<bool(const std::string&)>& ok) {
@@ -253,6 +257,59 @@ TEST_F(PanelTerminalTest, DumbTerminalErrorsAndInterrupt) {
   EXPECT_TRUE(has(tmux.last(), "Instruction")) << "no text: the input page again";
   tmux.keys({"C-c"});
   ASSERT_TRUE(tmux.waitFor("[exit 130]")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "Instruction")) << "a vt100 has no second screen: cleared";
+}
+
+// A stored conversation as preset: choosing it swaps the instruction and the model, edits go
+// to it and not to the stored prompt, and the layout follows the window's size.
+TEST_F(PanelTerminalTest, ConversationPresetsAndResizing) {
+  const ProcessResult added = lumora({"conversations", "add", "--title", "回复客户", "--instruction",
+                                      "礼貌地回复", "--model", "claude-3-haiku-20240307"});
+  ASSERT_EQ(added.status, 0) << added.err;
+  const std::string id = added.out.substr(0, added.out.find('\n'));
+  Tmux tmux(tmuxProgram_);
+  openPanel(tmux, writeMessage());
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+
+  tmux.keys({"Tab", "Enter"});
+  ASSERT_TRUE(tmux.waitFor("type to filter")) << tmux.last();
+  tmux.type("客户");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("[claude-3-haiku-20240307")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "│ 礼貌地回复")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "[回复客户")) << tmux.last();
+
+  // Typed into the conversation, then straight to the picker: the edit stays with it.
+  tmux.keys({"BTab", "End"});
+  tmux.type("，谢谢");
+  tmux.keys({"Tab", "Enter", "Home", "Enter"});
+  ASSERT_TRUE(tmux.waitFor("[Prompt")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "You're my assistant, please reply this email")) << tmux.last();
+
+  tmux.keys({"Enter"});
+  tmux.type("客户");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("礼貌地回复，谢谢")) << tmux.last();
+
+  // Wider, then narrower: the outline spans the window.
+  tmux.resize(100, 30);
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    return has(s, "╮\n") && s.find("╮") > s.find("╭─ Instruction ") + 90;
+  })) << tmux.last();
+  tmux.resize(44, 12);
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    const size_t begin = s.find("╭─ Instruction ");
+    const size_t end = s.find("╮", begin);
+    return begin != std::string::npos && end != std::string::npos && s.find('\n', begin) > end &&
+           has(s, "[  Generate  ]");
+  })) << tmux.last();
+
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("[exit 0]")) << tmux.last();
+  const std::string shown = lumora({"conversations", "show", id}).out;
+  EXPECT_TRUE(has(shown, "instruction: 礼貌地回复，谢谢")) << shown;
+  EXPECT_EQ(lumora({"settings", "get", "mailDefaultPrompt"}).out,
+            "You're my assistant, please reply this email\n");
 }
 
 TEST(PanelCommand, HelpAndUsage) {

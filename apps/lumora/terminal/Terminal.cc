@@ -49,6 +49,13 @@ struct Terminal::State {
 
   ~State() {
     if (screen) {
+      // A terminal without a second screen to leave would keep the panel under the shell's
+      // next prompt.
+      const char* leave = tigetstr("rmcup");
+      if (!leave || leave == reinterpret_cast<const char*>(-1)) {
+        werase(stdscr);
+        wrefresh(stdscr);
+      }
       endwin();
       delscreen(screen);
     }

@@ -38,7 +38,8 @@ constexpr const char* kPanelHelp =
     "pick a conversation and a model, Generate, and copy the reply.\n"
     "\n"
     "  MESSAGE     the raw message being answered (a file, or - for standard input);\n"
-    "              without it, standard input when that is not a terminal, else a new mail\n"
+    "              without it, standard input when that is not a terminal and not empty,\n"
+    "              else a new mail\n"
     "  --no-mouse  leave the mouse to the terminal (for selecting text)\n"
     "  --debug     debug lines on standard error, written when the panel closes if standard\n"
     "              error is the terminal (also LUMORA_DEBUG=1)\n"
@@ -207,7 +208,9 @@ int panelCommand(const Args& args) {
   if (options.message || isatty(STDIN_FILENO) != 1) {
     auto bytes = readMessage(options.message.value_or("-"));
     if (!bytes) return kExitFailed;
-    raw = std::move(*bytes);
+    // Nothing on a standard input that was not asked for (/dev/null from a launcher) is a new
+    // mail, not an empty message.
+    if (options.message || !bytes->empty()) raw = std::move(*bytes);
   }
   useUtf8Locale();
   watchSignals();

@@ -203,6 +203,7 @@ int Terminal::write(int row, int column, std::string_view text, unsigned style,
   if (row < 0 || row >= rows() || column < 0 || column >= columns()) return 0;
   int used = 0;
   const std::wstring shown = cells(text, std::min(maxColumns, columns() - column), &used);
+  if (shown.empty()) return 0;
   attr_t attributes = A_NORMAL;
   short pair = 0;
   if (style & kBold) attributes |= A_BOLD;

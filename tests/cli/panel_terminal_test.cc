@@ -50,12 +50,12 @@ std::string readAll(const std::filesystem::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// A tmux server of the test's own (its own socket), so that nothing of the user's is touched.
+// A tmux server of the test's own, its socket in the test's directory, so that nothing of the
+// user's is touched and nothing is left behind.
 class Tmux {
  public:
-  explicit Tmux(std::string program) : program_(std::move(program)) {
-    socket_ = "lumora-panel-test-" + std::to_string(getpid()) + "-" + std::to_string(++count_);
-  }
+  Tmux(std::string program, const std::filesystem::path& directory)
+      : program_(std::move(program)), socket_((directory / "tmux.socket").string()) {}
   ~Tmux() { tmux({"kill-server"}); }
 
   ProcessResult start(const std::string& shellCommand) {
@@ -89,13 +89,12 @@ class Tmux {
 
  private:
   ProcessResult tmux(std::vector<std::string> args) {
-    args.insert(args.begin(), {program_, "-u", "-L", socket_, "-f", "/dev/null"});
+    args.insert(args.begin(), {program_, "-u", "-S", socket_, "-f", "/dev/null"});
     return testing::runProcess(args, {.setEnv = {{"TERM", "xterm-256color"}},
                                       .unsetEnv = {"TMUX"},
                                       .timeout = 10s});
   }
 
-  static inline int count_ = 0;
   std::string program_;
   std::string socket_;
   std::string last_;
@@ -169,7 +168,7 @@ TEST_F(PanelTerminalTest, PickGenerateStopRegenerateCopyBack) {
                                        sseRecord("周五见! Best, Bo", "stop") + "data: [DONE]\n\n",
                                    24, testing::Framing::kChunked, 20ms));
 
-  Tmux tmux(tmuxProgram_);
+  Tmux tmux(tmuxProgram_, home_.path());
   openPanel(tmux, writeMessage());
   ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
   EXPECT_TRUE(has(tmux.last(), "Generate")) << tmux.last();
@@ -248,7 +247,7 @@ TEST_F(PanelTerminalTest, PickGenerateStopRegenerateCopyBack) {
 TEST_F(PanelTerminalTest, DumbTerminalErrorsAndInterrupt) {
   server_.enqueue(Response::json(
       401, R"({"error":{"message":"Incorrect API key provided.","code":"invalid_api_key"}})"));
-  Tmux tmux(tmuxProgram_);
+  Tmux tmux(tmuxProgram_, home_.path());
   openPanel(tmux, writeMessage(), "dumb");
   ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
   tmux.keys({"F5", "C-g"});  // a vt100 has no F5: the key does nothing
@@ -267,7 +266,7 @@ TEST_F(PanelTerminalTest, ConversationPresetsAndResizing) {
                                       "礼貌地回复", "--model", "claude-3-haiku-20240307"});
   ASSERT_EQ(added.status, 0) << added.err;
   const std::string id = added.out.substr(0, added.out.find('\n'));
-  Tmux tmux(tmuxProgram_);
+  Tmux tmux(tmuxProgram_, home_.path());
   openPanel(tmux, writeMessage());
   ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
 

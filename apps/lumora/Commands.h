@@ -16,6 +16,7 @@ inline constexpr int kExitInterrupted = 130;
 using Args = std::vector<std::string>;
 
 int replyCommand(const Args& args);
+int panelCommand(const Args& args);
 int settingsCommand(const Args& args);
 int modelsCommand(const Args& args);
 int routeCommand(const Args& args);

@@ -12,13 +12,10 @@
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/chat/Errors.h"
-#include "lumora/mailcontent/MailParser.h"
 #include "lumora/panel/MailExtensionView.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Redact.h"
-#include "lumora/store/DefaultsStore.h"
-#include "lumora/store/UserSettings.h"
 
 namespace lumora::cli {
 namespace {
@@ -208,21 +205,11 @@ int replyCommand(const Args& args) {
     HttpTransport& transport =
         options.dryRun ? static_cast<HttpTransport&>(recorder) : defaultTransport();
     MemoryPasteboard pasteboard;
-    StoreConversations conversations(sharedStoreContext);
     std::optional<Service> chosen;
 
-    MailExtensionView::Dependencies deps{
-        .executor = executor,
-        .session = session,
-        .ownDefaults = ownDefaults(),
-        .environment = ChatEnvironment{.sharedDefaults = sharedDefaults(), .transport = transport, .store = sharedStoreContext},
-        .pasteboard = pasteboard,
-        .conversations = conversations,
-        .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },
-        .quotedTexts = [](const std::string& message) { return MailParser::quotedTexts(message); },
-        .overrides = {},
-        .onServiceChosen = [&](const Service& s) { chosen = s; },
-    };
+    MailExtensionView::Dependencies deps =
+        panelDependencies(executor, session, transport, pasteboard);
+    deps.onServiceChosen = [&](const Service& s) { chosen = s; };
     if (options.model)
       deps.overrides[std::string(MailExtensionView::kSelectedModelKey)] = *options.model;
     if (options.instruction)

@@ -9,8 +9,10 @@
 #include <sstream>
 
 #include "Commands.h"
-
+#include "lumora/mailcontent/MailParser.h"
 #include "lumora/store/ConversationStore.h"
+#include "lumora/store/DefaultsStore.h"
+#include "lumora/store/UserSettings.h"
 
 namespace lumora::cli {
 
@@ -33,6 +35,29 @@ std::optional<std::string> readMessage(const std::string& path) {
     return std::nullopt;
   }
   return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+
+MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
+                                                  const ComposeSession& session,
+                                                  HttpTransport& transport,
+                                                  Pasteboard& pasteboard) {
+  // One source for the process: the store it reads is opened once, on first use.
+  static StoreConversations conversations(sharedStoreContext);
+  return MailExtensionView::Dependencies{
+      .executor = executor,
+      .session = session,
+      .ownDefaults = ownDefaults(),
+      .environment = ChatEnvironment{.sharedDefaults = sharedDefaults(),
+                                     .transport = transport,
+                                     .store = sharedStoreContext},
+      .pasteboard = pasteboard,
+      .conversations = conversations,
+      .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },
+      .quotedTexts = [](const std::string& message) { return MailParser::quotedTexts(message); },
+      .overrides = {},
+      .onServiceChosen = {},
+  };
 }
 
 }  // namespace lumora::cli

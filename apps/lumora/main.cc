@@ -18,6 +18,7 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
+    {"panel", "the compose assistant as a full-screen terminal panel", lumora::cli::panelCommand},
     {"settings", "read and write the settings", lumora::cli::settingsCommand},
     {"conversations", "the stored presets of instruction and model",
      lumora::cli::conversationsCommand},

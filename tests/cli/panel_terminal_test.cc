@@ -1,0 +1,329 @@
+// `lumora panel` end to end: the real binary in an 80x24 tmux pane, typed at with send-keys and
+// read back with capture-pane, against a loopback server.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "support/FakeTransport.h"
+#include "support/Process.h"
+#include "support/ScriptedServer.h"
+#include "support/TempDir.h"
+
+namespace lumora {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ProcessResult;
+using testing::Response;
+using testing::ScriptedServer;
+using testing::sseRecord;
+
+constexpr const char* kKey = "sk-test-panel-abcdef987654";
+constexpr auto kPatience = 20s;
+
+std::string findTmux() {
+  const char* path = std::getenv("PATH");
+  std::string_view rest = path ? path : "/usr/bin:/bin";
+  while (!rest.empty()) {
+    const size_t colon = rest.find(':');
+    const std::filesystem::path candidate =
+        std::filesystem::path(rest.substr(0, colon)) / "tmux";
+    if (access(candidate.c_str(), X_OK) == 0) return candidate.string();
+    rest = colon == std::string_view::npos ? "" : rest.substr(colon + 1);
+  }
+  return {};
+}
+
+std::string quoted(const std::string& word) {
+  std::string out = "'";
+  for (char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+std::string readAll(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A tmux server of the test's own, its socket in the test's directory, so that nothing of the
+// user's is touched and nothing is left behind.
+class Tmux {
+ public:
+  Tmux(std::string program, const std::filesystem::path& directory)
+      : program_(std::move(program)), socket_((directory / "tmux.socket").string()) {}
+  ~Tmux() { tmux({"kill-server"}); }
+
+  ProcessResult start(const std::string& shellCommand) {
+    return tmux({"new-session", "-d", "-x", "80", "-y", "24", "-s", "panel", shellCommand});
+  }
+  std::string screen() { return tmux({"capture-pane", "-p", "-t", "panel"}).out; }
+  void keys(std::vector<std::string> keys) {
+    keys.insert(keys.begin(), {"send-keys", "-t", "panel"});
+    tmux(keys);
+  }
+  void type(const std::string& text) { tmux({"send-keys", "-t", "panel", "-l", text}); }
+  void resize(int columns, int rows) {
+    tmux({"resize-window", "-t", "panel", "-x", std::to_string(columns), "-y",
+          std::to_string(rows)});
+  }
+
+  // Polls the pane until `ok` holds; the last screen is kept for the failure message.
+  bool waitFor(const std::function<bool(const std::string&)>& ok) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+      last_ = screen();
+      if (ok(last_)) return true;
+      std::this_thread::sleep_for(50ms);
+    }
+    return false;
+  }
+  bool waitFor(const std::string& text) {
+    return waitFor([&](const std::string& s) { return s.find(text) != std::string::npos; });
+  }
+  const std::string& last() const { return last_; }
+
+ private:
+  ProcessResult tmux(std::vector<std::string> args) {
+    args.insert(args.begin(), {program_, "-u", "-S", socket_, "-f", "/dev/null"});
+    return testing::runProcess(args, {.setEnv = {{"TERM", "xterm-256color"}},
+                                      .unsetEnv = {"TMUX"},
+                                      .timeout = 10s});
+  }
+
+  std::string program_;
+  std::string socket_;
+  std::string last_;
+};
+
+bool has(const std::string& screen, std::string_view text) {
+  return screen.find(text) != std::string::npos;
+}
+
+class PanelTerminalTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tmuxProgram_ = findTmux();
+    if (tmuxProgram_.empty()) GTEST_SKIP() << "tmux is not installed";
+    ASSERT_EQ(lumora({"settings", "set", "apiKey", kKey}).status, 0);
+  }
+
+  ProcessResult lumora(std::vector<std::string> args) {
+    args.insert(args.begin(), LUMORA_BINARY);
+    return testing::runProcess(args, {.setEnv = environment(), .unsetEnv = {"LUMORA_DEBUG"}});
+  }
+
+  std::map<std::string, std::string> environment() const {
+    return {{"XDG_CONFIG_HOME", (home_ / "config").string()},
+            {"XDG_DATA_HOME", (home_ / "data").string()},
+            {"LUMORA_OPENAI_BASE_URL", server_.baseUrl()},
+            {"LUMORA_CLIPBOARD_COMMAND", "cat > " + quoted((home_ / "clipboard").string())},
+            {"LUMORA_DEBUG", "1"},
+            {"LANG", "C.UTF-8"}};
+  }
+
+  // The panel in the pane: `input` piped in, debug lines kept in a file, and the exit status
+  // shown once it ends.
+  void openPanel(Tmux& tmux, const std::string& input, const std::string& term = "") {
+    std::string command = "cat " + quoted(input) + " | env";
+    for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
+    if (!term.empty()) command += " TERM=" + term;
+    command += " " + quoted(LUMORA_BINARY) + " panel - 2>" + quoted((home_ / "debug").string()) +
+               "; echo \"[exit $?]\"; sleep 60";
+    ASSERT_EQ(tmux.start(command).status, 0);
+  }
+
+  std::string writeMessage() {
+    const auto path = home_ / "message.eml";
+    std::ofstream(path, std::ios::binary)
+        << "From: Ann <ann@example.org>\r\n"
+           "To: Bo <bo@example.net>\r\n"
+           "Subject: Lunch on Friday\r\n"
+           "MIME-Version: 1.0\r\n"
+           "Content-Type: text/html; charset=utf-8\r\n"
+           "Content-Transfer-Encoding: quoted-printable\r\n"
+           "\r\n"
+           "<html><body><p>Sure!</p><blockquote>Shall we have lunch on Friday?</blockquote>"
+           "</body></html>\r\n";
+    return path.string();
+  }
+
+  testing::TempDir home_;
+  ScriptedServer server_;
+  std::string tmuxProgram_;
+};
+
+TEST_F(PanelTerminalTest, PickGenerateStopRegenerateCopyBack) {
+  // The first answer streams slowly enough to be stopped; the second comes whole.
+  Response slow;
+  slow.framing = testing::Framing::kChunked;
+  for (int i = 0; i < 60; ++i) slow.send(sseRecord("word" + std::to_string(i) + " ")).sleep(200ms);
+  server_.enqueue(slow);
+  const std::string reply = "Dear Ann, Friday works. 周五见! Best, Bo";
+  server_.enqueue(Response::stream(sseRecord("Dear Ann, Friday works. ") +
+                                       sseRecord("周五见! Best, Bo", "stop") + "data: [DONE]\n\n",
+                                   24, testing::Framing::kChunked, 20ms));
+
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, writeMessage());
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Generate")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "You're my assistant, please reply this email")) << tmux.last();
+
+  // A new instruction, with wide characters.
+  tmux.keys({"C-u"});
+  tmux.type("Answer briefly, 请简短");
+  ASSERT_TRUE(tmux.waitFor("Answer briefly, 请简短")) << tmux.last();
+
+  // The model picker, filtered by typing.
+  tmux.keys({"Tab", "Tab"});
+  tmux.type("4o-mi");
+  ASSERT_TRUE(tmux.waitFor("› 4o-mi")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "gpt-4o-mini")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "claude")) << tmux.last();
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    return !has(s, "› 4o-mi") && has(s, "[gpt-4o-mini");
+  })) << tmux.last();
+
+  // Generate, and stop while the reply streams in.
+  tmux.keys({"F5"});
+  ASSERT_TRUE(tmux.waitFor("word2")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Writing...")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Stop")) << tmux.last();
+  tmux.keys({"s"});
+  ASSERT_TRUE(tmux.waitFor("Regenerate")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "Writing...")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "word59")) << tmux.last();
+  EXPECT_TRUE(server_.waitForClientDisconnect(5s).has_value());
+
+  // Regenerate replaces the text.
+  tmux.keys({"r"});
+  ASSERT_TRUE(tmux.waitFor([&](const std::string& s) {
+    return has(s, "周五见! Best, Bo") && has(s, "Regenerate");
+  })) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "word0")) << tmux.last();
+
+  // Copy through the clipboard command.
+  tmux.keys({"c"});
+  ASSERT_TRUE(tmux.waitFor("Copied")) << tmux.last();
+  EXPECT_EQ(readAll(home_ / "clipboard"), reply);
+
+  // Back to the input page, which kept its values.
+  tmux.keys({"b"});
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Answer briefly, 请简短")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "[gpt-4o-mini")) << tmux.last();
+
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("[exit 0]")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "Generate")) << "the screen was given back: " << tmux.last();
+
+  // What went out: the quoted passage under the typed instruction, to the picked model.
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  for (const auto& request : requests) {
+    const auto body = nlohmann::json::parse(request.body);
+    EXPECT_EQ(body["model"], "gpt-4o-mini");
+    EXPECT_EQ(body["messages"][0]["role"], "system");
+    EXPECT_EQ(body["messages"][0]["content"], "Answer briefly, 请简短");
+    EXPECT_EQ(body["messages"][1]["content"], "Shall we have lunch on Friday?");
+  }
+  EXPECT_EQ(lumora({"settings", "get", "mailSelectedModel"}).out, "gpt-4o-mini\n");
+  EXPECT_EQ(lumora({"settings", "get", "mailDefaultPrompt"}).out, "Answer briefly, 请简短\n");
+  const std::string debug = readAll(home_ / "debug");
+  const size_t begin = debug.find("[debug] mail session begin");
+  EXPECT_NE(begin, std::string::npos) << debug;
+  EXPECT_NE(debug.find("[debug] mail session end", begin), std::string::npos) << debug;
+  EXPECT_FALSE(has(debug, kKey)) << debug;
+}
+
+// A terminal type without cursor addressing still gets the panel, in plain ANSI; a failure
+// shows above the page, and Ctrl-C leaves with the interrupted status.
+TEST_F(PanelTerminalTest, DumbTerminalErrorsAndInterrupt) {
+  server_.enqueue(Response::json(
+      401, R"({"error":{"message":"Incorrect API key provided.","code":"invalid_api_key"}})"));
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, writeMessage(), "dumb");
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  tmux.keys({"F5", "C-g"});  // a vt100 has no F5: the key does nothing
+  ASSERT_TRUE(tmux.waitFor("Error invalid_api_key")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "please reply this email ")) << "nothing typed: " << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Instruction")) << "no text: the input page again";
+  tmux.keys({"C-c"});
+  ASSERT_TRUE(tmux.waitFor("[exit 130]")) << tmux.last();
+  EXPECT_FALSE(has(tmux.last(), "Instruction")) << "a vt100 has no second screen: cleared";
+}
+
+// A stored conversation as preset: choosing it swaps the instruction and the model, edits go
+// to it and not to the stored prompt, and the layout follows the window's size.
+TEST_F(PanelTerminalTest, ConversationPresetsAndResizing) {
+  const ProcessResult added = lumora({"conversations", "add", "--title", "回复客户", "--instruction",
+                                      "礼貌地回复", "--model", "claude-3-haiku-20240307"});
+  ASSERT_EQ(added.status, 0) << added.err;
+  const std::string id = added.out.substr(0, added.out.find('\n'));
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, writeMessage());
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+
+  tmux.keys({"Tab", "Enter"});
+  ASSERT_TRUE(tmux.waitFor("type to filter")) << tmux.last();
+  tmux.type("客户");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("[claude-3-haiku-20240307")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "│ 礼貌地回复")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "[回复客户")) << tmux.last();
+
+  // Typed into the conversation, then straight to the picker: the edit stays with it.
+  tmux.keys({"BTab", "End"});
+  tmux.type("，谢谢");
+  tmux.keys({"Tab", "Enter", "Home", "Enter"});
+  ASSERT_TRUE(tmux.waitFor("[Prompt")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "You're my assistant, please reply this email")) << tmux.last();
+
+  tmux.keys({"Enter"});
+  tmux.type("客户");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("礼貌地回复，谢谢")) << tmux.last();
+
+  // Wider, then narrower: the outline spans the window.
+  tmux.resize(100, 30);
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    return has(s, "╮\n") && s.find("╮") > s.find("╭─ Instruction ") + 90;
+  })) << tmux.last();
+  tmux.resize(44, 12);
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    const size_t begin = s.find("╭─ Instruction ");
+    const size_t end = s.find("╮", begin);
+    return begin != std::string::npos && end != std::string::npos && s.find('\n', begin) > end &&
+           has(s, "[  Generate  ]");
+  })) << tmux.last();
+
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("[exit 0]")) << tmux.last();
+  const std::string shown = lumora({"conversations", "show", id}).out;
+  EXPECT_TRUE(has(shown, "instruction: 礼貌地回复，谢谢")) << shown;
+  EXPECT_EQ(lumora({"settings", "get", "mailDefaultPrompt"}).out,
+            "You're my assistant, please reply this email\n");
+}
+
+TEST(PanelCommand, HelpAndUsage) {
+  const auto lumora = [](std::vector<std::string> args) {
+    args.insert(args.begin(), LUMORA_BINARY);
+    return testing::runProcess(args);
+  };
+  const ProcessResult help = lumora({"panel", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_TRUE(has(help.out, "Ctrl-G")) << help.out;
+  EXPECT_TRUE(has(help.out, "LUMORA_CLIPBOARD_COMMAND")) << help.out;
+  EXPECT_EQ(lumora({"panel", "--frobnicate"}).status, 2);
+  EXPECT_EQ(lumora({"panel", "a", "b"}).status, 2);
+  EXPECT_EQ(lumora({"panel", "/nonexistent/message.eml"}).status, 1);
+}
+
+}  // namespace
+}  // namespace lumora

@@ -62,6 +62,8 @@ class Tmux {
     return tmux({"new-session", "-d", "-x", "80", "-y", "24", "-s", "panel", shellCommand});
   }
   std::string screen() { return tmux({"capture-pane", "-p", "-t", "panel"}).out; }
+  // Closes the pane's terminal under whatever runs in it.
+  void close() { tmux({"kill-session", "-t", "panel"}); }
   void keys(std::vector<std::string> keys) {
     keys.insert(keys.begin(), {"send-keys", "-t", "panel"});
     tmux(keys);
@@ -309,6 +311,46 @@ TEST_F(PanelTerminalTest, ConversationPresetsAndResizing) {
   EXPECT_TRUE(has(shown, "instruction: 礼貌地回复，谢谢")) << shown;
   EXPECT_EQ(lumora({"settings", "get", "mailDefaultPrompt"}).out,
             "You're my assistant, please reply this email\n");
+}
+
+// What goes wrong around the panel: a message it cannot read, a terminal too small, and the
+// terminal closing under a running reply.
+TEST_F(PanelTerminalTest, AnUnreadableMessageAndATinyTerminal) {
+  const auto message = home_ / "broken.eml";
+  std::ofstream(message, std::ios::binary)
+      << "MIME-Version: 1.0\r\nContent-Type: multipart/alternative; boundary=\"b\"\r\n\r\n"
+         "--b\r\nContent-Type: text/html\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n"
+         "<blockquote>=FF</blockquote>\r\n--b--\r\n";
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, message.string());
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  tmux.keys({"C-g"});
+  ASSERT_TRUE(tmux.waitFor("not valid UTF-8 text")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Generate")) << "still on the input page: " << tmux.last();
+  EXPECT_TRUE(server_.requests().empty());
+
+  // Too small to show the page, then large again: the panel draws what fits and recovers.
+  tmux.resize(12, 3);
+  tmux.waitFor([](const std::string& s) { return s.size() < 100; });
+  tmux.resize(80, 24);
+  ASSERT_TRUE(tmux.waitFor("Generate")) << tmux.last();
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("[exit 0]")) << tmux.last();
+}
+
+TEST_F(PanelTerminalTest, ClosingTheTerminalMidStreamEndsTheRun) {
+  Response slow;
+  slow.framing = testing::Framing::kChunked;
+  for (int i = 0; i < 100; ++i) slow.send(sseRecord("word" + std::to_string(i) + " ")).sleep(200ms);
+  server_.enqueue(slow);
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, writeMessage());
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  tmux.keys({"C-g"});
+  ASSERT_TRUE(tmux.waitFor("word1")) << tmux.last();
+  tmux.close();
+  // The process ends at the hang-up and lets go of the stream: nothing is left reading.
+  EXPECT_TRUE(server_.waitForClientDisconnect(10s).has_value());
 }
 
 TEST(PanelCommand, HelpAndUsage) {

@@ -26,13 +26,13 @@ using testing::sseRecord;
 constexpr const char* kKey = "sk-test-panel-abcdef987654";
 constexpr auto kPatience = 20s;
 
-std::string findTmux() {
+std::string findProgram(const std::string& name) {
   const char* path = std::getenv("PATH");
   std::string_view rest = path ? path : "/usr/bin:/bin";
   while (!rest.empty()) {
     const size_t colon = rest.find(':');
     const std::filesystem::path candidate =
-        std::filesystem::path(rest.substr(0, colon)) / "tmux";
+        std::filesystem::path(rest.substr(0, colon)) / name;
     if (access(candidate.c_str(), X_OK) == 0) return candidate.string();
     rest = colon == std::string_view::npos ? "" : rest.substr(colon + 1);
   }
@@ -109,7 +109,7 @@ bool has(const std::string& screen, std::string_view text) {
 class PanelTerminalTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    tmuxProgram_ = findTmux();
+    tmuxProgram_ = findProgram("tmux");
     if (tmuxProgram_.empty()) GTEST_SKIP() << "tmux is not installed";
     ASSERT_EQ(lumora({"settings", "set", "apiKey", kKey}).status, 0);
   }
@@ -351,6 +351,72 @@ TEST_F(PanelTerminalTest, ClosingTheTerminalMidStreamEndsTheRun) {
   tmux.close();
   // The process ends at the hang-up and lets go of the stream: nothing is left reading.
   EXPECT_TRUE(server_.waitForClientDisconnect(10s).has_value());
+}
+
+// The documented neomutt lines at work: neomutt under tmux on a small Maildir, the key pipes
+// the message into the panel, a reply is made and copied; then a mail to the reserved domain
+// is refused by the sendmail wrapper, and neomutt says so.
+TEST_F(PanelTerminalTest, TheNeomuttRecipe) {
+  const std::string neomutt = findProgram("neomutt");
+  if (neomutt.empty()) GTEST_SKIP() << "neomutt is not installed";
+  server_.enqueue(Response::stream(sseRecord("Dear Ann, see you on Mars.", "stop") +
+                                       "data: [DONE]\n\n",
+                                   64));
+  const auto mail = home_ / "Mail";
+  for (const char* sub : {"cur", "new", "tmp"}) std::filesystem::create_directories(mail / sub);
+  std::filesystem::copy_file(writeMessage(), mail / "cur" / "1.lumora:2,S");
+  {
+    // The subject names Mars, so the colouring line has something to colour.
+    std::string message = readAll(mail / "cur" / "1.lumora:2,S");
+    message.replace(message.find("Lunch on Friday"), 15, "Trip to Mars");
+    std::ofstream(mail / "cur" / "1.lumora:2,S", std::ios::binary) << message;
+  }
+  const std::string snippet = lumora({"integrate", "neomutt"}).out;
+  ASSERT_NE(snippet.find("lumora panel -"), std::string::npos) << snippet;
+  const auto rc = home_ / "neomuttrc";
+  std::ofstream(rc) << "set folder=" << mail.string() << "\nset spoolfile=" << mail.string()
+                    << "\nset mbox_type=Maildir\nset wait_key=no\nset from=bo@example.net\n"
+                       "set use_from=yes\nset editor=true\nset abort_unmodified=no\n"
+                       "set record=\"\"\nset header_cache=\"\"\n"
+                    << snippet;
+
+  Tmux tmux(tmuxProgram_, home_.path());
+  std::string command = "env";
+  for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
+  command += " PATH=" + quoted(std::filesystem::path(LUMORA_BINARY).parent_path().string() +
+                               ":/usr/bin:/bin");
+  command += " " + neomutt + " -n -F " + quoted(rc.string()) + " 2>" +
+             quoted((home_ / "debug").string()) + "; echo \"[exit $?]\"; sleep 60";
+  ASSERT_EQ(tmux.start(command).status, 0);
+  ASSERT_TRUE(tmux.waitFor("Trip to Mars")) << tmux.last();
+
+  // The key pipes the message into the panel; a reply is made and copied.
+  tmux.keys({"Escape", "a"});
+  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+  tmux.keys({"C-g"});
+  ASSERT_TRUE(tmux.waitFor("see you on Mars")) << tmux.last();
+  tmux.keys({"c"});
+  ASSERT_TRUE(tmux.waitFor("Copied")) << tmux.last();
+  EXPECT_EQ(readAll(home_ / "clipboard"), "Dear Ann, see you on Mars.");
+  ASSERT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(nlohmann::json::parse(server_.requests()[0].body)["messages"][1]["content"],
+            "Shall we have lunch on Friday?");
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("Trip to Mars")) << "back in neomutt: " << tmux.last();
+
+  // A new mail to the reserved domain: the wrapper refuses it and neomutt shows why.
+  tmux.keys({"m"});
+  ASSERT_TRUE(tmux.waitFor("To:")) << tmux.last();
+  tmux.type("bob@example.com");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("Subject:")) << tmux.last();
+  tmux.type("Hello");
+  tmux.keys({"Enter"});
+  ASSERT_TRUE(tmux.waitFor("bob@example.com")) << tmux.last();
+  tmux.keys({"y"});
+  ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
+    return has(s, "example.com is not a valid recipient domain") && has(s, "exited 65");
+  })) << tmux.last();
 }
 
 TEST(PanelCommand, HelpAndUsage) {

@@ -31,10 +31,19 @@ inline double seconds(const std::function<void()>& work) {
 }
 
 // Runs `script` with /usr/bin/python3 and `arguments` (already quoted as the shell needs), and
-// returns the one number it prints: the script times its own rounds, so neither the
-// interpreter's start nor its reading of the inputs counts. Negative when Python or the
-// script fails.
-inline double pythonSeconds(const std::string& script, const std::string& arguments) {
+// returns the median seconds of its rounds. The script defines `once()`, one round, and `runs`;
+// the timing loop is added here, so neither the interpreter's start nor its reading of the
+// inputs counts. Negative when Python or the script fails.
+inline double pythonSeconds(std::string script, const std::string& arguments) {
+  script += R"(
+times = []
+for _ in range(runs):
+    start = time.perf_counter()
+    once()
+    times.append(time.perf_counter() - start)
+times.sort()
+print(times[len(times) // 2])
+)";
   char path[] = "/tmp/lumora-bench-XXXXXX.py";
   const int fd = mkstemps(path, 3);
   if (fd < 0) return -1;

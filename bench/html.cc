@@ -105,13 +105,6 @@ def once():
         for q in doc.iter('blockquote'):
             total += len(' '.join(q.text_content().split()))
     return total
-times = []
-for _ in range(runs):
-    start = time.perf_counter()
-    once()
-    times.append(time.perf_counter() - start)
-times.sort()
-print(times[len(times) // 2])
 )";
 
 double lxmlRound(const std::vector<std::string>& sources, int runs) {

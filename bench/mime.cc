@@ -88,13 +88,6 @@ def once():
                     part.get_payload(decode=True)
         except Exception:
             pass
-times = []
-for _ in range(runs):
-    start = time.perf_counter()
-    once()
-    times.append(time.perf_counter() - start)
-times.sort()
-print(times[len(times) // 2])
 )";
 
 // Median seconds per round of the corpus through Python, or a negative number when Python is

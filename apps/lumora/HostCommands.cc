@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "Support.h"
+#include "lumora/mailcontent/mime/MimeHeader.h"
 #include "lumora/panel/SessionHandlers.h"
 #include "lumora/platform/Subprocess.h"
 #include "lumora/platform/Text.h"
@@ -48,57 +49,39 @@ std::string extraHeaderLines(std::string_view eol) {
   return lines;
 }
 
+// Where a message's header block ends: the offset of its first empty line (npos when it has
+// none), and the line ending its first line uses.
+struct HeaderBlock {
+  size_t end = std::string::npos;
+  std::string_view eol = "\n";
+};
+
+HeaderBlock headerBlock(std::string_view message) {
+  HeaderBlock block;
+  for (size_t pos = 0; pos < message.size();) {
+    const size_t newline = message.find('\n', pos);
+    if (newline == std::string_view::npos) break;
+    const bool crlf = newline > pos && message[newline - 1] == '\r';
+    if (pos == 0 && crlf) block.eol = "\r\n";
+    if (newline - pos == (crlf ? 1u : 0u)) {
+      block.end = pos;
+      break;
+    }
+    pos = newline + 1;
+  }
+  return block;
+}
+
 // `message` with the extra header at the end of its header block, in the line ending the
 // block uses. Nothing else changes.
 std::string withExtraHeader(const std::string& message) {
-  // The header block ends at the first empty line.
-  size_t at = std::string::npos;
-  std::string_view eol = "\n";
-  for (size_t pos = 0; pos <= message.size();) {
-    const size_t end = message.find('\n', pos);
-    const size_t lineEnd = end == std::string::npos ? message.size() : end;
-    const bool crlf = lineEnd > pos && message[lineEnd - 1] == '\r';
-    const size_t contentEnd = crlf ? lineEnd - 1 : lineEnd;
-    if (pos == 0) eol = crlf ? "\r\n" : "\n";
-    if (contentEnd == pos && end != std::string::npos) {
-      at = pos;
-      break;
-    }
-    if (end == std::string::npos) break;
-    pos = end + 1;
-  }
-  if (at != std::string::npos) return message.substr(0, at) + extraHeaderLines(eol) + message.substr(at);
+  const HeaderBlock block = headerBlock(message);
+  if (block.end != std::string::npos)
+    return message.substr(0, block.end) + extraHeaderLines(block.eol) + message.substr(block.end);
   // Headers only: the header goes at the end.
   std::string out = message;
-  if (!out.empty() && out.back() != '\n') out += eol;
-  return out + extraHeaderLines(eol);
-}
-
-// The value of each header field named `name` (any letter case), unfolded.
-std::vector<std::string> headerFields(const std::string& message, std::string_view name) {
-  std::vector<std::string> values;
-  std::string* current = nullptr;
-  size_t pos = 0;
-  while (pos < message.size()) {
-    size_t end = message.find('\n', pos);
-    if (end == std::string::npos) end = message.size();
-    std::string_view line(message.data() + pos, end - pos);
-    if (line.ends_with('\r')) line.remove_suffix(1);
-    pos = end + 1;
-    if (line.empty()) break;
-    if (line.front() == ' ' || line.front() == '\t') {
-      if (current) *current += std::string(line);
-      continue;
-    }
-    current = nullptr;
-    const size_t colon = line.find(':');
-    if (colon != std::string_view::npos &&
-        text::equalsIgnoringCase(text::trimmed(line.substr(0, colon)), name)) {
-      values.emplace_back(line.substr(colon + 1));
-      current = &values.back();
-    }
-  }
-  return values;
+  if (!out.empty() && out.back() != '\n') out += block.eol;
+  return out + extraHeaderLines(block.eol);
 }
 
 // The addresses of an address list as written, split at commas outside quotes and brackets.
@@ -146,8 +129,13 @@ std::vector<std::string> recipients(const Args& args, const std::string& message
     }
   }
   if (fromHeaders) {
-    for (const char* field : {"To", "Cc", "Bcc"})
-      for (const std::string& value : headerFields(message, field)) splitAddresses(value, out);
+    const std::string_view header =
+        std::string_view(message).substr(0, headerBlock(message).end);
+    for (const RFC822HeaderField& field : headerFields(header)) {
+      const std::string_view name = text::trimmed(field.name);
+      for (const char* wanted : {"To", "Cc", "Bcc"})
+        if (text::equalsIgnoringCase(name, wanted)) splitAddresses(field.body, out);
+    }
   }
   return out;
 }

@@ -39,6 +39,7 @@ constexpr std::string_view kAerc =
     R"(# Lumora in aerc: each part goes in the file named above it, in ~/.config/aerc/.
 
 # binds.conf: Alt-l opens Lumora's panel on the whole message, in a new terminal tab.
+# aerc reads only your binds.conf once it exists: start it from /usr/share/aerc/binds.conf.
 # :pipe works on messages, so the key goes in the message list and the viewer, not in the
 # [compose] contexts, which do not inherit keys.
 [messages]

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "support/FakeTransport.h"
@@ -62,6 +63,7 @@ class Tmux {
     return tmux({"new-session", "-d", "-x", "80", "-y", "24", "-s", "panel", shellCommand});
   }
   std::string screen() { return tmux({"capture-pane", "-p", "-t", "panel"}).out; }
+  std::string screenWithColours() { return tmux({"capture-pane", "-e", "-p", "-t", "panel"}).out; }
   // Closes the pane's terminal under whatever runs in it.
   void close() { tmux({"kill-session", "-t", "panel"}); }
   void keys(std::vector<std::string> keys) {
@@ -75,8 +77,9 @@ class Tmux {
   }
 
   // Polls the pane until `ok` holds; the last screen is kept for the failure message.
-  bool waitFor(const std::function<bool(const std::string&)>& ok) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  bool waitFor(const std::function<bool(const std::string&)>& ok,
+               std::chrono::milliseconds patience = kPatience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
       last_ = screen();
       if (ok(last_)) return true;
@@ -152,6 +155,45 @@ class PanelTerminalTest : public ::testing::Test {
            "<html><body><p>Sure!</p><blockquote>Shall we have lunch on Friday?</blockquote>"
            "</body></html>\r\n";
     return path.string();
+  }
+
+  // The message of the mail client recipes: its subject names Mars, so that the colouring
+  // rule has something to colour.
+  std::string marsMessage() {
+    std::string message = readAll(writeMessage());
+    message.replace(message.find("Lunch on Friday"), 15, "Trip to Mars");
+    return "Date: Mon, 23 Nov 2026 10:00:00 +0000\r\n" + message;
+  }
+
+  // A mail client in the pane, with the test's environment and `lumora` on its PATH.
+  std::string mailClientCommand(const std::string& program) {
+    std::string command = "env";
+    for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
+    command += " EDITOR=true PATH=" +
+               quoted(std::filesystem::path(LUMORA_BINARY).parent_path().string() +
+                      ":/usr/bin:/bin");
+    return command + " " + program + " 2>" + quoted((home_ / "debug").string()) +
+           "; echo \"[exit $?]\"; sleep 60";
+  }
+
+  // In a panel a mail client opened on the Mars message: a reply is made, copied, and the
+  // panel is closed.
+  void replyAndCopy(Tmux& tmux) {
+    server_.enqueue(Response::stream(sseRecord("Dear Ann, see you on Mars.", "stop") +
+                                         "data: [DONE]\n\n",
+                                     64));
+    ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
+    tmux.keys({"C-g"});
+    ASSERT_TRUE(tmux.waitFor("see you on Mars")) << tmux.last();
+    tmux.keys({"c"});
+    ASSERT_TRUE(tmux.waitFor("Copied")) << tmux.last();
+    EXPECT_EQ(readAll(home_ / "clipboard"), "Dear Ann, see you on Mars.");
+    ASSERT_EQ(server_.requests().size(), 1u);
+    EXPECT_EQ(nlohmann::json::parse(server_.requests()[0].body)["messages"][1]["content"],
+              "Shall we have lunch on Friday?");
+    tmux.keys({"C-q"});
+    ASSERT_TRUE(tmux.waitFor([](const std::string& s) { return !has(s, "Instruction"); }))
+        << tmux.last();
   }
 
   testing::TempDir home_;
@@ -359,18 +401,9 @@ TEST_F(PanelTerminalTest, ClosingTheTerminalMidStreamEndsTheRun) {
 TEST_F(PanelTerminalTest, TheNeomuttRecipe) {
   const std::string neomutt = findProgram("neomutt");
   if (neomutt.empty()) GTEST_SKIP() << "neomutt is not installed";
-  server_.enqueue(Response::stream(sseRecord("Dear Ann, see you on Mars.", "stop") +
-                                       "data: [DONE]\n\n",
-                                   64));
   const auto mail = home_ / "Mail";
   for (const char* sub : {"cur", "new", "tmp"}) std::filesystem::create_directories(mail / sub);
-  std::filesystem::copy_file(writeMessage(), mail / "cur" / "1.lumora:2,S");
-  {
-    // The subject names Mars, so the colouring line has something to colour.
-    std::string message = readAll(mail / "cur" / "1.lumora:2,S");
-    message.replace(message.find("Lunch on Friday"), 15, "Trip to Mars");
-    std::ofstream(mail / "cur" / "1.lumora:2,S", std::ios::binary) << message;
-  }
+  std::ofstream(mail / "cur" / "1.lumora:2,S", std::ios::binary) << marsMessage();
   const std::string snippet = lumora({"integrate", "neomutt"}).out;
   ASSERT_NE(snippet.find("lumora panel -"), std::string::npos) << snippet;
   const auto rc = home_ / "neomuttrc";
@@ -381,27 +414,12 @@ TEST_F(PanelTerminalTest, TheNeomuttRecipe) {
                     << snippet;
 
   Tmux tmux(tmuxProgram_, home_.path());
-  std::string command = "env";
-  for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
-  command += " PATH=" + quoted(std::filesystem::path(LUMORA_BINARY).parent_path().string() +
-                               ":/usr/bin:/bin");
-  command += " " + neomutt + " -n -F " + quoted(rc.string()) + " 2>" +
-             quoted((home_ / "debug").string()) + "; echo \"[exit $?]\"; sleep 60";
-  ASSERT_EQ(tmux.start(command).status, 0);
+  ASSERT_EQ(tmux.start(mailClientCommand(neomutt + " -n -F " + quoted(rc.string()))).status, 0);
   ASSERT_TRUE(tmux.waitFor("Trip to Mars")) << tmux.last();
 
   // The key pipes the message into the panel; a reply is made and copied.
   tmux.keys({"Escape", "a"});
-  ASSERT_TRUE(tmux.waitFor("Instruction")) << tmux.last();
-  tmux.keys({"C-g"});
-  ASSERT_TRUE(tmux.waitFor("see you on Mars")) << tmux.last();
-  tmux.keys({"c"});
-  ASSERT_TRUE(tmux.waitFor("Copied")) << tmux.last();
-  EXPECT_EQ(readAll(home_ / "clipboard"), "Dear Ann, see you on Mars.");
-  ASSERT_EQ(server_.requests().size(), 1u);
-  EXPECT_EQ(nlohmann::json::parse(server_.requests()[0].body)["messages"][1]["content"],
-            "Shall we have lunch on Friday?");
-  tmux.keys({"C-q"});
+  ASSERT_NO_FATAL_FAILURE(replyAndCopy(tmux));
   ASSERT_TRUE(tmux.waitFor("Trip to Mars")) << "back in neomutt: " << tmux.last();
 
   // A new mail to the reserved domain: the wrapper refuses it and neomutt shows why.
@@ -417,6 +435,84 @@ TEST_F(PanelTerminalTest, TheNeomuttRecipe) {
   ASSERT_TRUE(tmux.waitFor([](const std::string& s) {
     return has(s, "example.com is not a valid recipient domain") && has(s, "exited 65");
   })) << tmux.last();
+}
+
+// The documented aerc lines at work, as the neomutt recipe above: each part of the printed
+// snippet goes into the file its comment names, on top of aerc's own key bindings.
+TEST_F(PanelTerminalTest, TheAercRecipe) {
+  const std::string aerc = findProgram("aerc");
+  if (aerc.empty()) GTEST_SKIP() << "aerc is not installed";
+  const auto inbox = home_ / "Mail" / "INBOX";
+  for (const char* sub : {"cur", "new", "tmp"}) std::filesystem::create_directories(inbox / sub);
+  std::ofstream(inbox / "cur" / "1.lumora:2,S", std::ios::binary) << marsMessage();
+
+  // "# FILE: ..." or "# FILE, ..." starts the part of the snippet that goes into FILE.
+  const auto config = home_ / "config" / "aerc";
+  std::filesystem::create_directories(config / "stylesets");
+  std::map<std::string, std::string> files;
+  files["binds.conf"] = readAll("/usr/share/aerc/binds.conf");
+  files["accounts.conf"] = "[local]\nsource = maildir://" + (home_ / "Mail").string() +
+                           "\ndefault = INBOX\nfrom = Bo <bo@example.net>\n";
+  std::string* file = nullptr;
+  std::istringstream snippet(lumora({"integrate", "aerc"}).out);
+  for (std::string line; std::getline(snippet, line);) {
+    if (line.starts_with("# ")) {
+      const size_t end = line.find_first_of(":,", 2);
+      const std::string name = line.substr(2, end - 2);
+      if (end != std::string::npos && !name.empty() && name.find(' ') == std::string::npos) {
+        file = &files[name];
+      }
+    } else if (file) {
+      *file += line + "\n";
+    }
+  }
+  ASSERT_EQ(files.size(), 4u) << "binds.conf, accounts.conf, aerc.conf and the styleset";
+  for (const auto& [name, text] : files) std::ofstream(config / name) << text;
+  std::filesystem::permissions(config / "accounts.conf", std::filesystem::perms::owner_read |
+                                                             std::filesystem::perms::owner_write);
+
+  Tmux tmux(tmuxProgram_, home_.path());
+  ASSERT_EQ(tmux.start(mailClientCommand(aerc)).status, 0);
+  ASSERT_TRUE(tmux.waitFor("Trip to Mars")) << tmux.last();
+  // The subject colouring: the row is drawn in red through the styleset.
+  const std::string colours = tmux.screenWithColours();
+  const size_t row = colours.find("Trip to Mars");
+  EXPECT_NE(colours.rfind("\x1b[91m", row), std::string::npos) << colours;
+
+  // aerc 0.14 now and then drops the first key after it starts or gets its screen back, Alt-l
+  // as much as ':'. So the test types the command the key is bound to on aerc's command line,
+  // pressing ':' until the line opens.
+  const auto exCommand = [&](const std::string& line) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      tmux.keys({":"});
+      const bool open = tmux.waitFor(
+          [](const std::string& s) {
+            const size_t last = s.find_last_not_of("\n ");
+            return last != std::string::npos && s[last] == ':' &&
+                   (last == 0 || s[last - 1] == '\n');
+          },
+          2s);
+      if (open) break;
+    }
+    tmux.type(line);
+    tmux.keys({"Enter"});
+  };
+  const std::string& binds = files["binds.conf"];
+  const size_t bound = binds.find("<A-l> = :");
+  ASSERT_NE(bound, std::string::npos) << binds;
+  const std::string keyCommand = binds.substr(bound + 9, binds.find("<Enter>", bound) - bound - 9);
+  ASSERT_EQ(keyCommand, "pipe -m lumora panel -");
+  exCommand(keyCommand);
+  ASSERT_NO_FATAL_FAILURE(replyAndCopy(tmux));
+
+  // A new mail to the reserved domain, its fields filled through aerc's commands: aerc runs
+  // the wrapper, which refuses it, and aerc shows its exit status (it drops the reason).
+  exCommand("compose");
+  ASSERT_TRUE(tmux.waitFor("Send this email?")) << tmux.last();
+  for (const char* line : {"header -f To bob@example.com", "header -f Subject Hello", "send"}) {
+    exCommand(line);
+  }
+  ASSERT_TRUE(tmux.waitFor("exit status 65")) << tmux.last();
 }
 
 TEST(PanelCommand, HelpAndUsage) {

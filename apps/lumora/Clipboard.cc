@@ -6,8 +6,9 @@
 
 namespace lumora::cli {
 
-PanelPasteboard makePasteboard() {
+PanelPasteboard makePasteboard(std::mutex& terminalLock) {
   SystemPasteboard::Options options;
+  options.terminalLock = &terminalLock;
   options.configuredCommand = [] { return UserSettings::shared().clipboardCommand.get(); };
   // A copy that reaches no clipboard fails with its reason, which the panel shows on its error
   // line; a copy that bounces has reached one.

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "lumora/platform/Pasteboard.h"
@@ -16,7 +17,8 @@ struct PanelPasteboard {
 };
 
 // The user's clipboard (SystemPasteboard): the clipboard command of LUMORA_CLIPBOARD_COMMAND or
-// the "clipboardCommand" setting, wl-copy, xclip, xsel, then the terminal's OSC 52.
-PanelPasteboard makePasteboard();
+// the "clipboardCommand" setting, wl-copy, xclip, xsel, then the terminal's OSC 52, written
+// while `terminalLock` is held (the panel draws under it).
+PanelPasteboard makePasteboard(std::mutex& terminalLock);
 
 }  // namespace lumora::cli

@@ -160,8 +160,10 @@ void useUtf8Locale() {
   if (!codeset || std::strcmp(codeset, "UTF-8") != 0) std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-// Runs the executor and the terminal until the user leaves; returns the exit status.
-int runPanel(MainExecutor& executor, Terminal& terminal, PanelScreen& screen, bool& changed) {
+// Runs the executor and the terminal until the user leaves; returns the exit status. Each
+// drawing holds `drawing`, which a copy's OSC 52 sequence waits for.
+int runPanel(MainExecutor& executor, Terminal& terminal, PanelScreen& screen, bool& changed,
+             std::mutex& drawing) {
   using Clock = std::chrono::steady_clock;
   Clock::time_point drawn{};
   while (true) {
@@ -172,6 +174,7 @@ int runPanel(MainExecutor& executor, Terminal& terminal, PanelScreen& screen, bo
     if (due && now >= *due) changed = true;
     // Drawings are spaced: a fast reply is shown in steps, not chunk by chunk.
     if (changed && now - drawn >= kFrameInterval) {
+      const std::lock_guard lock(drawing);
       terminal.begin();
       screen.draw(terminal, now);
       terminal.finish();
@@ -219,7 +222,8 @@ int panelCommand(const Args& args) {
     MainExecutor executor;
     const SimpleComposeSession session =
         raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
-    PanelPasteboard clipboard = makePasteboard();
+    std::mutex drawing;
+    PanelPasteboard clipboard = makePasteboard(drawing);
     Features& features = Features::shared(&executor);
     SessionMarks marks(session);
     {
@@ -233,7 +237,7 @@ int panelCommand(const Args& args) {
       bool changed = true;
       panel->setObserver([&changed] { changed = true; });
       panel->panelDidAppear();
-      const int status = runPanel(executor, *terminal, screen, changed);
+      const int status = runPanel(executor, *terminal, screen, changed, drawing);
       // A run still going is stopped here, and its worker waited for, before the terminal
       // is given back.
       panel.reset();

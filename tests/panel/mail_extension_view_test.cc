@@ -57,6 +57,12 @@ class PanelTest : public ::testing::Test {
         executor_.runUntil([&] { return panel.latestRunEnded(); }, std::chrono::seconds(5)));
   }
 
+  // Copy, waited for to its end.
+  void copy(MailExtensionView& panel) {
+    panel.copyOutput();
+    ASSERT_TRUE(executor_.runUntil([&] { return !panel.copying(); }, std::chrono::seconds(5)));
+  }
+
   // A run stopped while it waits for the response head, run to its end.
   void stopBeforeTheHead(MailExtensionView& panel) {
     auto gate = std::make_shared<Gate>();
@@ -362,7 +368,7 @@ TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
   transport_.enqueue(FakeAnswer{.pieces = {}, .headGate = gate});
   panel->startGeneration();
   executor_.runUntil([&] { return panel->generating(); }, std::chrono::seconds(5));
-  panel->copyOutput();  // during the wait for the first chunk
+  copy(*panel);  // during the wait for the first chunk
   EXPECT_TRUE(pasteboard_.declared());
   EXPECT_EQ(pasteboard_.text(), "");
   EXPECT_TRUE(panel->copyAnimating());
@@ -372,9 +378,45 @@ TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
   transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Copied text")}});
   panel->startGeneration();
   settle(*panel);
-  panel->copyOutput();
+  copy(*panel);
   EXPECT_EQ(pasteboard_.text(), "Copied text");
   EXPECT_FALSE(panel->copyAnimating());
+}
+
+// A clipboard helper that takes its time does not hold the panel: the copy goes on beside it,
+// a second Copy meanwhile does nothing, and the bounce comes when the helper is done.
+TEST_F(PanelTest, ASlowClipboardDoesNotHoldThePanel) {
+  class Slow final : public Pasteboard {
+   public:
+    void clearContents() override {}
+    void setString(const std::string& text) override {
+      ++calls;
+      gate.wait({});
+      copied = text;
+    }
+    Gate gate;
+    std::atomic<int> calls = 0;
+    std::string copied;
+  } slow;
+  auto panel = makePanel(std::nullopt, false, nullptr, &slow);
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Slowly copied")}});
+  panel->startGeneration();
+  settle(*panel);
+
+  panel->copyOutput();
+  EXPECT_TRUE(panel->copying());
+  EXPECT_TRUE(PanelDescription::describe(*panel, false, Language::english).copying);
+  panel->copyOutput();
+  panel->leaveResult();  // the panel answers while the helper runs
+  executor_.drain();
+  EXPECT_FALSE(panel->showsResult());
+  EXPECT_EQ(panel->copyBounces(), 0u);
+
+  slow.gate.open();
+  ASSERT_TRUE(executor_.runUntil([&] { return !panel->copying(); }, std::chrono::seconds(5)));
+  EXPECT_EQ(slow.calls, 1);
+  EXPECT_EQ(slow.copied, "Slowly copied");
+  EXPECT_EQ(panel->copyBounces(), 1u);
 }
 
 TEST_F(PanelTest, AConversationFetchFailureIsShownAndTheListStays) {
@@ -588,7 +630,7 @@ TEST_F(PanelTest, TheDescriptionFollowsTheStatesOfARun) {
   EXPECT_EQ(d.buttons.back().operation, Op::startGeneration);
   EXPECT_EQ(d.buttons.back().label, "Regenerate");
   const unsigned bounces = d.copyBounces;
-  panel->copyOutput();
+  copy(*panel);
   EXPECT_EQ(describe(*panel).copyBounces, bounces + 1);
 
   // Error with no text: back to the input page with the error above it.
@@ -673,7 +715,7 @@ TEST_F(PanelTest, ACopyThatNoClipboardTakesSaysWhy) {
     }
   } refusing;
   auto panel = makePanel(std::nullopt, false, nullptr, &refusing);
-  panel->copyOutput();
+  copy(*panel);
   EXPECT_EQ(panel->errorMessage(), "No clipboard took the text: install wl-clipboard or xclip.");
   EXPECT_FALSE(panel->copyAnimating());
 }

@@ -565,7 +565,8 @@ void PanelScreen::drawResult(Canvas& canvas, const PanelDescription& d, int top)
     hits_.push_back({buttonRow, buttonRow + 1, column, column + used, Target::button, i});
     column += used + 2;
   }
-  if (!note_.empty()) canvas.write(buttonRow, column + 1, note_, kBold, columns - column - 2);
+  const std::string note = d.copying ? localized("Copying…", settings_.language) : note_;
+  if (!note.empty()) canvas.write(buttonRow, column + 1, note, kBold, columns - column - 2);
 }
 
 void PanelScreen::drawKeys(Canvas& canvas, const PanelDescription& d) {

@@ -204,18 +204,36 @@ void MailExtensionView::leaveResult() {
 }
 
 void MailExtensionView::copyOutput() {
-  try {
-    deps_.pasteboard.clearContents();
-    deps_.pasteboard.setString(output_.str());
-  } catch (const PasteboardError& e) {
+  if (copying_) return;
+  copying_ = true;
+  // The previous copy has posted its end, so its thread is finishing or finished.
+  if (copier_.joinable()) copier_.join();
+  changed();
+  copier_ = std::jthread([weak = weak_from_this(), &executor = deps_.executor,
+                          &pasteboard = deps_.pasteboard, text = output_.str()] {
+    std::string failure;
+    try {
+      pasteboard.clearContents();
+      pasteboard.setString(text);
+    } catch (...) {
+      failure = describeFailure(std::current_exception());
+    }
+    executor.post([weak, failure = std::move(failure)] {
+      if (auto self = weak.lock()) self->copied(failure);
+    });
+  });
+}
+
+void MailExtensionView::copied(const std::string& failure) {
+  copying_ = false;
+  if (!failure.empty()) {
     // No clipboard could take the text: the user reads why above the panel, and nothing
     // bounces, as nothing was copied.
-    errorMessage_ = describeFailure(e);
-    changed();
-    return;
+    errorMessage_ = failure;
+  } else {
+    copyAnimating_ = !copyAnimating_;
+    ++copyBounces_;
   }
-  copyAnimating_ = !copyAnimating_;
-  ++copyBounces_;
   changed();
 }
 

@@ -84,6 +84,8 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
     return conversations_;
   }
   bool copyAnimating() const { return copyAnimating_; }
+  // A copy is under way: Copy does nothing until it ends.
+  bool copying() const { return copying_; }
   // How many times Copy was used: each use flips copyAnimating and adds one here.
   unsigned copyBounces() const { return copyBounces_; }
   // True once the latest run has ended, whichever way: its last change has been made.
@@ -115,7 +117,9 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void startGeneration();
   void stopGeneration();
   void leaveResult();
-  // Copy. When no clipboard takes the text, errorMessage says why and copyAnimating stays.
+  // Copy. The text is handed to the pasteboard on a thread of its own, as a clipboard helper
+  // may take seconds, and the panel goes on meanwhile (copying() says so). When it ends,
+  // copyAnimating flips; when no clipboard took the text, errorMessage says why instead.
   void copyOutput();
 
   // Called on the executor after every change of state.
@@ -131,6 +135,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void generate(const std::shared_ptr<Task>& task);
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
   void finish(const std::shared_ptr<Task>& task);
+  void copied(const std::string& failure);
   void changed();
   void followEditedConversation();
   void endEditing();
@@ -145,11 +150,13 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   std::vector<std::shared_ptr<CDConversation>> conversations_;
   bool copyAnimating_ = false;
   unsigned copyBounces_ = 0;
+  bool copying_ = false;
   std::function<void()> observer_;
   std::vector<std::shared_ptr<Task>> tasks_;  // every run whose worker may still be going
   bool appeared_ = false;
   std::unique_ptr<Editing> editing_;  // while a conversation's editor is up
   bool savePosted_ = false;           // a save waits on the executor
+  std::jthread copier_;               // the latest copy; declared last, so joined first
 };
 
 }  // namespace lumora

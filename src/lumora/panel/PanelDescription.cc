@@ -50,6 +50,7 @@ PanelDescription PanelDescription::describe(const MailExtensionView& panel, bool
     }
   }
   d.copyBounces = panel.copyBounces();
+  d.copying = panel.copying();
   return d;
 }
 

@@ -68,6 +68,8 @@ struct PanelDescription {
   std::vector<Button> buttons;  // Copy, then Stop or Regenerate
   // Changes at every copy; a front-end bounces the Copy symbol when it does.
   unsigned copyBounces = 0;
+  // A copy is under way ("Copying…" beside the buttons); Copy does nothing meanwhile.
+  bool copying = false;
 
   // `inChina` picks the model list; `language` the fixed words.
   static PanelDescription describe(const MailExtensionView& panel, bool inChina,

@@ -25,6 +25,7 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Conversation", "对话"},
     {"Instruction", "指令"},
     {"Copied", "已复制"},
+    {"Copying…", "正在复制…"},
 };
 
 }  // namespace

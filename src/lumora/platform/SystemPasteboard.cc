@@ -117,9 +117,12 @@ void SystemPasteboard::setString(const std::string& text) {
   if (terminal < 0) {
     notes.push_back("there is no terminal for OSC 52");
   } else {
-    const subprocess::WriteEnd written =
-        subprocess::writeAll(terminal, osc52(text, isSet("TMUX")),
-                             std::chrono::steady_clock::now() + options_.timeLimit);
+    const std::string sequence = osc52(text, isSet("TMUX"));
+    std::unique_lock<std::mutex> drawing;
+    if (options_.terminalLock) drawing = std::unique_lock(*options_.terminalLock);
+    const subprocess::WriteEnd written = subprocess::writeAll(
+        terminal, sequence, std::chrono::steady_clock::now() + options_.timeLimit);
+    if (drawing) drawing.unlock();
     if (ownTerminal) close(terminal);
     if (written == subprocess::WriteEnd::written) {
       debug::line({"[debug] copied with OSC 52"});

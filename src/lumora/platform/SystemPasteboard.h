@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,9 @@ class SystemPasteboard final : public Pasteboard {
     // Where the OSC 52 sequence goes: a descriptor that the front-end keeps open,
     // kControllingTerminal (/dev/tty, opened at each copy, when there is one) or kNoTerminal.
     int terminal = kControllingTerminal;
+    // Held while the OSC 52 sequence is written, when the front-end draws on the same terminal
+    // from another thread: the sequence must not land in the middle of a drawing.
+    std::mutex* terminalLock = nullptr;
     // How long one helper (or the terminal) may take before the next way is tried.
     std::chrono::milliseconds timeLimit{5000};
   };

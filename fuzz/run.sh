@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang (libFuzzer, AddressSanitizer, UBSan) and runs each for
-# SECONDS (default 60), seeded from fuzz/corpus/NAME and the provider fixtures.
-# Usage: fuzz/run.sh [SECONDS] [TARGET...]
+# SECONDS (default 60), seeded from fuzz/corpus/NAME, fuzz/regressions/NAME and the shared
+# fixtures. JOBS=N runs N targets at a time (default 1). Each run's executions and time are
+# appended to build-fuzz/runs.tsv; a failing input is left in build-fuzz/artifacts/NAME/, to be
+# kept in fuzz/regressions/NAME/ once the fault is fixed (the normal tests replay that folder).
+# Usage: [JOBS=N] fuzz/run.sh [SECONDS] [TARGET...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -15,10 +18,11 @@ targets=("$@")
     error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset
     html_tokenizer html_tree mail_parser store_files)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
-for t in "${targets[@]}"; do
-  work="build-fuzz/corpus/$t"
-  mkdir -p "$work"
-  seeds=("fuzz/corpus/$t")
+fuzz_one() {
+  local t=$1 seconds=$2
+  local work="build-fuzz/corpus/$t" artifacts="build-fuzz/artifacts/$t/"
+  mkdir -p "$work" "$artifacts"
+  local seeds=("fuzz/corpus/$t" "fuzz/regressions/$t")
   case "$t" in
     line_rules) seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible) ;;
     generative_language) seeds+=(../shared/fixtures/providers/gemini) ;;
@@ -29,13 +33,21 @@ for t in "${targets[@]}"; do
         ../shared/fixtures/mail-corpus/stalwart-mail-parser ../shared/fixtures/mail-corpus/james-mime4j
         ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser) ;;
     html_tokenizer) seeds+=(../shared/fixtures/html5lib-tests/tokenizer) ;;
-    store_files) seeds+=(fuzz/corpus/store_files) ;;
     ollama_lines) seeds+=(../shared/fixtures/providers/ollama) ;;
     html_tree) seeds+=(../shared/fixtures/mail-corpus/mailspring-html ../shared/fixtures/mail-corpus/mailgun-talon) ;;
     mail_parser)
       seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users) ;;
   esac
-  existing=()
+  local existing=() s
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done
-  "build-fuzz/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len=65536 "$work" "${existing[@]}"
-done
+  local log="build-fuzz/$t.log" status=0
+  "build-fuzz/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len=65536 -artifact_prefix="$artifacts" \
+    "$work" "${existing[@]}" >"$log" 2>&1 || status=$?
+  local runs
+  runs=$(sed -n 's/^Done \([0-9]*\) runs in \([0-9]*\) second.*/\1\t\2/p' "$log" | tail -1)
+  printf '%s\t%s\t%s\t%s\n' "$(date -u +%FT%TZ)" "$t" "${runs:-0	0}" "$status" >>build-fuzz/runs.tsv
+  echo "$t: ${runs:-no summary} (exit $status, log $log)"
+  return "$status"
+}
+export -f fuzz_one
+printf '%s\n' "${targets[@]}" | xargs -P "${JOBS:-1}" -I{} bash -c 'fuzz_one "$@"' _ {} "$seconds"

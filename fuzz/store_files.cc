@@ -28,6 +28,13 @@ const std::filesystem::path& scratch() {
     lumora::debug::setSink({});
     return std::filesystem::path(pattern);
   }();
+  // Replays end normally and take the directory with them; libFuzzer's runs end by exit too.
+  static const bool removed = (std::atexit([] {
+                                 std::error_code ignored;
+                                 std::filesystem::remove_all(scratch(), ignored);
+                               }),
+                               true);
+  (void)removed;
   return dir;
 }
 

@@ -1,17 +1,19 @@
 #include "Support.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <sstream>
 
 #include "Commands.h"
 #include "lumora/mailcontent/MailParser.h"
 #include "lumora/store/ConversationStore.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/platform/Text.h"
 #include "lumora/store/UserSettings.h"
 
 namespace lumora::cli {
@@ -24,19 +26,42 @@ int usageError(const std::string& message, const char* help) {
 }
 
 std::optional<std::string> readMessage(const std::string& path) {
-  if (path == "-") {
-    std::ostringstream buffer;
-    buffer << std::cin.rdbuf();
-    return buffer.str();
+  const size_t limit = UserSettings::shared().maxMessageBytes();
+  const bool standardInput = path == "-";
+  const int fd = standardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const auto failed = [&] {
+    std::fprintf(stderr, "lumora: cannot read %s: %s\n",
+                 standardInput ? "standard input" : path.c_str(), std::strerror(errno));
+    if (!standardInput && fd >= 0) close(fd);
+    return std::nullopt;
+  };
+  if (fd < 0) return failed();
+  // A file says its size, so it is read into one piece of that size; a pipe's grows by halves.
+  struct stat info {};
+  size_t capacity = 65536;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode))
+    capacity = static_cast<size_t>(std::min<uintmax_t>(info.st_size, limit)) + 1;
+  std::string bytes(std::min(capacity, limit + 1), '\0');
+  size_t size = 0;
+  while (size <= limit) {
+    if (size == bytes.size()) bytes.resize(std::min(size + size / 2, limit + 1));
+    const ssize_t got = read(fd, bytes.data() + size, bytes.size() - size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return failed();
+    if (got == 0) break;
+    size += static_cast<size_t>(got);
   }
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    std::fprintf(stderr, "lumora: cannot read %s: %s\n", path.c_str(), std::strerror(errno));
+  if (!standardInput) close(fd);
+  if (size > limit) {
+    std::fprintf(stderr,
+                 "lumora: the message is larger than %s, the limit of the setting "
+                 "\"maxMessageMiB\" (lumora settings set maxMessageMiB N)\n",
+                 text::sizeText(limit).c_str());
     return std::nullopt;
   }
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  bytes.resize(size);  // a pipe's slack stays: copying it away would take twice the memory
+  return bytes;
 }
-
 
 MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
                                                   const ComposeSession& session,
@@ -50,7 +75,8 @@ MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
       .ownDefaults = ownDefaults(),
       .environment = ChatEnvironment{.sharedDefaults = sharedDefaults(),
                                      .transport = transport,
-                                     .store = sharedStoreContext},
+                                     .store = sharedStoreContext,
+                                     .maxReplyBytes = UserSettings::shared().maxReplyBytes()},
       .pasteboard = pasteboard,
       .conversations = conversations,
       .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },

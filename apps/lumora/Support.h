@@ -21,7 +21,8 @@ StoreContext* sharedStoreContext();
 int usageError(const std::string& message, const char* help);
 
 // The bytes of a message file, or of standard input for "-". On failure writes the reason to
-// standard error and returns nullopt.
+// standard error and returns nullopt; a message larger than the setting "maxMessageMiB" is such
+// a failure, found before more than the limit is read.
 std::optional<std::string> readMessage(const std::string& path);
 
 

@@ -115,6 +115,8 @@ std::vector<FieldRow> everyField(UserSettings& s) {
       row(s.mailSelectedConversationId, "mailSelectedConversationId", O, "",
           "6F9619FF-8B86-D011-B42D-00C04FC964FF"),
       row(s.clipboardCommand, "clipboardCommand", O, "", "xclip -selection clipboard"),
+      row(s.maxMessageMiB, "maxMessageMiB", O, 64.0, 200.0),
+      row(s.maxReplyMiB, "maxReplyMiB", O, 16.0, 0.5),
   };
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 
 #include "lumora/platform/Http.h"
@@ -19,6 +20,9 @@ struct ChatEnvironment {
   // The conversation store, opened on first call; throws when it cannot be. Empty: no store,
   // so no teams.
   std::function<StoreContext*()> store;
+  // A reply longer than this is cut off there with an error, so that a server that never
+  // stops cannot use up the memory of the process ("maxReplyMiB").
+  size_t maxReplyBytes = size_t{16} << 20;
 };
 
 }  // namespace lumora

@@ -76,7 +76,7 @@ ChunkStream sendChatRequest(const ChatEnvironment& environment, const HttpReques
     checkErrorBody(joined, response->status());
     throw OpenAIError::httpError(response->status());  // not reached: the status is not 200
   }
-  return readChunks(std::move(response), std::move(reader));
+  return readChunks(std::move(response), std::move(reader), environment.maxReplyBytes);
 }
 
 LineProcessor::LineProcessor(LineRule rule, std::shared_ptr<ReplyBuffer> text)

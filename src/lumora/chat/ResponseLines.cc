@@ -3,6 +3,7 @@
 #include "lumora/chat/HttpSession.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/LineSplitter.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 namespace {
@@ -33,13 +34,22 @@ std::string readJoinedLines(HttpResponse& response, std::stop_token stop, std::s
   return joined;
 }
 
-ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader) {
+ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader,
+                       size_t maxReply) {
   std::shared_ptr<HttpResponse> body(std::move(response));
   std::shared_ptr<LineReader> lines(std::move(reader));
-  return ChunkStream::start([body, lines](ChunkSink& sink, std::stop_token stop) {
+  return ChunkStream::start([body, lines, maxReply](ChunkSink& sink, std::stop_token stop) {
     LineSplitter splitter;
     auto onLine = [&](std::string_view line) {
-      if (auto chunk = lines->line(line)) sink.emit(std::move(*chunk));
+      auto chunk = lines->line(line);
+      if (!chunk) return;
+      if (chunk->completed.size() > maxReply) {
+        throw TransportError(TransportError::Code::replyTooLong,
+                             "The reply passed " + text::sizeText(maxReply) +
+                                 ", the limit of the setting \"maxReplyMiB\"; it was cut off "
+                                 "there.");
+      }
+      sink.emit(std::move(*chunk));
     };
     body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop,
                    [&] { sink.publish(); });

@@ -41,7 +41,9 @@ std::string readJoinedLines(HttpResponse& response, std::stop_token stop,
                             std::string_view after = {});
 
 // The stream of a response whose head said it is one: its body's lines go through `reader` on
-// the stream's own thread.
-ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader);
+// the stream's own thread. A chunk whose reply passes `maxReply` bytes fails the stream with
+// TransportError(replyTooLong); the chunks before it stand.
+ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<LineReader> reader,
+                       size_t maxReply);
 
 }  // namespace lumora

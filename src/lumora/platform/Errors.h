@@ -25,6 +25,7 @@ class TransportError : public Error {
     secureConnection,  // TLS failed
     badURL,            // libcurl refused the URL
     lineTooLong,       // a single line exceeded the line limit
+    replyTooLong,      // the reply passed the reply size limit
     cancelled,         // the request was cancelled by its owner
     other,
   };

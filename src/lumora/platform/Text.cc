@@ -184,4 +184,10 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return true;
 }
 
+std::string sizeText(size_t bytes) {
+  constexpr size_t kMiB = size_t{1} << 20;
+  if (bytes != 0 && bytes % kMiB == 0) return std::to_string(bytes / kMiB) + " MiB";
+  return std::to_string(bytes) + " bytes";
+}
+
 }  // namespace lumora::text

@@ -33,4 +33,7 @@ bool startsWithIgnoringCase(std::string_view s, std::string_view prefix);
 // `s` with the ASCII letters in lower case; every other byte as it is.
 std::string asciiLowercased(std::string_view s);
 
+// A size for the user: "16 MiB" when it is a whole number of MiB, else "1000 bytes".
+std::string sizeText(size_t bytes);
+
 }  // namespace lumora::text

@@ -180,7 +180,7 @@ ChunkStream GeminiClient::streamChat(const std::string& model,
     throw chatError(e);
   }
   return readChunks(std::make_unique<ChatFailures>(std::move(response)),
-                    std::make_unique<ReplyLines>(model));
+                    std::make_unique<ReplyLines>(model), environment_.maxReplyBytes);
 }
 
 }  // namespace lumora

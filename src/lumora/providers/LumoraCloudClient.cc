@@ -146,7 +146,7 @@ ChunkStream LumoraCloudClient::streamChat(const std::string& model,
     debug::line({"[debug][api error]", joined});
     std::rethrow_exception(errorFromBody(joined, response->status()));
   }
-  return readChunks(std::move(response), makeLines());
+  return readChunks(std::move(response), makeLines(), environment_.maxReplyBytes);
 }
 
 }  // namespace lumora

@@ -76,7 +76,7 @@ ChunkStream OllamaClient::streamChat(const std::string& model,
     debug::line({"[debug][api error]", readJoinedLines(*response, stop)});
     throw AppError::httpError(response->status());
   }
-  return readChunks(std::move(response), makeLines());
+  return readChunks(std::move(response), makeLines(), environment_.maxReplyBytes);
 }
 
 }  // namespace lumora

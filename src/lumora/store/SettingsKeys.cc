@@ -92,6 +92,9 @@ constexpr SettingKey kKeys[] = {
     plain("mailSelectedConversationId", kOwn, kString, ""),
     // Copy's own way to the clipboard: a shell command that takes the text on standard input.
     plain("clipboardCommand", kOwn, kString, ""),
+    // What one process takes in: the message answered, and the reply, in MiB.
+    plain("maxMessageMiB", kOwn, kNumber, "64"),
+    plain("maxReplyMiB", kOwn, kNumber, "16"),
 };
 
 bool isStringList(const json& value) {

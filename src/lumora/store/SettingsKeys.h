@@ -45,7 +45,8 @@ struct SettingKey {
 };
 
 // Every key: the fields of UserSettings in their order, then the keys that their readers read
-// directly ("azureModels", the panel's three "mail..." keys and Copy's "clipboardCommand").
+// directly ("azureModels", the panel's three "mail..." keys, Copy's "clipboardCommand" and the
+// size limits "maxMessageMiB" and "maxReplyMiB").
 std::span<const SettingKey> settingKeys();
 
 // The entry of `key` (exact, case-sensitive), or null.

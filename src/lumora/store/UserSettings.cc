@@ -30,3 +30,15 @@ UserSettings& UserSettings::shared() {
 }
 
 }  // namespace lumora
+
+namespace lumora {
+
+size_t UserSettings::bytesOf(const DoubleSetting& mebibytes) {
+  constexpr double kMiB = 1 << 20;
+  constexpr double kMostMiB = 1 << 20;  // 1 TiB
+  double value = mebibytes.get();
+  if (!(value > 0 && value <= kMostMiB)) value = mebibytes.defaultValue();
+  return static_cast<size_t>(value * kMiB);
+}
+
+}  // namespace lumora

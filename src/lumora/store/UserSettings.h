@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstddef>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -201,6 +202,16 @@ class UserSettings : private detail::SettingBinder {
   StringSetting mailSelectedModel{bind("mailSelectedModel")};
   StringSetting mailSelectedConversationId{bind("mailSelectedConversationId")};
   StringSetting clipboardCommand{bind("clipboardCommand")};
+  DoubleSetting maxMessageMiB{bind("maxMessageMiB")};
+  DoubleSetting maxReplyMiB{bind("maxReplyMiB")};
+
+  // The two limits in bytes. A value that is not a positive number of at most 1 TiB reads as
+  // the default.
+  size_t maxMessageBytes() const { return bytesOf(maxMessageMiB); }
+  size_t maxReplyBytes() const { return bytesOf(maxReplyMiB); }
+
+ private:
+  static size_t bytesOf(const DoubleSetting& mebibytes);
 };
 
 }  // namespace lumora

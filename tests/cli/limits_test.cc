@@ -1,0 +1,110 @@
+// The size limits of one run, end to end: a message past "maxMessageMiB" is refused before it
+// is read whole, a reply past "maxReplyMiB" is cut off with its text so far kept.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "support/FakeTransport.h"
+#include "support/Process.h"
+#include "support/ScriptedServer.h"
+#include "support/TempDir.h"
+
+namespace lumora {
+namespace {
+
+using testing::ProcessOptions;
+using testing::ProcessResult;
+using testing::Response;
+using testing::ScriptedServer;
+using testing::sseRecord;
+
+class LimitsTest : public ::testing::Test {
+ protected:
+  LimitsTest() {
+    lumora({"settings", "set", "apiKey", "sk-test-limits-0123456789"});
+    std::ofstream(home_ / "message.eml", std::ios::binary) << message(20'000);
+  }
+
+  ProcessResult lumora(std::vector<std::string> args, std::string input = {}) {
+    args.insert(args.begin(), LUMORA_BINARY);
+    ProcessOptions options;
+    options.setEnv = {{"XDG_CONFIG_HOME", (home_ / "config").string()},
+                      {"XDG_DATA_HOME", (home_ / "data").string()},
+                      {"LUMORA_OPENAI_BASE_URL", server_.baseUrl()}};
+    options.unsetEnv = {"LUMORA_DEBUG", "https_proxy", "http_proxy", "HTTPS_PROXY"};
+    options.input = std::move(input);
+    return testing::runProcess(args, options);
+  }
+
+  // A plain message of about `bytes` bytes with one quoted passage.
+  static std::string message(size_t bytes) {
+    std::string m =
+        "From: a@example.org\r\nSubject: Long\r\nContent-Type: text/html\r\n\r\n"
+        "<blockquote>Quoted</blockquote>";
+    while (m.size() < bytes) m += "<p>filler text</p>\r\n";
+    return m;
+  }
+
+  std::string file() const { return (home_ / "message.eml").string(); }
+
+  testing::TempDir home_;
+  ScriptedServer server_;
+};
+
+TEST_F(LimitsTest, AMessagePastTheLimitIsRefusedWhereverItComesFrom) {
+  const std::string refusal =
+      "lumora: the message is larger than 10485 bytes, the limit of the setting "
+      "\"maxMessageMiB\" (lumora settings set maxMessageMiB N)\n";
+  struct Case {
+    const char* name;
+    const char* limit;  // nullptr: unset
+    std::vector<std::string> args;
+    bool fromStandardInput;
+    int status;
+    std::string err;
+  };
+  const std::vector<std::string> dryRun = {"reply", "--dry-run", "--model", "gpt-4o"};
+  const auto with = [](std::vector<std::string> args, const std::string& last) {
+    args.push_back(last);
+    return args;
+  };
+  const Case cases[] = {
+      {"a file under the default", nullptr, with(dryRun, file()), false, 0, ""},
+      {"a file past the limit", "0.01", with(dryRun, file()), false, 1, refusal},
+      {"standard input past the limit", "0.01", with(dryRun, "-"), true, 1, refusal},
+      {"the sendmail wrapper too", "0.01", {"sendmail", "bo@example.org"}, true, 1, refusal},
+      {"a limit that is no size reads as the default", "0", with(dryRun, file()), false, 0, ""},
+      {"standard input under a limit", "0.02", with(dryRun, "-"), true, 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.limit) {
+      ASSERT_EQ(lumora({"settings", "set", "maxMessageMiB", c.limit}).status, 0);
+    } else {
+      lumora({"settings", "unset", "maxMessageMiB"});
+    }
+    const ProcessResult r = lumora(c.args, c.fromStandardInput ? message(20'000) : "");
+    EXPECT_EQ(r.status, c.status) << r.err;
+    if (c.status != 0) {
+      EXPECT_EQ(r.err, c.err);
+    }
+  }
+}
+
+TEST_F(LimitsTest, AReplyPastTheLimitIsCutOffWithItsTextKept) {
+  std::string body;
+  for (int i = 0; i < 100; ++i) body += sseRecord("0123456789");
+  server_.enqueue(Response::stream(body + "data: [DONE]\n\n", 64));
+  ASSERT_EQ(lumora({"settings", "set", "maxReplyMiB", "0.0005"}).status, 0);  // 524 bytes
+  const ProcessResult r = lumora({"reply", "--model", "gpt-4o", file()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "lumora: The reply passed 524 bytes, the limit of the setting \"maxReplyMiB\"; it "
+            "was cut off there.\n");
+  std::string kept;
+  for (int i = 0; i < 52; ++i) kept += "0123456789";
+  EXPECT_EQ(r.out, kept + "\n");
+}
+
+}  // namespace
+}  // namespace lumora

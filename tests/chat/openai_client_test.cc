@@ -56,8 +56,6 @@ TEST_F(OpenAIClientTest, ServiceURLs) {
        "https://llm.example.org/api/v1/chat/completions"},
       {"a scheme in capitals is not recognised", CustomDomain{"HTTPS://llm.example.org", {}, false},
        "", "https://HTTPS//llm.example.org/v1/chat/completions"},
-      {"team without scheme", Team{"team.example.org", "t"}, "",
-       "https://team.example.org/v1/chat/completions"},
       {"team with a path of its own", Team{"team.example.org/llm", "t"}, "",
        "https://team.example.org/llm/v1/chat/completions"},
       {"a domain that is no URL", Team{"bad host name", "t"}, "", "error: Invalid domain"},
@@ -67,10 +65,6 @@ TEST_F(OpenAIClientTest, ServiceURLs) {
        "https://gateway.example.net/acct/openai/chat/completions"},
       {"a gateway of spaces counts as absent", OpenAiService{"k"}, "   ",
        "https://api.openai.com/v1/chat/completions"},
-      {"custom domains ignore the gateway", CustomDomain{"llm.example.org", {}, false},
-       "https://gateway.example.net/x", "https://llm.example.org/v1/chat/completions"},
-      {"teams ignore the gateway", Team{"team.example.org", "t"}, "https://gateway.example.net/x",
-       "https://team.example.org/v1/chat/completions"},
       {"other services use the OpenAI endpoint", Groq{"k"}, "",
        "https://api.openai.com/v1/chat/completions"},
   };
@@ -101,49 +95,28 @@ TEST_F(OpenAIClientTest, AzureDeploymentRules) {
     std::string expected;
   };
   const std::string chat(kChatPath);
+  const auto deployment = [](const std::string& name) {
+    return "https://res.openai.azure.com/openai/deployments/" + name +
+           "/chat/completions?api-version=2023-05-15";
+  };
+  const auto transcriptions = [](const std::string& name) {
+    return "https://res.openai.azure.com/openai/deployments/" + name +
+           "/audio/transcriptions?api-version=2023-09-01-preview";
+  };
   const Case cases[] = {
       {"no deployments: the model without dots", nlohmann::json::object(), "gpt-3.5-turbo", chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
-       "completions?api-version=2023-05-15"},
-      {"a deployment value equal to the dotless model",
-       {{"anything", "gpt-35-turbo"}},
-       "gpt-3.5-turbo",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
-       "completions?api-version=2023-05-15"},
-      {"the value stored under the dotless model",
-       {{"gpt-4", "my-gpt4"}},
-       "gpt-4",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/my-gpt4/chat/"
-       "completions?api-version=2023-05-15"},
-      {"the key is the dotless model, not the model",
-       {{"gpt-3.5-turbo", "mine"}},
-       "gpt-3.5-turbo",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-35-turbo/chat/"
-       "completions?api-version=2023-05-15"},
-      {"an empty value falls back to the model",
-       {{"gpt-4", ""}},
-       "gpt-4",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/"
-       "completions?api-version=2023-05-15"},
-      {"not all strings counts as empty",
-       {{"gpt-4", "mine"}, {"x", 3}},
-       "gpt-4",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/gpt-4/chat/"
-       "completions?api-version=2023-05-15"},
-      {"whisper",
-       {{"whisper", "my-whisper"}},
-       "whisper",
-       chat,
-       "https://res.openai.azure.com/openai/deployments/my-whisper/audio/"
-       "transcriptions?api-version=2023-09-01-preview"},
+       deployment("gpt-35-turbo")},
+      {"a deployment value equal to the dotless model", {{"anything", "gpt-35-turbo"}},
+       "gpt-3.5-turbo", chat, deployment("gpt-35-turbo")},
+      {"the value stored under the dotless model", {{"gpt-4", "my-gpt4"}}, "gpt-4", chat,
+       deployment("my-gpt4")},
+      {"the key is the dotless model, not the model", {{"gpt-3.5-turbo", "mine"}}, "gpt-3.5-turbo",
+       chat, deployment("gpt-35-turbo")},
+      {"an empty value falls back to the model", {{"gpt-4", ""}}, "gpt-4", chat,
+       deployment("gpt-4")},
+      {"whisper", {{"whisper", "my-whisper"}}, "whisper", chat, transcriptions("my-whisper")},
       {"whisper without its own deployment", nlohmann::json::object(), "whisper", "/v1/other",
-       "https://res.openai.azure.com/openai/deployments/whisper/audio/"
-       "transcriptions?api-version=2023-09-01-preview"},
+       transcriptions("whisper")},
       {"another path is appended as text", nlohmann::json::object(), "gpt-4", "/v1/models",
        "https://res.openai.azure.com/v1/models"},
   };
@@ -168,25 +141,11 @@ TEST_F(OpenAIClientTest, AuthenticationHeaders) {
       {CustomDomain{"d", std::nullopt, true}, {}},
       {Azure{"https://e", "az"}, {{"api-key", "az"}}},
       {Claude{"c"}, {}},
-      {Reka{"r"}, {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.service.description());
     EXPECT_EQ(OpenAIClient(c.service, env_).authHeaders(), c.expected);
   }
-}
-
-TEST_F(OpenAIClientTest, RequestConstantsAndBody) {
-  const OpenAIClient client(OpenAiService{"sk-a"}, env_);
-  const HttpRequest r = client.chatRequest(
-      "gpt-4o.1", {{"system", "Be kind", std::nullopt}, {"user", "Hi", std::nullopt}}, 0.7);
-  EXPECT_EQ(r.method, "POST");
-  EXPECT_EQ(r.headers, (HttpHeaders{{"Authorization", "Bearer sk-a"},
-                                    {"Content-Type", "application/json"},
-                                    {"Accept", "text/event-stream"}}));
-  EXPECT_EQ(
-      r.body,
-      R"({"model":"gpt-4o.1","messages":[{"role":"system","content":"Be kind"},{"role":"user","content":"Hi"}],"stream":true,"temperature":0.7})");
 }
 
 TEST_F(OpenAIClientTest, TemperatureIsClampedAndMaxTokensOnlyForTheVisionPreview) {
@@ -199,7 +158,6 @@ TEST_F(OpenAIClientTest, TemperatureIsClampedAndMaxTokensOnlyForTheVisionPreview
   const Case cases[] = {
       {"gpt-4o", 2.5, 2.0, std::nullopt},
       {"gpt-4o", -1, 0.0, std::nullopt},
-      {"gpt-4o", 0, 0.0, std::nullopt},
       {"gpt-4o", std::nan(""), 0.0, std::nullopt},
       {"gpt-4o", 1.3, 1.3, std::nullopt},
       {"gpt-4-vision-preview", 1, 1.0, 4096},
@@ -250,26 +208,12 @@ TEST_F(OpenAIClientTest, ErrorBodiesGiveTheUsersText) {
       {"openai/error-401-invalid-api-key.json", 401,
        "Error invalid_api_key: Incorrect API key provided: invalid-key. You can find your API "
        "key at https://platform.openai.com/account/api-keys."},
-      {"openai/error-401-invalid-api-key-compact-indent.json", 401,
-       "Error invalid_api_key: Incorrect API key provided: invalid-key. You can find your API "
-       "key at https://platform.openai.com/account/api-keys."},
-      {"openai/error-429-rate-limit-tokens.json", 429,
-       "Error rate_limit_exceeded: Request too large for gpt-4.1-nano-long-context in "
-       "organization org-eLwBCUaB2ePnSi6dlToWtHZK on tokens per min (TPM): Limit 400000, "
-       "Requested 2500013. The input or output tokens must be reduced in order to run "
-       "successfully. Visit https://platform.openai.com/account/rate-limits to learn more."},
-      {"openai/error-400-context-length.json", 400,
-       "Error context_length_exceeded: Your input exceeds the context window of this model. "
-       "Please adjust your input and try again."},
       {"openai/error-400-unsupported-parameter.json", 400,
        "Error unsupported_parameter: Unsupported parameter: 'max_tokens' is not supported with "
        "this model. Use 'max_completion_tokens' instead."},
-      {"openai-compatible/ollama-cloud-error-401.json", 401, "Error : Unauthorized"},
       {"openai-compatible/ollama-cloud-error-400.json", 400,
        "Error : prompt too long; exceeded max context length by 1119046 tokens (ref: "
        "96164522-08b2-4cbf-886e-e5a38961a688)"},
-      {"openai-compatible/deepseek-error-401.json", 401,
-       "Error invalid_request_error: Authentication Fails, Your api key: ****-key is invalid"},
       {"<html><body>502 Bad Gateway</body></html>", 502, "Unexpected http code 502"},
       {R"({"error":{"message":"m","code":42}})", 400, "Unexpected http code 400"},
       {R"({"error":{"code":"x"}})", 403, "Unexpected http code 403"},

@@ -3,15 +3,13 @@
 // messages are not ours to copy), and every message of the corpus runs to a request or to a
 // clear failure, never to a crash.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "support/Fixtures.h"
-#include "support/Process.h"
-#include "support/TempDir.h"
+#include "support/LumoraHome.h"
 
 namespace lumora {
 namespace {
@@ -32,14 +30,9 @@ std::string lengthAndHash(const std::string& text) {
 class ReplyCorpusTest : public ::testing::Test {
  protected:
   testing::ProcessResult dryRun(const std::string& file) {
-    testing::ProcessOptions options;
-    options.setEnv["XDG_CONFIG_HOME"] = (home_ / "config").string();
-    options.setEnv["XDG_DATA_HOME"] = (home_ / "data").string();
-    options.unsetEnv = {"LUMORA_DEBUG", "OPENAI_API_KEY"};
-    const auto path = testing::fixturesDir() / "mail-corpus" / file;
-    return testing::runProcess({LUMORA_BINARY, "reply", "--dry-run", path.string()}, options);
+    return home_.run({"reply", "--dry-run", (testing::mailCorpusDir() / file).string()});
   }
-  testing::TempDir home_;
+  testing::LumoraHome home_;
 };
 
 enum class Expect { passages, instructionAlone, failure };
@@ -50,42 +43,20 @@ TEST_F(ReplyCorpusTest, TheUserMessageOfRealReplies) {
     Expect expect;
     std::string pinned;  // passages: length and hash; failure: the line on standard error
   };
+  // The messages without passages are a few of each structure: every message of the corpus
+  // runs below as well.
   const Case cases[] = {
       {"list-archive-openbmc/applemail-qp-texthtml-773a72f989.eml", Expect::passages, "2931:55d85a6333199c2f"},
       {"list-archive-openbmc/ibmverse-qp-texthtml-e889407978.eml", Expect::passages, "1743:f2273902ef7930cd"},
       {"list-archive-openbmc/lotusdomino-qp-texthtml-668aaacf15.eml", Expect::passages, "1815:9d23f32228200ce8"},
       {"list-archive-openbmc/thunderbird-deep-nesting-12-d14164f80b.eml", Expect::passages, "94756:e0792651bd74efc1"},
-      {"mailgun-talon/standard_replies/sparrow.eml", Expect::passages, "50:33d85d13fabe07b3"},
-      {"list-archive-openbmc/applemail-qp-alternative-370bbe19be.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/applemail-qp-signed-d83a8a5dd4.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/coremail-base64-alternative-691e680a5a.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/evolution-qp-alternative-dd3e07fe6b.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/foxmail-qp-related-85b935300f.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/gmail-base64-alternative-3ae09a66ca.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/gmail-qp-alternative-b007397bf2.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/gmail-qp-related-dd24d9cdfb.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/iphone-qp-alternative-a7dc2c0d86.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/k9-qp-alternative-88d76aab21.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/macoutlook-base64-alternative-634abb99f6.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/openxchange-qp-alternative-8a442a5c99.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/outlook-base64-alternative-a4b2917fc7.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/outlook-divRplyFwdMsg-qp-alternative-gb2312-subject-ad3bd73d27.eml", Expect::failure, "lumora: A part of the message is not valid UTF-8 text."},
-      {"list-archive-openbmc/outlook16-qp-alternative-85ed478528.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/qqmail-base64-alternative-ec86ad6e3d.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/thunderbird-7bit-alternative-e603a28625.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/thunderbird-8bit-alternative-3a6dc4a281.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/thunderbird-base64-alternative-bed48ef893.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/thunderbird-qp-signed-9ac7162f67.eml", Expect::instructionAlone, ""},
       {"list-archive-openbmc/yandex-base64-texthtml-a7f1a1f7ff.eml", Expect::instructionAlone, ""},
-      {"list-archive-openbmc/zoho-qp-alternative-8c4ef0d4d6.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/applemail-qp-mixedfooter-465d739b99.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/fastmail-qp-mixedfooter-24d2d8c8a3.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/gmail-nocte-mixedfooter-9ab67065ec.eml", Expect::instructionAlone, ""},
       {"list-archive-usrp-users/gmail-outlookquote-base64-mixedfooter-4e7ad3ee92.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/gmail-qp-mixedfooter-cfd6048ddd.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/iphone-7bit-mixedfooter-95ae797190.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/iphone-qp-mixedfooter-d74fafde2e.eml", Expect::instructionAlone, ""},
-      {"list-archive-usrp-users/mailru-base64-mixedfooter-16f96518ac.eml", Expect::instructionAlone, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);

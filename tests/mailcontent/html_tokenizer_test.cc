@@ -78,53 +78,25 @@ TokenizerRun tokenize(std::string_view input, TokenizerState state, const std::o
 // ---------------------------------------------------------------------------------------------
 // The html5lib suite
 
-// "\uXXXX" sequences (surrogate pairs joined) to UTF-8. A lone surrogate has no UTF-8 form.
+// "\uXXXX" sequences (surrogate pairs joined) to UTF-8, read as the escapes of a JSON string
+// with the text between them escaped as JSON. A lone surrogate has no UTF-8 form.
 std::optional<std::string> unescapeDoubleEscaped(const std::string& s) {
-  auto hexAt = [&](size_t i) -> std::optional<uint32_t> {
-    if (i + 6 > s.size() || s[i] != '\\' || s[i + 1] != 'u') return std::nullopt;
-    uint32_t value = 0;
-    for (size_t k = i + 2; k < i + 6; ++k) {
-      const char c = s[k];
-      const int digit = c >= '0' && c <= '9' ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
-      if (digit < 0) return std::nullopt;
-      value = value * 16 + static_cast<uint32_t>(digit);
-    }
-    return value;
+  const auto escaped = [](const std::string& text) {
+    const std::string quoted = json(text).dump();
+    return quoted.substr(1, quoted.size() - 2);
   };
-  std::string out;
-  for (size_t i = 0; i < s.size();) {
-    std::optional<uint32_t> code = hexAt(i);
-    if (!code) {
-      out += s[i++];
-      continue;
-    }
-    i += 6;
-    if (*code >= 0xD800 && *code <= 0xDBFF) {
-      const std::optional<uint32_t> low = hexAt(i);
-      if (!low || *low < 0xDC00 || *low > 0xDFFF) return std::nullopt;
-      code = 0x10000 + ((*code - 0xD800) << 10) + (*low - 0xDC00);
-      i += 6;
-    } else if (*code >= 0xDC00 && *code <= 0xDFFF) {
-      return std::nullopt;
-    }
-    const uint32_t c = *code;
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
+  std::string literal = "\"";
+  size_t from = 0;
+  for (size_t at = s.find("\\u"); at != std::string::npos; at = s.find("\\u", from)) {
+    literal += escaped(s.substr(from, at - from)) + s.substr(at, 6);
+    from = at + 6;
   }
-  return out;
+  literal += escaped(s.substr(std::min(from, s.size()))) + "\"";
+  try {
+    return json::parse(literal).get<std::string>();
+  } catch (const json::exception&) {
+    return std::nullopt;
+  }
 }
 
 // Unescapes every string in `value` (attribute names too); false if one has no UTF-8 form.
@@ -319,11 +291,6 @@ TEST(HtmlTokenizer, RunsOfTextAreJoinedAcrossReferencesAndNulls) {
   }
 }
 
-TEST(HtmlTokenizer, TextAroundTagsIsSplitOnlyByTheTags) {
-  EXPECT_EQ(tokensOf("x&lt;y<b>z&amp;</b>"),
-            json::parse(R"([["Character","x<y"],["StartTag","b",{}],["Character","z&"],["EndTag","b"]])"));
-}
-
 // Carriage returns stay in text, comments and values; between the parts of markup they
 // separate like any white space, so CRLF mail markup tokenizes as it would with LF.
 TEST(HtmlTokenizer, CarriageReturnsAreKept) {
@@ -374,25 +341,6 @@ TEST(HtmlTokenizer, TextElementsEndAtTheirOwnEndTag) {
     }
     EXPECT_EQ(tokens, json::parse(c.expected)) << c.input;
     EXPECT_EQ(tokenizer.next().type, Token::Type::endOfFile) << "end of file repeats";
-  }
-}
-
-TEST(HtmlTokenizer, UnterminatedMarkupAtTheEnd) {
-  const struct {
-    std::string_view input;
-    std::string_view expected;
-  } cases[] = {
-      {"<!-- never closed <b>", R"([["Comment"," never closed <b>"]])"},
-      {"<!--", R"([["Comment",""]])"},
-      {"<!--x--", R"([["Comment","x"]])"},
-      {"<!--x--!", R"([["Comment","x"]])"},
-      {"<?php echo", R"([["Comment","?php echo"]])"},
-      {"<!DOCTYPE html PUBLIC \"-//W3C", R"([["DOCTYPE","html","-//W3C",null,false]])"},
-      {"text<a href='unclosed", R"([["Character","text"]])"},
-      {"text</", R"([["Character","text</"]])"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(tokensOf(c.input), json::parse(c.expected)) << c.input;
   }
 }
 

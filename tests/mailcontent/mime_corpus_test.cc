@@ -51,57 +51,14 @@ TEST(MimeCorpus, TreeShapes) {
     const char* file;
     const char* shape;  // or "structure" / "header" for the error it fails with
   };
+  // Every message is compared with the literal parse above; these pin the shapes of a few
+  // common replies, and the parse's own rules, by hand.
   const Case cases[] = {
-      // Replies from current mail programs, multipart/alternative at the top.
       {"list-archive-openbmc/gmail-qp-alternative-b007397bf2.eml",
        "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"list-archive-openbmc/gmail-base64-alternative-3ae09a66ca.eml",
-       "alternative[text/plain:7bit,text/html:base64]"},
-      {"list-archive-openbmc/thunderbird-base64-alternative-bed48ef893.eml",
-       "alternative[text/plain:7bit,text/html:base64]"},
-      {"list-archive-openbmc/thunderbird-8bit-alternative-3a6dc4a281.eml",
-       "alternative[text/plain:8bit,text/html:8bit]"},
-      {"list-archive-openbmc/outlook16-qp-alternative-85ed478528.eml",
-       "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"list-archive-openbmc/macoutlook-base64-alternative-634abb99f6.eml",
-       "alternative[text/plain:base64,text/html:base64]"},
-      {"list-archive-openbmc/iphone-qp-alternative-a7dc2c0d86.eml",
-       "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"list-archive-openbmc/k9-qp-alternative-88d76aab21.eml",
-       "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"list-archive-openbmc/zoho-qp-alternative-8c4ef0d4d6.eml",
-       "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"list-archive-openbmc/applemail-qp-texthtml-773a72f989.eml", "text/html:quoted-printable"},
-      // Nested related, mixed and signed.
-      {"list-archive-openbmc/foxmail-qp-related-85b935300f.eml",
-       "related[alternative[text/plain:base64,text/html:quoted-printable],image/png:base64,"
-       "image/png:base64,image/png:base64]"},
-      {"list-archive-openbmc/gmail-qp-related-dd24d9cdfb.eml",
-       "related[alternative[text/plain:7bit,text/html:quoted-printable],image/gif:base64,"
-       "image/gif:base64,image/gif:base64]"},
       {"list-archive-openbmc/thunderbird-qp-signed-9ac7162f67.eml",
        "signed[mixed[alternative[text/plain:quoted-printable,text/html:quoted-printable]],"
        "application/pgp-signature:7bit]"},
-      {"list-archive-usrp-users/outlook-qp-mixedfooter-9f51c803f3.eml",
-       "mixed[signed[alternative[text/plain:quoted-printable,text/html:quoted-printable],"
-       "application/pkcs7-signature:base64],text/plain:7bit]"},
-      {"list-archive-usrp-users/gmail-nocte-mixedfooter-9ab67065ec.eml",
-       "mixed[text/html:7bit,text/plain:7bit]"},
-      {"list-archive-usrp-users/yahoo-qp-mixedfooter-8e240d11b2.eml",
-       "mixed[alternative[text/plain:quoted-printable,text/html:quoted-printable],text/plain:7bit]"},
-      // Other character sets.
-      {"list-archive-openbmc/qqmail-base64-alternative-ec86ad6e3d.eml",
-       "alternative[text/plain:base64,text/html:base64]"},
-      {"list-archive-openbmc/outlook-divRplyFwdMsg-qp-alternative-gb2312-subject-ad3bd73d27.eml",
-       "alternative[text/plain:base64,text/html:quoted-printable]"},
-      {"rspamd/spam.eml",
-       "mixed[alternative[text/plain:quoted-printable,text/html:quoted-printable],"
-       "text/plain:base64]"},
-      {"rspamd/arcallow.eml", "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"redmine/japanese_keywords_iso_2022_jp.eml",
-       "alternative[text/plain:quoted-printable,text/html:quoted-printable]"},
-      {"stalwart-mail-parser/thirdparty/005.eml",
-       "mixed[text/plain:binary,text/plain:base64,text/plain:base64,text/plain:base64]"},
       // The parse's own rules on real mail: an enclosed message is a leaf, a later
       // Content-Type in a header without its empty line wins, an empty field takes the next
       // line, a boundary parameter in capitals is no boundary, a missing closing delimiter
@@ -167,11 +124,9 @@ TEST(MimeCorpus, TextsDecodeFromTheirCharacterSets) {
   };
   const Case cases[] = {
       {"rspamd/spam.eml", 0, "ДЕТСКИЕ АУДИОЭНЦИКЛОПЕДИИ"},  // windows-1251, quoted-printable
-      {"mimekit/messages/japanese.txt", 0, "日本語が"},  // iso-2022-jp
       {"list-archive-openbmc/outlook-divRplyFwdMsg-qp-alternative-gb2312-subject-ad3bd73d27.eml",
        0, "发件人"},                                             // gb2312, base64
       {"spamscope-mail-parser/mail_test_9", 0, "镜头"},          // labelled gb2312, written in GBK
-      {"redmine/body_ks_c_5601-1987.eml", 0, "고맙습니다."},     // ks_c_5601-1987
       {"stalwart-mail-parser/thirdparty/005.eml", 3, "『世界人権宣言』"},
       {"list-archive-openbmc/qqmail-base64-alternative-ec86ad6e3d.eml", 1,
        "charset=GB18030"},  // gb18030

@@ -79,6 +79,8 @@ TEST(MimeParser, Structure) {
     std::string message;
     Outcome expected;
   };
+  // The rules by hand; AgreesWithTheLiteralParse below meets every mix of delimiters, nested
+  // multiparts, bad fields and line ends as well.
   const Case cases[] = {
       {"one line without line end", "Subject: x", Failure::structure},
       {"header with empty body", "Subject: x\n", MimePicture{"-:7bit", {""}}},
@@ -103,21 +105,8 @@ TEST(MimeParser, Structure) {
        kMixed + "\n--b\n\none\n--b\n\ntwo\n", MimePicture{"mixed[-:7bit]", {"one"}}},
       {"a second delimiter without hyphens still closes",
        kMixed + "\n--b\n\none\n--b\n", MimePicture{"mixed[-:7bit]", {"one"}}},
-      {"a delimiter on two lines in a row: the second is header text",
-       kMixed + "\n--b\n\none\n--b\n--b\nX: y\n\ntwo\n--b--",
-       MimePicture{"mixed[-:7bit,-:7bit]", {"one", "two"}}},
       {"a part of one line without line end fails", kMixed + "\n--b\nhello\n--b--\n",
        Failure::structure},
-      {"a part that is all header has an empty body", kMixed + "\n--b\nX: y\n\n--b--\n",
-       MimePicture{"mixed[-:7bit]", {""}}},
-      {"a part beginning with an empty line has no header", kMixed + "\n--b\n\nbody\n--b--",
-       MimePicture{"mixed[-:7bit]", {"body"}}},
-      {"a longer line starting with the delimiter closes a part too",
-       kMixed + "\n--b\n\none\n--bd: x\n\ntwo\n--b--",
-       MimePicture{"mixed[-:7bit,-:7bit]", {"one", "two"}}},
-      {"a delimiter in the message's own header counts",
-       "Content-Type: multipart/mixed; boundary=b\n--b\nX: y\n\nbody\n--b--\n",
-       MimePicture{"mixed[-:7bit]", {"body"}}},
       {"related is mixed, ALTERNATIVE is alternative",
        "Content-Type: multipart/related; boundary=o\n\n--o\n"
        "Content-Type: multipart/ALTERNATIVE; boundary=i\n\n--i\n\na\n--i--\n--o--\n",
@@ -136,21 +125,8 @@ TEST(MimeParser, Structure) {
       {"an inner delimiter cannot take the line feed of an outer one",
        kMixed + "\n--b\nContent-Type: multipart/mixed; boundary=c\n\n--c\n\nx\n--c\n--b\n\ny\n--b--",
        MimePicture{"mixed[mixed[-:7bit],-:7bit]", {"x", "y"}}},
-      {"an inner multipart without closing delimiter ends with the outer part",
-       kMixed + "\n--b\nContent-Type: multipart/mixed; boundary=c\n\n--c\n\nx\n--c\n\nlost\n--b\n\ny\n--b--",
-       MimePicture{"mixed[mixed[-:7bit],-:7bit]", {"x", "y"}}},
       {"a bad header in a closed part fails the message",
        kMixed + "\n--b\nContent-Type: text\n\nx\n--b--\n", Failure::header},
-      {"a bad header behind the last delimiter is never read",
-       kMixed + "\n--b\n\nx\n--b--\nContent-Type: text\n\ny\n", MimePicture{"mixed[-:7bit]", {"x"}}},
-      {"a bad header in the preamble is never read",
-       kMixed + "\nContent-Type: text\n\n--b\n\nx\n--b--", MimePicture{"mixed[-:7bit]", {"x"}}},
-      {"a part that is all header and opens a multipart",
-       kMixed + "\n--b\nContent-Type: multipart/mixed; boundary=c\n--c\n\nx\n--c\nY: z\n--b--",
-       MimePicture{"mixed[mixed[-:7bit]]", {"x"}}},
-      {"the same boundary inside finds no delimiter of its own",
-       kMixed + "\n--b\n" + kMixed + "\n--b\n\nx\n--b--\n",
-       MimePicture{"mixed[mixed[],-:7bit]", {"x"}}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -255,13 +231,6 @@ TEST(MimeParser, ManyParts) {
   const Mime mime = MimeParser::parse(message);
   ASSERT_EQ(mime.content().parts().size(), 10000u);
   EXPECT_EQ(mime.content().parts().back().content().body()->raw(), "part");
-}
-
-TEST(Mime, MovesWithoutCopyingAndDestroysDeepTreesIteratively) {
-  Mime a = MimeParser::parse(nested(50000, true));
-  Mime b = MimeParser::parse("Subject: x\n\nbody");
-  b = std::move(a);  // the old tree of b goes, the deep one moves
-  EXPECT_EQ(testing::depthOf(b), 50000u);
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ class PanelTest : public ::testing::Test {
               if (parserFailure_) std::rethrow_exception(parserFailure_);
               return passages_;
             },
-        .overrides = {},
+        .overrides = overrides_,
         .onServiceChosen = {},
     };
     return MailExtensionView::make(std::move(deps));
@@ -55,6 +55,13 @@ class PanelTest : public ::testing::Test {
   void settle(MailExtensionView& panel) {
     ASSERT_TRUE(
         executor_.runUntil([&] { return panel.latestRunEnded(); }, std::chrono::seconds(5)));
+  }
+
+  // A run that the transport answers with `answer`, to its end.
+  void generate(MailExtensionView& panel, FakeAnswer answer = {}) {
+    transport_.enqueue(std::move(answer));
+    panel.startGeneration();
+    settle(panel);
   }
 
   // Copy, waited for to its end.
@@ -110,7 +117,16 @@ class PanelTest : public ::testing::Test {
   SimpleComposeSession session_;
   std::vector<std::string> passages_;
   std::exception_ptr parserFailure_;
+  decltype(MailExtensionView::Dependencies::overrides) overrides_;
 };
+
+// The messages of the last request, a line each: "role: content".
+std::string brief(const nlohmann::json& messages) {
+  std::string out;
+  for (const auto& m : messages)
+    out += m["role"].get<std::string>() + ": " + m["content"].get<std::string>() + "\n";
+  return out;
+}
 
 // What goes out for each combination of passages and chosen conversation.
 TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
@@ -119,7 +135,7 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
     std::vector<std::string> passages;
     std::string conversationId;
     std::optional<CDConversation::Fields> conversation;
-    nlohmann::json messages;
+    std::string messages;
     std::string model;
   };
   const CDConversation::Fields withPrompt{.id = kConversationId,
@@ -127,73 +143,36 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
                                           .model = "claude-3-haiku"};
   const CDConversation::Fields withoutPrompt{.id = kConversationId, .model = "claude-3-haiku"};
   const CDConversation::Fields emptyPrompt{.id = kConversationId, .systemPrompt = ""};
+  const std::string lowerId = "0f8fad5b-d9cb-469f-a165-70867728950e";
   const std::string prompt = "You're my assistant, please reply this email";
+  const std::string quotes = "user: first quote\nsecond quote\n";
   const std::vector<std::string> two{"first quote", "second quote"};
   const Case cases[] = {
-      {"quotes, nothing chosen",
-       two,
-       "",
-       std::nullopt,
-       {{{"role", "system"}, {"content", prompt}},
-        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+      {"quotes, nothing chosen", two, "", std::nullopt, "system: " + prompt + "\n" + quotes,
        "gpt-4o"},
-      {"quotes, id not a UUID",
-       two,
-       "not-a-uuid",
-       withPrompt,
-       {{{"role", "system"}, {"content", prompt}},
-        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
+      {"quotes, id not a UUID", two, "not-a-uuid", withPrompt, "system: " + prompt + "\n" + quotes,
        "gpt-4o"},
-      {"quotes, conversation gone",
-       two,
-       kConversationId,
-       std::nullopt,
-       {{{"role", "user"}, {"content", "first quote\nsecond quote"}}},
-       "gpt-4o"},
-      {"quotes, conversation without instruction keeps the model",
-       two,
-       kConversationId,
-       withoutPrompt,
-       {{{"role", "user"}, {"content", "first quote\nsecond quote"}}},
-       "gpt-4o"},
-      {"quotes, conversation with instruction and model",
-       two,
-       kConversationId,
-       withPrompt,
-       {{{"role", "system"}, {"content", "Be brief."}},
-        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
-       "claude-3-haiku"},
-      {"quotes, lower-case id still matches",
-       two,
-       "0f8fad5b-d9cb-469f-a165-70867728950e",
-       withPrompt,
-       {{{"role", "system"}, {"content", "Be brief."}},
-        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
-       "claude-3-haiku"},
-      {"quotes, empty instruction is still a system message",
-       two,
-       kConversationId,
-       emptyPrompt,
-       {{{"role", "system"}, {"content", ""}},
-        {{"role", "user"}, {"content", "first quote\nsecond quote"}}},
-       "gpt-4o"},
-      {"no quotes, nothing chosen",
-       {},
-       "",
-       std::nullopt,
-       {{{"role", "user"}, {"content", prompt}}},
-       "gpt-4o"},
+      {"quotes, conversation gone", two, kConversationId, std::nullopt, quotes, "gpt-4o"},
+      {"quotes, conversation without instruction keeps the model", two, kConversationId,
+       withoutPrompt, quotes, "gpt-4o"},
+      {"quotes, conversation with instruction and model", two, kConversationId, withPrompt,
+       "system: Be brief.\n" + quotes, "claude-3-haiku"},
+      {"quotes, lower-case id still matches", two, lowerId, withPrompt,
+       "system: Be brief.\n" + quotes, "claude-3-haiku"},
+      {"quotes, empty instruction is still a system message", two, kConversationId, emptyPrompt,
+       "system: \n" + quotes, "gpt-4o"},
+      {"no quotes, nothing chosen", {}, "", std::nullopt, "user: " + prompt + "\n", "gpt-4o"},
       {"no quotes, conversation instruction is the user message",
        {},
        kConversationId,
        withPrompt,
-       {{{"role", "user"}, {"content", "Be brief."}}},
+       "user: Be brief.\n",
        "gpt-4o"},
       {"no quotes, lower-case id is compared as text and misses",
        {},
-       "0f8fad5b-d9cb-469f-a165-70867728950e",
+       lowerId,
        withPrompt,
-       {{{"role", "user"}, {"content", prompt}}},
+       "user: " + prompt + "\n",
        "gpt-4o"},
   };
   for (const Case& c : cases) {
@@ -204,11 +183,9 @@ TEST_F(PanelTest, MessagesAndModelFollowThePresetTables) {
     own_.set("mailSelectedModel", "gpt-4o");
     auto panel = makePanel("From: a@example.org\r\n\r\nhello", true);
     panel->panelDidAppear();
-    transport_.enqueue(FakeAnswer{});
-    panel->startGeneration();
-    settle(*panel);
+    generate(*panel);
     const nlohmann::json body = lastBody();
-    EXPECT_EQ(body["messages"], c.messages);
+    EXPECT_EQ(brief(body["messages"]), c.messages);
     EXPECT_EQ(body["model"], c.model);
     EXPECT_EQ(body["temperature"], 1.0);
   }
@@ -218,9 +195,7 @@ TEST_F(PanelTest, MessageBytesThatAreNotUtf8CountAsANewMail) {
   passages_ = {"never asked for"};
   auto panel = makePanel(std::string("Subject: \xff\xfe\r\n\r\nbody"), true);
   panel->panelDidAppear();
-  transport_.enqueue(FakeAnswer{});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel);
   EXPECT_EQ(lastBody()["messages"].size(), 1u);
   EXPECT_EQ(lastBody()["messages"][0]["role"], "user");
   EXPECT_EQ(panel->errorMessage(), "");
@@ -247,20 +222,10 @@ TEST_F(PanelTest, TheModelIsFilledInOnlyWhenEmpty) {
 }
 
 TEST_F(PanelTest, OverridesAreNeverStored) {
-  session_ = SimpleComposeSession();
-  MailExtensionView::Dependencies deps{
-      executor_,
-      session_,
-      own_,
-      ChatEnvironment{shared_, transport_},
-      pasteboard_,
-      conversations_,
-      [] { return std::string("gpt-3.5-turbo"); },
-      [](const std::string&) { return std::vector<std::string>{}; },
-      {{"mailSelectedModel", "gpt-4o"}},
-      {}};
-  auto panel = MailExtensionView::make(std::move(deps));
+  overrides_ = {{"mailSelectedModel", "gpt-4o"}};
+  auto panel = makePanel();
   panel->panelDidAppear();
+  EXPECT_EQ(panel->selectedModel(), "gpt-4o");
   panel->setSelectedModel("gpt-4.1");
   EXPECT_EQ(panel->selectedModel(), "gpt-4.1");
   EXPECT_FALSE(own_.string("mailSelectedModel").has_value());
@@ -269,10 +234,8 @@ TEST_F(PanelTest, OverridesAreNeverStored) {
 TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) {
   auto panel = makePanel();
   panel->panelDidAppear();
-  transport_.enqueue(
-      FakeAnswer{.pieces = {sseRecord("Hello"), sseRecord(", world", "stop"), "data: [DONE]\n\n"}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.pieces = {sseRecord("Hello"), sseRecord(", world", "stop"),
+                                         "data: [DONE]\n\n"}});
   EXPECT_EQ(panel->output().str(), "Hello, world");
   EXPECT_FALSE(panel->generating());
   EXPECT_TRUE(panel->showsResult());
@@ -286,45 +249,30 @@ TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) 
   settle(*panel);
   EXPECT_EQ(panel->output().str(), "Hello, world");  // a stream with no chunk changes nothing
 
-  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("New")}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.pieces = {sseRecord("New")}});
   EXPECT_EQ(panel->output().str(), "New");
 }
 
 TEST_F(PanelTest, FailuresKeepTheTextAndTheErrorStaysAfterASuccess) {
   auto panel = makePanel();
   panel->panelDidAppear();
-  transport_.enqueue(
+  generate(
+      *panel,
       FakeAnswer{.pieces = {sseRecord("Partial")},
                  .bodyFailure = std::make_exception_ptr(TransportError(
                      TransportError::Code::connectionLost, "The network connection was lost."))});
-  panel->startGeneration();
-  settle(*panel);
   EXPECT_EQ(panel->output().str(), "Partial");
   EXPECT_EQ(panel->errorMessage(), "The network connection was lost.");
 
-  transport_.enqueue(FakeAnswer{
-      .status = 401, .pieces = {R"({"error":{"message":"Bad key","code":"invalid_api_key"}})"}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel,
+           FakeAnswer{.status = 401,
+                      .pieces = {R"({"error":{"message":"Bad key","code":"invalid_api_key"}})"}});
   EXPECT_EQ(panel->errorMessage(), "Error invalid_api_key: Bad key");
   EXPECT_EQ(panel->output().str(), "Partial");
 
-  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Fine")}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.pieces = {sseRecord("Fine")}});
   EXPECT_EQ(panel->output().str(), "Fine");
   EXPECT_EQ(panel->errorMessage(), "Error invalid_api_key: Bad key");
-}
-
-TEST_F(PanelTest, AFailureWithNoTextGoesBackToTheInputPage) {
-  auto panel = makePanel();
-  transport_.enqueue(FakeAnswer{.status = 500, .pieces = {"<html>oops</html>"}});
-  panel->startGeneration();
-  settle(*panel);
-  EXPECT_FALSE(panel->showsResult());
-  EXPECT_EQ(panel->errorMessage(), "Unexpected http code 500");
 }
 
 TEST_F(PanelTest, StopMidStreamKeepsTheTextWithoutTheCancellationMark) {
@@ -338,14 +286,6 @@ TEST_F(PanelTest, StopMidStreamKeepsTheTextWithoutTheCancellationMark) {
   settle(*panel);
   EXPECT_EQ(panel->output().str(), "So far");
   EXPECT_FALSE(panel->generating());
-  EXPECT_EQ(panel->errorMessage(), "");
-}
-
-TEST_F(PanelTest, StopBeforeTheResponseHeadAppendsTheCancellationMark) {
-  auto panel = makePanel();
-  stopBeforeTheHead(*panel);
-  EXPECT_EQ(panel->output().str(), "已取消");
-  EXPECT_TRUE(panel->showsResult());
   EXPECT_EQ(panel->errorMessage(), "");
 }
 
@@ -375,9 +315,7 @@ TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
   gate->open();
   settle(*panel);
 
-  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Copied text")}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.pieces = {sseRecord("Copied text")}});
   copy(*panel);
   EXPECT_EQ(pasteboard_.text(), "Copied text");
   EXPECT_FALSE(panel->copyAnimating());
@@ -399,9 +337,7 @@ TEST_F(PanelTest, ASlowClipboardDoesNotHoldThePanel) {
     std::string copied;
   } slow;
   auto panel = makePanel(std::nullopt, false, nullptr, &slow);
-  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Slowly copied")}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.pieces = {sseRecord("Slowly copied")}});
 
   panel->copyOutput();
   EXPECT_TRUE(panel->copying());
@@ -454,9 +390,7 @@ TEST_F(PanelTest, TheEditorAndModelPickerEditTheChosenConversationOrTheStoredFie
   // The next run sees the edit before any save.
   passages_ = {"quote"};
   session_ = SimpleComposeSession("From: a@example.org\r\n\r\nhello");
-  transport_.enqueue(FakeAnswer{});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel);
   EXPECT_EQ(lastBody()["messages"][0]["content"], "Be very brief.");
   EXPECT_EQ(lastBody()["model"], "claude-3-haiku");
 
@@ -498,11 +432,7 @@ TEST_F(PanelTest, AnEditWaitingForItsSaveIsSavedWhenTheEditorGoes) {
   conversations_.set(CDConversation::Fields{.id = kConversationId, .systemPrompt = ""});
   own_.set("mailSelectedConversationId", kConversationId);
   const std::function<void(MailExtensionView&)> leaving[] = {
-      [&](MailExtensionView& panel) {
-        transport_.enqueue(FakeAnswer{});
-        panel.startGeneration();
-        settle(panel);
-      },
+      [&](MailExtensionView& panel) { generate(panel); },
       [](MailExtensionView& panel) { panel.setSelectedConversationId(""); },
   };
   for (size_t i = 0; i < std::size(leaving); ++i) {
@@ -544,33 +474,6 @@ TEST_F(PanelTest, AFailedSaveKeepsTheEditInMemory) {
   EXPECT_EQ(panel->instruction(), "new");
   EXPECT_EQ(conversations_.list.front()->systemPrompt(), "new");
   EXPECT_EQ(panel->errorMessage(), "") << "a failed save is not the user's concern";
-}
-
-// The whole way: an edit in the panel reaches the store file, where another connection (the
-// `conversations` command, say) reads it.
-TEST_F(PanelTest, AnEditThroughTheStoreReachesOtherReaders) {
-  PersistentContainer::Environment e = PersistentContainer::processEnvironment();
-  e.arguments = {"lumora"};
-  e.dataDirectory = dir_.path() / "data";
-  auto container = PersistentContainer::make(false, e);
-  const std::string id =
-      container->viewContext().addConversation("Replies", "Be brief.", "gpt-4o");
-  StoreConversations store([&] { return &container->viewContext(); });
-  own_.set("mailSelectedConversationId", id);
-  auto panel = makePanel(std::nullopt, false, &store);
-  panel->panelDidAppear();
-  ASSERT_EQ(panel->instruction(), "Be brief.");
-  panel->setInstruction("Be brief and kind.");
-  panel->setPickedModel("claude-3-haiku");
-  executor_.drain();
-  clock_ += MailExtensionView::kSaveInterval;
-  executor_.drain();
-
-  auto other = PersistentContainer::make(false, e);
-  const auto row = other->viewContext().conversation(id);
-  ASSERT_TRUE(row);
-  EXPECT_EQ(row->fields.systemPrompt, "Be brief and kind.");
-  EXPECT_EQ(row->fields.model, "claude-3-haiku");
 }
 
 // What the panel shows in each state of a run, as a front-end reads it.
@@ -635,9 +538,7 @@ TEST_F(PanelTest, TheDescriptionFollowsTheStatesOfARun) {
 
   // Error with no text: back to the input page with the error above it.
   panel->leaveResult();
-  transport_.enqueue(FakeAnswer{.status = 500, .pieces = {"oops"}});
-  panel->startGeneration();
-  settle(*panel);
+  generate(*panel, FakeAnswer{.status = 500, .pieces = {"oops"}});
   d = describe(*panel);
   EXPECT_EQ(d.page, Page::input);
   EXPECT_EQ(d.errorLine, "Unexpected http code 500");

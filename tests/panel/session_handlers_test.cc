@@ -1,8 +1,7 @@
-// The host's rules: recipients in the reserved domain, the extra header, the subject colour.
+// The host's rules: recipients in the reserved domain and the subject colour.
 #include <gtest/gtest.h>
 
 #include "lumora/panel/SessionHandlers.h"
-#include "lumora/platform/Debug.h"
 
 namespace lumora {
 namespace {
@@ -75,21 +74,6 @@ TEST(SessionHandlers, SubjectsNamingMarsAreRed) {
       EXPECT_EQ(decision->backgroundColor, MessageColor::red);
     }
   }
-}
-
-TEST(SessionHandlers, TheExtraHeaderAndTheSessionsLimits) {
-  std::vector<std::string> lines;
-  debug::setSink([&](std::string_view line) { lines.emplace_back(line); });
-  const Recipients session({});
-  ComposeSessionHandler handler;
-  handler.mailComposeSessionDidBegin(session);
-  EXPECT_EQ(handler.additionalHeaders(session),
-            (std::map<std::string, std::vector<std::string>>{
-                {"X-CustomHeader", {"This ia a custom header."}}}));
-  handler.mailComposeSessionDidEnd(session);
-  debug::setSink(debug::stdoutSink());
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{"[debug] mail session begin", "[debug] mail session end"}));
 }
 
 }  // namespace

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -15,6 +18,7 @@
 #include "lumora/platform/Debug.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
+#include "support/Fixtures.h"
 #include "support/TempDir.h"
 
 namespace lumora::testing {
@@ -56,6 +60,18 @@ inline std::vector<std::string> pieces(const std::string& body, size_t size) {
   return out;
 }
 
+// The recorded status of each file of a provider's recordings, from their own cases.tsv.
+inline std::map<std::string, int> recordedStatuses(const std::filesystem::path& recordings) {
+  std::map<std::string, int> out;
+  std::istringstream table(readFile(recordings / "cases.tsv"));
+  std::string file, status, rest;
+  std::getline(table, rest);  // the column names
+  while (std::getline(table, file, '\t') && std::getline(table, status, '\t') &&
+         std::getline(table, rest))
+    out[file] = std::stoi(status);
+  return out;
+}
+
 // Keeps the debug lines written while it lives, from any thread.
 class DebugCapture {
  public:
@@ -82,8 +98,8 @@ class ProviderTest : public ::testing::Test {
  protected:
   explicit ProviderTest(std::string model)
       : model_(std::move(model)), shared_(dir_ / "shared.json") {
-    unsetenv("LUMORA_CLAUDE_BASE_URL");
-    unsetenv("LUMORA_REKA_BASE_URL");
+    for (const char* name : {"CLAUDE", "GEMINI", "REKA"})
+      unsetenv(("LUMORA_" + std::string(name) + "_BASE_URL").c_str());
   }
 
   virtual Client client() = 0;

@@ -3,13 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <filesystem>
-#include <map>
-#include <sstream>
 
 #include "lumora/providers/ClaudeClient.h"
 #include "providers/ProviderTest.h"
-#include "support/Fixtures.h"
 
 namespace lumora {
 namespace {
@@ -29,18 +25,6 @@ class ClaudeClientTest : public testing::ProviderTest<ClaudeClient> {
 
 std::filesystem::path recordings() { return testing::fixturesDir() / "providers" / "anthropic"; }
 
-// The recorded status of each file, from the recordings' own table.
-std::map<std::string, int> recordedStatuses() {
-  std::map<std::string, int> out;
-  std::istringstream table(testing::readFile(recordings() / "cases.tsv"));
-  std::string file, status, rest;
-  std::getline(table, rest);  // the column names
-  while (std::getline(table, file, '\t') && std::getline(table, status, '\t') &&
-         std::getline(table, rest))
-    out[file] = std::stoi(status);
-  return out;
-}
-
 TEST_F(ClaudeClientTest, EveryRecordingGivesItsTextOrItsError) {
   const std::map<std::string, StreamOutcome> expected = {
       {"ok-stream-basic.sse", {3, "Hello there!", {}, ""}},
@@ -56,7 +40,7 @@ TEST_F(ClaudeClientTest, EveryRecordingGivesItsTextOrItsError) {
       {"error-400-prompt-too-long.json",
        {0, "", {}, "Error : prompt is too long: 3333404 tokens > 200000 maximum"}},
   };
-  const auto statuses = recordedStatuses();
+  const auto statuses = testing::recordedStatuses(recordings());
   for (const auto& entry : std::filesystem::directory_iterator(recordings())) {
     const std::string file = entry.path().filename().string();
     if (file == "cases.tsv") continue;

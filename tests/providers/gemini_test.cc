@@ -1,86 +1,25 @@
 // The Gemini client end to end: recorded answers of the service, the request as it leaves,
 // written streams for the failures, and what reaches the log.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <fstream>
-#include <mutex>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "lumora/chat/Errors.h"
-#include "lumora/platform/Debug.h"
 #include "lumora/providers/GeminiClient.h"
-#include "lumora/store/DefaultsStore.h"
-#include "support/FakeTransport.h"
+#include "providers/ProviderTest.h"
 #include "support/Fixtures.h"
 #include "support/ScriptedServer.h"
-#include "support/TempDir.h"
 
 namespace lumora {
 namespace {
 
 using testing::FakeAnswer;
-using testing::FakeTransport;
+using testing::StreamOutcome;
 
 constexpr const char* kKey = "sk-test-gemini-0123456789";
 
-struct Outcome {
-  std::vector<std::string> completed;  // of each chunk, in order
-  std::string failure;                 // describeFailure text; empty when the stream ended
-  bool thrownByCall = false;           // streamChat failed, before any stream
-  bool appError = false;               // the failure is an AppError
-};
-
-// Cuts `body` into pieces of `size` bytes (0: one piece).
-std::vector<std::string> pieces(const std::string& body, size_t size) {
-  if (size == 0) return {body};
-  std::vector<std::string> out;
-  for (size_t at = 0; at < body.size(); at += size) out.push_back(body.substr(at, size));
-  return out;
-}
-
-class GeminiClientTest : public ::testing::Test {
+class GeminiClientTest : public testing::ProviderTest<GeminiClient> {
  protected:
-  GeminiClientTest() : shared_(dir_ / "shared.json") { unsetenv("LUMORA_GEMINI_BASE_URL"); }
-
-  Outcome run(FakeAnswer answer, const std::string& model = "gemini-pro") {
-    transport_.enqueue(std::move(answer));
-    Outcome out;
-    std::optional<ChunkStream> stream;
-    try {
-      stream = GeminiClient(kKey, env_).streamChat(model, {{"user", "hi", std::nullopt}}, 1.0, {});
-    } catch (const std::exception& e) {
-      out.thrownByCall = true;
-      out.failure = describeFailure(e);
-      out.appError = dynamic_cast<const AppError*>(&e) != nullptr;
-      return out;
-    }
-    try {
-      while (auto chunk = stream->next()) {
-        EXPECT_EQ(chunk->model.view(), model);
-        EXPECT_FALSE(chunk->finishReason.has_value());
-        out.completed.push_back(chunk->completed.str());
-      }
-    } catch (const std::exception& e) {
-      out.failure = describeFailure(e);
-      out.appError = dynamic_cast<const AppError*>(&e) != nullptr;
-    }
-    return out;
-  }
-
-  Outcome stream(const std::string& body, int status = 200) {
-    return run(FakeAnswer{.status = status, .pieces = {body}});
-  }
-
-  nlohmann::json body(const std::string& model, const std::vector<ChatMessage>& messages) {
-    return nlohmann::json::parse(GeminiClient(kKey, env_).chatRequest(model, messages, 0.3).body);
-  }
-
-  testing::TempDir dir_;
-  DefaultsStore shared_;
-  FakeTransport transport_;
-  ChatEnvironment env_{shared_, transport_};
+  GeminiClientTest() : ProviderTest("gemini-pro") {}
+  GeminiClient client() override { return GeminiClient(kKey, env_); }
 };
 
 // Every recorded answer of the service, with the status it came with, whole and in small
@@ -115,22 +54,8 @@ TEST_F(GeminiClientTest, EveryRecordedAnswer) {
       {"stopped-recitation.sse", 3, "text1text2text3",
        "The server's reply could not be read: the key \"license\" is missing."},
       {"error-400-api-key-invalid.json", 0, "", "Invalid api key"},
-      {"error-400-api-key-invalid-recorded.json", 0, "", "Invalid api key"},
       {"error-400-user-location.json", 0, "", "Unsupported user location"},
-      {"error-403-api-not-enabled.json", 0, "",
-       "Generative Language API has not been used in project 12345678 before or it is "
-       "disabled. Enable it by visiting https://console.developers.google.com/apis/api/"
-       "generativelanguage.googleapis.com/overview?project=12345678 then retry. If you enabled "
-       "this API recently, wait a few minutes for the action to propagate to our systems and "
-       "retry."},
-      {"error-404-model-not-found.json", 0, "",
-       "models/gemini-5.0-flash is not found for API version v1, or is not supported for "
-       "generateContent. Call ListModels to see the list of available models and their "
-       "supported methods."},
-      {"error-429-quota.json", 0, "",
-       "Quota exceeded for quota metric 'Generate Content API requests per minute' and limit "
-       "'GenerateContent request limit per minute for a region' of service "
-       "'generativelanguage.googleapis.com' for consumer 'project_number:348715329010'."},
+      // Any other error: the service's own message, as it is.
       {"error-429-quota-recorded.json", 0, "",
        "You exceeded your current quota, please check your plan and billing details. For more "
        "information on this error, head to: https://ai.google.dev/gemini-api/docs/rate-limits. "
@@ -139,43 +64,25 @@ TEST_F(GeminiClientTest, EveryRecordedAnswer) {
        "count, limit: 1000000, model: gemini-2.5-flash\nPlease retry in 48.939935699s."},
   };
   const auto dir = testing::fixturesDir() / "providers" / "gemini";
-  std::ifstream tsv(dir / "cases.tsv");
-  std::string row;
-  std::getline(tsv, row);  // the header
-  size_t rows = 0;
-  while (std::getline(tsv, row)) {
-    std::istringstream fields(row);
-    std::string file, status;
-    std::getline(fields, file, '\t');
-    std::getline(fields, status, '\t');
-    ++rows;
-    const Case* c = nullptr;
-    for (const Case& candidate : cases)
-      if (candidate.file == file) c = &candidate;
-    if (c == nullptr) {
-      ADD_FAILURE() << file << " has no row in this test";
-      continue;
-    }
+  const auto statuses = testing::recordedStatuses(dir);
+  for (const Case& c : cases) {
     for (size_t piece : {size_t{0}, size_t{5}}) {
-      SCOPED_TRACE(file + " piece " + std::to_string(piece));
-      const Outcome out = run(FakeAnswer{.status = std::stoi(status),
-                                         .pieces = pieces(testing::readFile(dir / file), piece)});
-      EXPECT_EQ(out.failure, c->failure);
-      EXPECT_EQ(out.thrownByCall, status != "200");
-      EXPECT_EQ(out.appError, !c->failure.empty());
-      ASSERT_EQ(out.completed.size(), c->chunks);
-      if (c->chunks == 0) continue;
-      const std::string& last = out.completed.back();
-      if (c->size == 0) {
-        EXPECT_EQ(last, c->completed);
+      SCOPED_TRACE(c.file + " piece " + std::to_string(piece));
+      const StreamOutcome out =
+          run({.status = statuses.at(c.file),
+               .pieces = testing::pieces(testing::readFile(dir / c.file), piece)});
+      EXPECT_EQ(out.failure, c.failure);
+      EXPECT_EQ(out.finishReasons, std::vector<std::string>{});
+      ASSERT_EQ(out.chunks, c.chunks);
+      if (c.size == 0) {
+        EXPECT_EQ(out.completed, c.completed);
       } else {
-        EXPECT_EQ(last.size(), c->size);
-        EXPECT_TRUE(last.starts_with(c->completed)) << last.substr(0, 80);
-        EXPECT_TRUE(last.ends_with(c->ends)) << last.substr(last.size() - 80);
+        EXPECT_EQ(out.completed.size(), c.size);
+        EXPECT_TRUE(out.completed.starts_with(c.completed)) << out.completed.substr(0, 80);
+        EXPECT_TRUE(out.completed.ends_with(c.ends)) << out.completed.substr(c.size - 80);
       }
     }
   }
-  EXPECT_EQ(rows, std::size(cases));
 }
 
 TEST_F(GeminiClientTest, RequestAsTheServerReceivesIt) {
@@ -213,8 +120,6 @@ TEST_F(GeminiClientTest, ApiVersionAndResourceName) {
       {"gemini-1.5-pro-latest", "/v1beta/models/gemini-1.5-pro-latest"},
       {"gemini-1.5-flash-latest", "/v1beta/models/gemini-1.5-flash-latest"},
       {"gemini-pro", "/v1/models/gemini-pro"},
-      {"gemini-pro-vision", "/v1/models/gemini-pro-vision"},
-      {"gemini-1.5-pro", "/v1/models/gemini-1.5-pro"},
       {"gemini-1.5-pro-latest-2", "/v1/models/gemini-1.5-pro-latest-2"},
       {"tunedModels/gemini-x", "/v1/tunedModels/gemini-x"},  // a "/" keeps the name as it is
   };
@@ -257,7 +162,7 @@ TEST_F(GeminiClientTest, MessagesFoldIntoAlternatingTurns) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const nlohmann::json sent = body("gemini-pro", c.messages);
+    const nlohmann::json sent = body(c.messages);
     EXPECT_EQ(sent, nlohmann::json({{"contents", nlohmann::json::parse(c.contents)}}));
   }
 }
@@ -265,7 +170,7 @@ TEST_F(GeminiClientTest, MessagesFoldIntoAlternatingTurns) {
 TEST_F(GeminiClientTest, ThePlainSessionHasNoProxyButKeepsTheIdleTimeout) {
   shared_.set("httpsProxyUrl", "http://proxy.example.net:3128");
   env_.idleTimeout = std::chrono::milliseconds(1234);
-  EXPECT_EQ(stream("").failure, "");
+  EXPECT_EQ(run({}).failure, "");
   const auto sessions = transport_.sessions();
   ASSERT_EQ(sessions.size(), 1u);
   EXPECT_FALSE(sessions.front().httpsProxy.has_value());
@@ -281,140 +186,116 @@ TEST_F(GeminiClientTest, WrittenStreams) {
   const std::string errorObject =
       "{\n  \"error\": {\n    \"code\": 500,\n    \"message\": \"Internal failure\",\n"
       "    \"status\": \"INTERNAL\"\n  }\n}\n";
+  const std::string notRead = "The server's reply could not be read: ";
   struct Case {
     const char* name;
     std::string body;
     int status;
-    std::vector<std::string> completed;
-    std::string failure;
+    StreamOutcome expected;
   };
   const Case cases[] = {
       {"data: with and without a blank",
        record("a") + R"(data:{"candidates":[{"content":{"parts":[{"text":"b"}]}}]})",
        200,
-       {"a", "ab"},
-       ""},
+       {2, "ab", {}, ""}},
       {"no candidates and no block reason: no chunk, and the stream goes on",
        "data: {\"candidates\":[]}\ndata: {\"promptFeedback\":{}}\n" + record("a"),
        200,
-       {"a"},
-       ""},
+       {1, "a", {}, ""}},
       {"a first part that is no text makes no chunk",
        R"(data: {"candidates":[{"content":{"parts":[{"inlineData":{"mime_type":"image/png","data":"QQ=="}},{"text":"x"}]}}]})"
        "\n" +
            record("a"),
        200,
-       {"a"},
-       ""},
+       {1, "a", {}, ""}},
       {"a candidate without content that ended normally",
        record("a") + R"(data: {"candidates":[{"finishReason":"STOP"}]})",
        200,
-       {"a"},
-       ""},
+       {1, "a", {}, ""}},
       {"stopped early: its text is not shown",
        record("a") + record("b", R"(,"finishReason":"MAX_TOKENS")"),
        200,
-       {"a"},
-       "MAX_TOKENS"},
+       {1, "a", {}, "MAX_TOKENS"}},
       {"stopped by safety, without content",
        record("a") + R"(data: {"candidates":[{"finishReason":"SAFETY"}]})",
        200,
-       {"a"},
-       "SAFETY"},
+       {1, "a", {}, "SAFETY"}},
       {"a finish reason this client does not know counts as stopped early",
        record("a", R"(,"finishReason":"MALFORMED_FUNCTION_CALL")"),
        200,
-       {},
-       "FINISH_REASON_UNKNOWN"},
+       {0, "", {}, "FINISH_REASON_UNKNOWN"}},
       {"blocked with candidates: the user reads the response's text",
        R"(data: {"promptFeedback":{"blockReason":"OTHER"},"candidates":[{"content":{"parts":[{"text":"why"}]}}]})",
        200,
-       {},
-       "why"},
+       {0, "", {}, "why"}},
       {"an error object over several lines with status 200",
        record("a") + errorObject,
        200,
-       {"a"},
-       "Internal failure"},
+       {1, "a", {}, "Internal failure"}},
       {"other lines at the end are judged as an error object",
        "event: message\n" + record("a") + ": keep-alive\n",
        200,
-       {"a"},
-       "The server's reply could not be read: the error is not JSON."},
+       {1, "a", {}, notRead + "the error is not JSON."}},
       {"a record with neither key",
        "data: {\"usageMetadata\":{}}\n",
        200,
-       {},
-       "The server's reply could not be read: Failed to decode GenerateContentResponse; "
-       "missing keys 'candidates' and 'promptFeedback'."},
+       {0,
+        "",
+        {},
+        notRead + "Failed to decode GenerateContentResponse; missing keys 'candidates' and "
+                  "'promptFeedback'."}},
       {"a data line that is no JSON",
        record("a") + "data:\n",
        200,
-       {"a"},
-       "The server's reply could not be read: a record is not JSON."},
+       {1, "a", {}, notRead + "a record is not JSON."}},
       {"an empty content",
        R"(data: {"candidates":[{"content":{},"finishReason":"MAX_TOKENS"}]})",
        200,
-       {},
-       "The server's reply could not be read: a candidate's content is empty."},
+       {0, "", {}, notRead + "a candidate's content is empty."}},
       {"a content without parts",
        R"(data: {"candidates":[{"content":{"role":"model"},"finishReason":"MAX_TOKENS"}]})",
        200,
-       {},
-       "The server's reply could not be read: the key \"parts\" is missing."},
+       {0, "", {}, notRead + "the key \"parts\" is missing."}},
       {"a part with neither text nor inline data",
        R"(data: {"candidates":[{"content":{"parts":[{"functionCall":{}}]}}]})",
        200,
-       {},
-       "The server's reply could not be read: Neither text or inline data was found."},
-      {"ill-formed UTF-8 is shown as U+FFFD", record("caf\xe9"), 200, {"caf\uFFFD"}, ""},
+       {0, "", {}, notRead + "Neither text or inline data was found."}},
+      {"ill-formed UTF-8 is shown as U+FFFD", record("caf\xe9"), 200, {1, "caf\uFFFD", {}, ""}},
       // Errors before the stream.
       {"an ErrorInfo behind other details still counts",
        R"({"error":{"code":400,"message":"m","details":[{"@type":"type.googleapis.com/google.rpc.Help"},)"
        R"({"@type":"type.googleapis.com/google.rpc.ErrorInfo","reason":"API_KEY_INVALID"}]}})",
        400,
-       {},
-       "Invalid api key"},
+       {0, "", {}, "Invalid api key"}},
       {"only the first ErrorInfo counts",
        R"({"error":{"message":"m","details":[{"@type":"type.googleapis.com/google.rpc.ErrorInfo","reason":"X"},)"
        R"({"@type":"type.googleapis.com/google.rpc.ErrorInfo","reason":"API_KEY_INVALID"}]}})",
        400,
-       {},
-       "m"},
+       {0, "", {}, "m"}},
       {"the location message must match in full",
        R"({"error":{"message":"User location is not supported for the API use"}})",
        400,
-       {},
-       "User location is not supported for the API use"},
+       {0, "", {}, "User location is not supported for the API use"}},
       {"a status this client does not know does not fail the decoding",
        R"({"error":{"message":"m","status":"NEW_STATUS"}})",
        503,
-       {},
-       "m"},
-      {"no message", R"({"error":{"code":500}})", 500, {}, "Unknown error."},
+       {0, "", {}, "m"}},
       {"a detail without @type",
        R"({"error":{"message":"m","details":[{"reason":"r"}]}})",
        400,
-       {},
-       "The server's reply could not be read: the key \"@type\" is missing."},
+       {0, "", {}, notRead + "the key \"@type\" is missing."}},
       {"an error body that is no JSON",
        "<html>502 Bad Gateway</html>",
        502,
-       {},
-       "The server's reply could not be read: the error is not JSON."},
+       {0, "", {}, notRead + "the error is not JSON."}},
       {"the key in the server's message is masked",
        std::string(R"({"error":{"message":"API key not valid: )") + kKey + "\"}}",
        400,
-       {},
-       "API key not valid: …6789"},
+       {0, "", {}, "API key not valid: …6789"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Outcome out = stream(c.body, c.status);
-    EXPECT_EQ(out.completed, c.completed);
-    EXPECT_EQ(out.failure, c.failure);
-    EXPECT_EQ(out.thrownByCall, c.status != 200);
-    EXPECT_EQ(out.appError, !c.failure.empty());
+    EXPECT_EQ(run({.status = c.status, .pieces = {c.body}}), c.expected);
   }
 }
 
@@ -423,49 +304,21 @@ TEST_F(GeminiClientTest, ConnectionFailuresAndStop) {
       "data: {\"candidates\":[{\"content\":{\"parts\":[{\"text\":\"a\"}]}}]}\n";
   const auto lost = std::make_exception_ptr(
       TransportError(TransportError::Code::connectionLost, "The network connection was lost."));
-
-  Outcome out = run(FakeAnswer{.pieces = {record}, .bodyFailure = lost});
-  EXPECT_EQ(out.completed, std::vector<std::string>{"a"});
-  EXPECT_EQ(out.failure, "The network connection was lost.");
-  EXPECT_TRUE(out.appError);
-
-  out = run(
-      FakeAnswer{.sendFailure = std::make_exception_ptr(TransportError(
-                     TransportError::Code::cannotConnect, "Could not connect to the server."))});
-  EXPECT_TRUE(out.thrownByCall);
-  EXPECT_EQ(out.failure, "Could not connect to the server.");
-  EXPECT_TRUE(out.appError);
-
-  // A stop before the head is the caller's cancellation, not an error of the service.
-  transport_.enqueue(FakeAnswer{.headGate = std::make_shared<testing::Gate>()});
-  std::stop_source stop;
-  stop.request_stop();
-  EXPECT_THROW(GeminiClient(kKey, env_).streamChat("gemini-pro", {}, 1, stop.get_token()),
-               CancellationError);
-
-  // A stop while the body is open ends the stream, and what was shown stands; lines that were
-  // not data are not judged then.
-  auto gate = std::make_shared<testing::Gate>();
-  transport_.enqueue(FakeAnswer{.pieces = {record, "event: x\n"}, .bodyGate = gate});
-  ChunkStream stream = GeminiClient(kKey, env_).streamChat("gemini-pro", {}, 1, {});
-  ASSERT_TRUE(stream.next().has_value());
-  std::stop_source consumer;
-  consumer.request_stop();
-  EXPECT_EQ(stream.next(consumer.get_token()), std::nullopt);
+  EXPECT_EQ(run({.pieces = {record}, .bodyFailure = lost}),
+            (StreamOutcome{1, "a", {}, "The network connection was lost."}));
+  EXPECT_EQ(run({.sendFailure = std::make_exception_ptr(TransportError(
+                     TransportError::Code::cannotConnect, "Could not connect to the server."))})
+                .failure,
+            "Could not connect to the server.");
+  // Lines that were not data are not judged when the consumer stops.
+  expectCancellation(record + "event: x\n", "a");
 }
 
 TEST_F(GeminiClientTest, LogLinesStayOutOfTheUsersTextAndHideTheKey) {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  debug::setSink([&](std::string_view line) {
-    std::lock_guard lock(mutex);
-    lines.emplace_back(line);
-  });
-  stream(R"(data: {"candidates":[{"finishReason":"NEW_REASON"}]})");
-  stream(std::string(R"({"error":{"message":"bad )") + kKey + "\"}}", 401);
-  stream("data: {oops}");
-  debug::setSink(debug::stdoutSink());
-
+  testing::DebugCapture debug;
+  run({.pieces = {R"(data: {"candidates":[{"finishReason":"NEW_REASON"}]})"}});
+  run({.status = 401, .pieces = {std::string(R"({"error":{"message":"bad )") + kKey + "\"}}"}});
+  run({.pieces = {"data: {oops}"}});
   const std::vector<std::string> expected = {
       R"([GoogleGenerativeAI] Stream response: data: {"candidates":[{"finishReason":"NEW_REASON"}]})",
       R"([GoogleGenerativeAI] Unrecognized FinishReason with value "NEW_REASON".)",
@@ -476,7 +329,7 @@ TEST_F(GeminiClientTest, LogLinesStayOutOfTheUsersTextAndHideTheKey) {
       "[GoogleGenerativeAI] Error decoding server JSON: The server's reply could not be read: a "
       "record is not JSON.",
   };
-  EXPECT_EQ(lines, expected);
+  EXPECT_EQ(debug.lines(), expected);
 }
 
 }  // namespace

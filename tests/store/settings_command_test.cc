@@ -54,7 +54,6 @@ TEST_F(SettingsCommandTest, GetPrintsWhatTheSystemReads) {
       {"whisperLanguage", "\n"},
       {"openAICompatibleModels", "[]\n"},
       {"azureModels", "{}\n"},
-      {"mailDefaultPrompt", "You're my assistant, please reply this email\n"},
       {"defaultModel", "gpt-3.5-turbo\n"},
   };
   for (const auto& [key, shown] : unset) {
@@ -153,8 +152,6 @@ TEST_F(SettingsCommandTest, UsageErrorsChangeNothing) {
       {{"get", "httpsProxy"},
        "lumora: unknown setting \"httpsProxy\"; 'lumora settings list' shows every key"},
       {{"set", "nope", "1"},
-       "lumora: unknown setting \"nope\"; 'lumora settings list' shows every key"},
-      {{"unset", "nope"},
        "lumora: unknown setting \"nope\"; 'lumora settings list' shows every key"},
       {{"set", "renderMarkdown", "yes"},
        "lumora: The setting \"renderMarkdown\" takes true or false."},

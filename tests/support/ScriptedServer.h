@@ -1,5 +1,5 @@
 // A loopback HTTP/1.1 server whose responses are scripted step by step, so that tests and
-// benchmarks can make a server stream, stall, cut a body short or reset the connection on purpose.
+// benchmarks can make a server stream, stall or cut a body short on purpose.
 //
 // Each connection carries one request and one response; every response says
 // `Connection: close`. Each incoming request takes the next queued response, or a copy of the
@@ -33,7 +33,6 @@ enum class Framing {
   kContentLength,   // Content-Length: the total of all kSend steps, unless a header sets it
   kChunked,         // Transfer-Encoding: chunked; each kSend step is one chunk
   kCloseDelimited,  // no length at all: the body ends when the server closes
-  kRaw,             // nothing is generated, not even the head: the steps are the whole reply
 };
 
 // One thing the server does while replying.
@@ -42,7 +41,6 @@ struct Step {
     kSend,   // send bytes() (one chunk when chunked; an empty send is skipped)
     kSleep,  // wait `duration`, watching for the client hanging up
     kClose,  // close the connection at once, leaving the framing unfinished
-    kReset,  // reset the connection (RST) at once
   };
 
   Kind kind = Kind::kSend;
@@ -61,8 +59,7 @@ struct Step {
 // finished (the last chunk when chunked) and the connection is closed.
 struct Response {
   int status = 200;
-  std::string reason;  // empty: the usual phrase for `status`
-  Headers headers;     // sent in this order; a Content-Length or Transfer-Encoding here wins
+  Headers headers;  // sent in this order; a Content-Length here wins
   Framing framing = Framing::kContentLength;
   // A stall before the head, watched like a sleep step (for "no head arrives" cases).
   std::chrono::milliseconds headDelay{0};
@@ -73,7 +70,6 @@ struct Response {
   Response& send(std::string bytes);
   Response& sleep(std::chrono::milliseconds duration);
   Response& close();
-  Response& reset();
 
   // `status` with a JSON body and Content-Length.
   static Response json(int status, std::string body);
@@ -95,10 +91,8 @@ struct Response {
 struct RecordedRequest {
   std::string method;
   std::string target;  // path and query, as sent
-  std::string version;
-  Headers headers;   // in the order received
-  std::string body;  // after removing chunked framing, if any
-  std::chrono::steady_clock::time_point receivedAt;
+  Headers headers;     // in the order received
+  std::string body;    // as long as its Content-Length says
 
   // The value of the first header named `name` (ASCII case-insensitive), or nullopt.
   std::optional<std::string> header(std::string_view name) const;
@@ -120,17 +114,15 @@ class ScriptedServer {
   // Initially 404 with a short text body.
   void setDefaultResponse(Response response);
 
-  // Every complete request received so far, in arrival order. A malformed request is answered
-  // with 400 (a chunked request body is fine) and is not recorded.
+  // Every complete request received so far, in arrival order.
   std::vector<RecordedRequest> requests() const;
   // True once at least `n` requests have been recorded; false after `timeout`.
   bool waitForRequests(std::size_t n, std::chrono::milliseconds timeout) const;
 
   // When the server last noticed a client hang up while a response was under way: in a head
   // delay or a sleep step (the peer closed or shut down its sending side), or when a send
-  // failed. Not set by a client that reads its response to the end.
-  std::optional<std::chrono::steady_clock::time_point> lastClientDisconnect() const;
-  // lastClientDisconnect() once it is set (at once if it already is); nullopt after `timeout`.
+  // failed; not set by a client that reads its response to the end. Waits until it is set (at
+  // once if it already is); nullopt after `timeout`.
   std::optional<std::chrono::steady_clock::time_point> waitForClientDisconnect(
       std::chrono::milliseconds timeout) const;
 

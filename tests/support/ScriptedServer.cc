@@ -95,6 +95,8 @@ class Conn {
   Io sleepFor(std::chrono::milliseconds duration);
   // Closes so that the client sees the end of the stream: a FIN, not an RST.
   void closeGracefully();
+  // Closes with an RST: the client's next read fails.
+  void resetConnection();
 
  private:
   // Waits until `fd_` reports one of `events` or the server stops; -1 waits without limit.
@@ -228,6 +230,12 @@ void Conn::closeGracefully() {
   ::close(fd_.release());
 }
 
+void Conn::resetConnection() {
+  linger abortive{1, 0};
+  ::setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  ::close(fd_.release());
+}
+
 std::string head(const Response& response) {
   std::string out = "HTTP/1.1 " + std::to_string(response.status) + " ";
   out += reasonPhrase(response.status);
@@ -310,6 +318,12 @@ Io play(Conn& conn, const Response& response) {
         if (Io io = writer.flush(); io != Io::kOk) return io;
         conn.closeGracefully();
         return Io::kOk;
+      case Step::Kind::kReset:
+        // What was sent before the reset reaches the client only if it left before the RST,
+        // so flush first.
+        if (Io io = writer.flush(); io != Io::kOk) return io;
+        conn.resetConnection();
+        return Io::kOk;
     }
   }
   if (chunked) {
@@ -362,6 +376,13 @@ Response& Response::sleep(std::chrono::milliseconds duration) {
 Response& Response::close() {
   Step step;
   step.kind = Step::Kind::kClose;
+  steps.push_back(std::move(step));
+  return *this;
+}
+
+Response& Response::reset() {
+  Step step;
+  step.kind = Step::Kind::kReset;
   steps.push_back(std::move(step));
   return *this;
 }

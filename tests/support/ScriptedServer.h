@@ -1,5 +1,5 @@
 // A loopback HTTP/1.1 server whose responses are scripted step by step, so that tests and
-// benchmarks can make a server stream, stall or cut a body short on purpose.
+// benchmarks can make a server stream, stall, cut a body short or reset the connection on purpose.
 //
 // Each connection carries one request and one response; every response says
 // `Connection: close`. Each incoming request takes the next queued response, or a copy of the
@@ -41,6 +41,7 @@ struct Step {
     kSend,   // send bytes() (one chunk when chunked; an empty send is skipped)
     kSleep,  // wait `duration`, watching for the client hanging up
     kClose,  // close the connection at once, leaving the framing unfinished
+    kReset,  // reset the connection (RST) at once
   };
 
   Kind kind = Kind::kSend;
@@ -70,6 +71,7 @@ struct Response {
   Response& send(std::string bytes);
   Response& sleep(std::chrono::milliseconds duration);
   Response& close();
+  Response& reset();
 
   // `status` with a JSON body and Content-Length.
   static Response json(int status, std::string body);

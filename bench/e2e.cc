@@ -33,7 +33,6 @@ namespace bench = lumora::bench;
 using lumora::testing::Response;
 using lumora::testing::ScriptedServer;
 
-constexpr const char* kLumora = LUMORA_BINARY;
 constexpr const char* kSourceDir = LUMORA_SOURCE_DIR;
 constexpr const char* kModel = "gpt-4o";
 
@@ -52,7 +51,7 @@ std::string described(const bench::Exit& exit) {
 // OpenAI requests going to the loopback server.
 class Home {
  public:
-  explicit Home(const std::string& baseUrl) {
+  Home(std::string binary, const std::string& baseUrl) : binary_(std::move(binary)) {
     std::vector<std::string> unset = {"LUMORA_DEBUG", "OPENAI_API_KEY"};
     for (const std::string& name : bench::proxyVariables()) unset.push_back(name);
     environment_ = bench::environmentWith({{"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
@@ -66,7 +65,7 @@ class Home {
 
   // `lumora ARGS...` in this home.
   bench::Command lumora(std::vector<std::string> args) const {
-    args.insert(args.begin(), kLumora);
+    args.insert(args.begin(), binary_);
     return bench::Command(std::move(args), environment_);
   }
   // Another program with the same environment.
@@ -75,6 +74,7 @@ class Home {
   }
 
  private:
+  std::string binary_;
   lumora::testing::TempDir dir_;
   std::vector<std::string> environment_;
 };
@@ -119,6 +119,7 @@ struct Options {
   int dryRunRuns = 31;
   size_t records = 100'000;
   std::string only;  // "stream" or "dryrun"; empty runs both
+  std::string lumora = LUMORA_BINARY;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -303,9 +304,10 @@ void reportDryRun(ScriptedServer& server, const Home& home, const Options& optio
 }
 
 constexpr const char* kUsage =
-    "usage: bench_e2e [--runs N] [--records N] [--only stream|dryrun]\n"
+    "usage: bench_e2e [--runs N] [--records N] [--only stream|dryrun] [--lumora PATH]\n"
     "  --runs N     rounds per part (default: 11 for stream, 31 for dryrun)\n"
-    "  --records N  records of the chat stream (default 100000)\n";
+    "  --records N  records of the chat stream (default 100000)\n"
+    "  --lumora PATH  the lumora binary to time (default: the one built with this program)\n";
 
 // The options of the command line, or nullopt when it is not understood.
 std::optional<Options> parseOptions(int argc, char** argv) {
@@ -320,6 +322,8 @@ std::optional<Options> parseOptions(int argc, char** argv) {
       } else {
         options.streamRuns = options.dryRunRuns = static_cast<int>(std::min<size_t>(value, 1000));
       }
+    } else if (arg == "--lumora" && i + 1 < argc) {
+      options.lumora = argv[++i];
     } else if (arg == "--only" && i + 1 < argc) {
       options.only = argv[++i];
       if (options.only != "stream" && options.only != "dryrun") return std::nullopt;
@@ -341,9 +345,11 @@ int main(int argc, char** argv) {
   const Options& options = *parsed;
   try {
     ScriptedServer server;
-    const Home home(server.baseUrl());
-    std::printf("bench_e2e: medians over rounds (stream %d, dryrun %d); loopback HTTP/1.1\n\n",
-                options.streamRuns, options.dryRunRuns);
+    const Home home(options.lumora, server.baseUrl());
+    std::printf(
+        "bench_e2e: medians over rounds (stream %d, dryrun %d); loopback HTTP/1.1; lumora is "
+        "%s\n\n",
+        options.streamRuns, options.dryRunRuns, options.lumora.c_str());
     if (options.only.empty() || options.only == "stream") reportStream(server, home, options);
     if (options.only.empty() || options.only == "dryrun") reportDryRun(server, home, options);
   } catch (const std::exception& e) {

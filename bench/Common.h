@@ -18,6 +18,15 @@ namespace lumora::bench {
   std::exit(1);
 }
 
+// The argument after argv[i] as a whole positive number, moving i past it; 0 when there is no
+// such argument or it is not one.
+inline size_t positiveArgument(int& i, int argc, char** argv) {
+  if (i + 1 >= argc) return 0;
+  char* end = nullptr;
+  const unsigned long long value = std::strtoull(argv[++i], &end, 10);
+  return *end == '\0' ? static_cast<size_t>(value) : 0;
+}
+
 inline double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values[values.size() / 2];

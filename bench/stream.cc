@@ -11,13 +11,8 @@
 // `--gbench` runs the same measurements as Google Benchmark entries instead.
 #include <benchmark/benchmark.h>
 #include <simdjson.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +27,9 @@
 #include <string_view>
 #include <vector>
 
+#include "ChatStreamBody.h"
+#include "Common.h"
+#include "Spawn.h"
 #include "lumora/chat/ChatEnvironment.h"
 #include "lumora/chat/ChatRequest.h"
 #include "lumora/chat/OpenAIClient.h"
@@ -43,15 +41,18 @@
 #include "support/ScriptedServer.h"
 #include "support/TempDir.h"
 
-extern char** environ;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using lumora::testing::Framing;
+using lumora::bench::appendRecord;
+using lumora::bench::Body;
+using lumora::bench::chatStream;
+using lumora::bench::kDone;
+using lumora::bench::kRecordHead;
+using lumora::bench::kRecordTail;
+using lumora::bench::perRecordChunks;
 using lumora::testing::Response;
 using lumora::testing::ScriptedServer;
-using lumora::testing::Step;
 
 [[noreturn]] void die(const std::string& what) {
   std::fprintf(stderr, "bench_stream: %s\n", what.c_str());
@@ -70,76 +71,6 @@ double median(std::vector<double> values) {
 // ---------------------------------------------------------------------------------------------
 // Stream bodies
 
-// The fields around the content are what the OpenAI service sends for gpt-4o, id included at
-// its real length, so the decoder and the line splitter see records of the real size and shape.
-constexpr std::string_view kRecordHead =
-    R"(data: {"id":"chatcmpl-AJv8nYq3XwK2pLm7RtZs4BdQe1Fhu","object":"chat.completion.chunk",)"
-    R"("created":1727346168,"model":"gpt-4o-2024-08-06","system_fingerprint":"fp_5050236cbd",)"
-    R"("choices":[{"index":0,"delta":{"content":")";
-constexpr std::string_view kRecordTail = R"("},"logprobs":null,"finish_reason":null}]})"
-                                         "\n\n";
-constexpr std::string_view kDone = "data: [DONE]\n\n";
-
-// Words of a mail reply as JSON string contents: escapes and non-ASCII text included, since a
-// real reply has line breaks, quotes and accents, and those take the decoder's slower paths.
-constexpr std::string_view kWords[] = {
-    "Thanks",  " for",
-    " the",    " update",
-    ",",       " Anna",
-    ".",       " I",
-    "'ll",     " look",
-    " at",     " the",
-    " \\\"Q3", " plan\\\"",
-    " and",    " reply",
-    " by",     " Friday",
-    ".",       "\\n\\n",
-    "The",     " caf\xC3\xA9",
-    " on",     " Rue",
-    " de",     " l\\u2019\xC3\x89glise",
-    " works",  " for",
-    " me",     ";",
-    " 10",     ":30",
-    " is",     " fine",
-    ".",       "\\n\\n",
-    "Best",    " regards",
-    ",\\n",    "Jonas",
-};
-
-// The bytes a JSON string's contents stand for.
-size_t decodedSize(std::string_view jsonContents) {
-  std::string quoted(1, '"');
-  quoted.append(jsonContents).push_back('"');
-  return nlohmann::json::parse(quoted).get<std::string>().size();
-}
-
-struct Body {
-  std::shared_ptr<const std::string> text;
-  size_t records = 0;       // records that carry content, so chunks the client yields
-  size_t contentBytes = 0;  // the length of the whole reply once decoded
-};
-
-void appendRecord(std::string& out, std::string_view contentJson) {
-  out += kRecordHead;
-  out += contentJson;
-  out += kRecordTail;
-}
-
-// `records` records cycling through kWords, then the end marker.
-Body chatStream(size_t records) {
-  std::array<size_t, std::size(kWords)> sizes{};
-  for (size_t i = 0; i < std::size(kWords); ++i) sizes[i] = decodedSize(kWords[i]);
-  std::string text;
-  text.reserve(records * (kRecordHead.size() + kRecordTail.size() + 12) + kDone.size());
-  size_t content = 0;
-  for (size_t i = 0; i < records; ++i) {
-    const size_t w = i % std::size(kWords);
-    appendRecord(text, kWords[w]);
-    content += sizes[w];
-  }
-  text += kDone;
-  return {std::make_shared<const std::string>(std::move(text)), records, content};
-}
-
 // A reply of `contentBytes` bytes made of 4-byte deltas, so the number of chunks grows with the
 // length and the cost of one chunk can be compared across lengths.
 constexpr std::string_view kFixedDelta = " and";
@@ -152,29 +83,6 @@ Body fixedDeltaReply(size_t contentBytes) {
   for (size_t i = 0; i < records; ++i) appendRecord(text, kFixedDelta);
   text += kDone;
   return {std::make_shared<const std::string>(std::move(text)), records, contentBytes};
-}
-
-// One HTTP chunk per record, as the service frames its stream. Without gaps the server still
-// writes many records per system call, so the client reads them in large pieces.
-Response perRecordChunks(const Body& body) {
-  Response response;
-  response.framing = Framing::kChunked;
-  response.header("Content-Type", "text/event-stream");
-  const std::string& text = *body.text;
-  response.steps.reserve(body.records + 1);
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find("\n\n", start);
-    end = end == std::string::npos ? text.size() : end + 2;
-    Step step;
-    step.kind = Step::Kind::kSend;
-    step.data = body.text;
-    step.offset = start;
-    step.length = end - start;
-    response.steps.push_back(std::move(step));
-    start = end;
-  }
-  return response;
 }
 
 // The JSON of each record line, without "data: " and the blank line.
@@ -215,6 +123,11 @@ class Loopback {
     for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"})
       ::unsetenv(name);
     url_ = server_.baseUrl() + std::string(lumora::kChatPath);
+    const std::string curl = lumora::bench::onPath("curl");
+    if (curl.empty()) die("curl is not on the PATH");
+    curl_ = std::make_unique<lumora::bench::Command>(
+        std::vector<std::string>{curl, "-s", "-o", "/dev/null", url_},
+        lumora::bench::environmentWith({}));
   }
 
   const std::string& url() const { return url_; }
@@ -247,21 +160,9 @@ class Loopback {
   // `curl -s -o /dev/null URL` as its own process, timed from spawn to exit.
   double viaCurl(const Response& response) {
     server_.enqueue(Response(response));
-    const char* argv[] = {"curl", "-s", "-o", "/dev/null", url_.c_str(), nullptr};
-    const auto start = Clock::now();
-    pid_t pid = 0;
-    if (int error =
-            ::posix_spawnp(&pid, "curl", nullptr, nullptr, const_cast<char**>(argv), environ);
-        error != 0)
-      die(std::string("cannot start curl: ") + std::strerror(error));
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-      if (errno != EINTR) die("waitpid failed");
-    }
-    const double elapsed = seconds(Clock::now() - start);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-      die("curl failed with status " + std::to_string(status));
-    return elapsed;
+    const lumora::bench::Exit exit = lumora::bench::run(*curl_, lumora::bench::Output::discard);
+    if (exit.status != 0) die("curl failed with status " + std::to_string(exit.status));
+    return exit.seconds;
   }
 
   // Once, untimed: curl receives the whole body with status 200, so the timed runs (which
@@ -288,6 +189,7 @@ class Loopback {
   ScriptedServer server_;
   lumora::ChatEnvironment environment_;
   std::string url_;
+  std::unique_ptr<lumora::bench::Command> curl_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -576,14 +478,12 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     auto number = [&](const char* name) -> size_t {
-      if (i + 1 >= argc) usage();
-      char* end = nullptr;
-      const unsigned long long value = std::strtoull(argv[++i], &end, 10);
-      if (*end != '\0' || value == 0) {
+      const size_t value = lumora::bench::positiveArgument(i, argc, argv);
+      if (value == 0) {
         std::fprintf(stderr, "bench_stream: %s wants a positive number\n", name);
         usage();
       }
-      return static_cast<size_t>(value);
+      return value;
     };
     if (arg == "--runs") {
       options.runs = static_cast<int>(std::min<size_t>(number("--runs"), 1000));

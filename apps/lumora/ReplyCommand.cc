@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -72,7 +73,8 @@ class RecordingTransport final : public HttpTransport {
 };
 
 // Stops the run on SIGINT or SIGTERM. The signals are blocked in every thread and taken by
-// one thread of our own, so nothing runs in a signal handler.
+// one thread of our own, so nothing runs in a signal handler. That thread sleeps until a signal
+// comes; the destructor wakes it with a SIGTERM of its own, so that ending a run never waits.
 class SignalWatcher {
  public:
   SignalWatcher(MainExecutor& executor, std::function<void()> onSignal) {
@@ -82,17 +84,19 @@ class SignalWatcher {
     sigaddset(&set, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     thread_ = std::thread([this, set, &executor, onSignal = std::move(onSignal)] {
-      const timespec tick{0, 50'000'000};
-      while (!quit_) {
-        if (sigtimedwait(&set, nullptr, &tick) > 0) {
-          interrupted_ = true;
-          executor.post(onSignal);
-        }
+      int signal = 0;
+      // A signal taken once quit_ is set is the destructor's (or comes too late to stop
+      // anything): the run is over either way.
+      while (sigwait(&set, &signal) == 0 && !quit_) {
+        interrupted_ = true;
+        executor.post(onSignal);
       }
     });
   }
   ~SignalWatcher() {
     quit_ = true;
+    // Blocked here, the signal stays pending for that thread until its sigwait takes it.
+    pthread_kill(thread_.native_handle(), SIGTERM);
     thread_.join();
   }
   bool interrupted() const { return interrupted_; }
@@ -224,6 +228,7 @@ int replyCommand(const Args& args) {
 
     // The reply goes to standard output as it grows: only what is new each time.
     ReplyText written;
+    bool wrote = false;
     panel->setObserver([&] {
       if (options.dryRun) return;
       const ReplyText& now = panel->output();
@@ -240,14 +245,28 @@ int replyCommand(const Args& args) {
       if (fresh.empty()) return;
       spinner.clear();
       std::fwrite(fresh.data(), 1, fresh.size(), stdout);
-      std::fflush(stdout);
+      wrote = true;
     });
 
     panel->panelDidAppear();
     panel->startGeneration();
-    while (!executor.runUntil([&] { return panel->latestRunEnded(); },
-                              std::chrono::milliseconds(100))) {
-      if (!options.dryRun && panel->generating() && panel->output().empty()) spinner.tick();
+    // The panel posts each chunk of the reply to the executor on its own. Woken for every one,
+    // this thread would sleep and wake, and write, once per record the server sends; so once
+    // text has come, what follows is let gather for a moment, taken together and written with
+    // one flush. A model's tokens, tens of milliseconds apart, still show as they come.
+    constexpr std::chrono::milliseconds kGather{1};
+    while (true) {
+      wrote = false;
+      const bool moved = executor.runUntil([&] { return wrote || panel->latestRunEnded(); },
+                                           std::chrono::milliseconds(100));
+      if (wrote && !panel->latestRunEnded()) {
+        std::this_thread::sleep_for(kGather);
+        executor.drain();
+      }
+      std::fflush(stdout);
+      if (panel->latestRunEnded()) break;
+      if (!moved && !options.dryRun && panel->generating() && panel->output().empty())
+        spinner.tick();
     }
     spinner.clear();
 

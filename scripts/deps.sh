@@ -6,7 +6,8 @@ packages=(g++ cmake ninja-build pkg-config curl
           libncurses-dev tmux neomutt  # the terminal panel, and its end-to-end tests
           libgtest-dev libgmock-dev libbenchmark-dev
           libgumbo-dev python3-lxml  # the last two for bench_html's comparisons
-          groff-base zsh)  # checking the manual page and the zsh completion
+          dpkg-dev file groff-base zsh)  # the .deb (dpkg-shlibdeps, CPack's ELF check), and
+                                         # checking the manual page and the zsh completion
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -5,7 +5,9 @@ packages=(g++ cmake ninja-build pkg-config curl
           libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libsqlite3-dev
           libncurses-dev tmux neomutt aerc  # the terminal panel, and its end-to-end tests
           libgtest-dev libgmock-dev libbenchmark-dev
-          libgumbo-dev python3-lxml)  # the last two for bench_html's comparisons
+          libgumbo-dev python3-lxml  # the last two for bench_html's comparisons
+          dpkg-dev file groff-base zsh)  # the .deb (dpkg-shlibdeps, CPack's ELF check), and
+                                         # checking the manual page and the zsh completion
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

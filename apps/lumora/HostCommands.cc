@@ -32,6 +32,14 @@ constexpr const char* kColourHelp =
     "Usage: lumora colour SUBJECT\n"
     "\n"
     "Prints the colour of a message with SUBJECT, or nothing and exits 1 when it has none.\n";
+constexpr const char* kSendmailHelp =
+    "Usage: lumora sendmail [ARGS...]\n"
+    "\n"
+    "A drop-in sendmail for the mail client: reads the message on standard input, applies the\n"
+    "recipient rule, adds the extra header and hands the message with the same ARGS to the\n"
+    "real sendmail (LUMORA_SENDMAIL, default /usr/sbin/sendmail).\n"
+    "Exit status: the real sendmail's, 65 when the recipient rule refuses the message (the\n"
+    "refusal on standard error, nothing sent), 69 when the real sendmail cannot be run.\n";
 
 const char* colourName(MessageColor colour) { return colour == MessageColor::red ? "red" : ""; }
 
@@ -184,6 +192,12 @@ int colourCommand(const Args& args) {
 }
 
 int sendmailCommand(const Args& args) {
+  // Only --help alone: every other argument is the real sendmail's, and a mail client never
+  // calls sendmail with this one.
+  if (args.size() == 1 && args[0] == "--help") {
+    std::fputs(kSendmailHelp, stdout);
+    return kExitOk;
+  }
   const std::optional<std::string> message = readMessage("-");
   if (!message) return kExitFailed;
   if (auto refusal = ComposeSessionHandler::refusal(recipients(args, *message))) {

@@ -37,10 +37,10 @@ constexpr const char* kTeamsHelp =
     "\n"
     "The self-hosted team servers; the newest team answers first.\n"
     "\n"
-    "  list                        one a line, separated by tabs: id, name (or -), domain, and\n"
-    "                              the token masked\n"
-    "  add DOMAIN TOKEN [--name N] stores a team; prints its id\n"
-    "  rm ID                       removes the team\n"
+    "  list                         one a line, separated by tabs: id, name (or -), domain,\n"
+    "                               and the token masked\n"
+    "  add DOMAIN TOKEN [--name N]  stores a team; prints its id\n"
+    "  rm ID                        removes the team\n"
     "\n"
     "Exit status: 0 done, 1 the store could not be used or no team has that id, 2 usage error.\n";
 

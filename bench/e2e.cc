@@ -148,7 +148,8 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
   // A client that hangs up before the end of the body shows here, even when its output went to
   // /dev/null and cannot be looked at.
   auto wholeBodyRead = [&](const std::string& who) {
-    if (server.lastClientDisconnect()) fail(who + " hung up before the end of the stream");
+    if (server.waitForClientDisconnect(std::chrono::milliseconds(0)))
+      fail(who + " hung up before the end of the stream");
   };
   Contender lumora{"lumora reply", home.lumora({"reply", "--model", kModel, messageFile()}),
                    bench::Output::discard, [&](const bench::Exit& exit) {

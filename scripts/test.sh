@@ -6,3 +6,4 @@ scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_BUILD_BENCH=ON
 cmake --build build -j "$(nproc)"
 ctest --test-dir build --output-on-failure -j 2
+scripts/check-package.sh build

@@ -80,7 +80,7 @@ MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
       .pasteboard = pasteboard,
       .conversations = conversations,
       .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },
-      .quotedTexts = [](const std::string& message) { return MailParser::quotedTexts(message); },
+      .quotedTexts = [](std::string_view message) { return MailParser::quotedTexts(message); },
       .overrides = {},
       .onServiceChosen = {},
   };

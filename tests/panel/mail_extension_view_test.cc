@@ -41,7 +41,7 @@ class PanelTest : public ::testing::Test {
         .conversations = conversations ? *conversations : conversations_,
         .defaultModel = [] { return std::string("gpt-3.5-turbo"); },
         .quotedTexts =
-            [this](const std::string&) {
+            [this](std::string_view) {
               if (parserFailure_) std::rethrow_exception(parserFailure_);
               return passages_;
             },

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace lumora {
@@ -12,8 +13,9 @@ namespace lumora {
 class Message {
  public:
   virtual ~Message() = default;
-  // The message's raw RFC 5322 bytes, if the host has them.
-  virtual std::optional<std::string> rawData() const = 0;
+  // The message's raw RFC 5322 bytes, if the host has them: a view, valid while the message
+  // is, since a message may be tens of MB.
+  virtual std::optional<std::string_view> rawData() const = 0;
 };
 
 // One compose window.
@@ -30,7 +32,9 @@ class ComposeSession {
 class BytesMessage final : public Message {
  public:
   explicit BytesMessage(std::optional<std::string> bytes) : bytes_(std::move(bytes)) {}
-  std::optional<std::string> rawData() const override { return bytes_; }
+  std::optional<std::string_view> rawData() const override {
+    return bytes_ ? std::optional<std::string_view>(*bytes_) : std::nullopt;
+  }
 
  private:
   std::optional<std::string> bytes_;

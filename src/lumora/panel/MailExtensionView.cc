@@ -258,7 +258,8 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
   try {
     // The message being answered. Bytes that are not UTF-8 count as no message at all.
     if (const Message* original = deps_.session.originalMessage()) {
-      if (std::optional<std::string> raw = original->rawData(); raw && text::isValidUtf8(*raw))
+      if (std::optional<std::string_view> raw = original->rawData();
+          raw && text::isValidUtf8(*raw))
         passages = deps_.quotedTexts(*raw);
     }
 

@@ -65,7 +65,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
     // The default model as the settings say now ("defaultModel").
     std::function<std::string()> defaultModel;
     // The quoted passages of a raw message; may throw, which fails the run.
-    std::function<std::vector<std::string>(const std::string&)> quotedTexts;
+    std::function<std::vector<std::string>(std::string_view)> quotedTexts;
     // Values that replace the stored fields for this panel only (keys as above): reads give
     // them, writes change them in memory and never reach the store.
     std::map<std::string, std::string, std::less<>> overrides;

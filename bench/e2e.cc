@@ -5,15 +5,22 @@
 //      (bench/node/stream.mjs) reading it chunk by chunk; alternated round by round;
 //   2. dryrun: `lumora reply --dry-run` on the example reply message, against the start of
 //      /bin/true (the cost of a process) and of Python importing what a mail client in Python
-//      would need (the start of any command-line client written in it).
+//      would need (the start of any command-line client written in it);
+//   3. memory: the peak resident memory of a dry run on a 10 MB message (one large HTML part,
+//      tens of thousands of quoted passages) and of a 1 MB streamed reply, against that of
+//      `lumora --version` (the program and its libraries alone).
 // Every run's result is checked: a program that gets or prints the wrong thing stops the report.
 #include <unistd.h>
+#include <sys/wait.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -118,7 +125,8 @@ struct Options {
   int streamRuns = 11;
   int dryRunRuns = 31;
   size_t records = 100'000;
-  std::string only;  // "stream" or "dryrun"; empty runs both
+  int memoryRuns = 5;
+  std::string only;  // "stream", "dryrun" or "memory"; empty runs all
   std::string lumora = LUMORA_BINARY;
 };
 
@@ -304,9 +312,107 @@ void reportDryRun(ScriptedServer& server, const Home& home, const Options& optio
   std::printf("\n");
 }
 
+// ---------------------------------------------------------------------------------------------
+// 3. Memory
+
+// A message of about `bytes` bytes: one quoted-printable HTML part whose every other element is
+// a quoted passage, in lines short enough for quoted-printable.
+std::string largeMessage(size_t bytes) {
+  std::string m =
+      "From: Ann <ann@example.org>\r\nTo: Bo <bo@example.net>\r\nSubject: The long thread\r\n"
+      "MIME-Version: 1.0\r\nContent-Type: text/html; charset=utf-8\r\n"
+      "Content-Transfer-Encoding: quoted-printable\r\n\r\n<html><body>\r\n";
+  for (size_t i = 0; m.size() < bytes; ++i) {
+    const std::string n = std::to_string(i);
+    m += "<p>Paragraph " + n + " of the thread, with a few words.</p>\r\n<blockquote>Passage " +
+         n + ": could we meet on Friday?</blockquote>\r\n";
+  }
+  return m + "</body></html>\r\n";
+}
+
+// The peak memory of a child counts the memory of the process that started it, which the kernel
+// carries over its exec, and this program holds a large stream. So each command is started by
+// a fresh copy of this program (`--peak-memory COMMAND...`), small, which reports the command's
+// peak on its last line of standard error.
+constexpr std::string_view kPeakPrefix = "peak KiB ";
+
+int measurePeak(char** command) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::execv(command[0], command);
+    ::_exit(127);
+  }
+  int status = 0;
+  rusage usage{};
+  while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+  }
+  std::fprintf(stderr, "%s%ld\n", kPeakPrefix.data(), usage.ru_maxrss);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void reportMemory(ScriptedServer& server, const Home& home, const Options& options) {
+  lumora::testing::TempDir dir;
+  const std::string big = largeMessage(10'000'000);
+  const std::string bigFile = (dir.path() / "large.eml").string();
+  std::ofstream(bigFile, std::ios::binary) << big;
+  constexpr size_t kReplyBytes = 1 << 20;
+  std::string stream;
+  const std::string piece(100, 'x');
+  for (size_t sent = 0; sent < kReplyBytes; sent += piece.size())
+    bench::appendRecord(stream, piece.substr(0, std::min(piece.size(), kReplyBytes - sent)));
+  stream += "data: [DONE]\n\n";
+
+  struct Part {
+    const char* name;
+    bench::Command command;
+    size_t input;  // the bytes the goal is counted on; 0 for the anchor
+    std::function<void()> before;
+    std::vector<double> peaksKiB{};
+  };
+  const auto peakKiB = [](const char* what, const bench::Exit& exit) {
+    const size_t at = exit.err.rfind(kPeakPrefix);
+    if (exit.status != 0 || at == std::string::npos || exit.err.find('\n') + 1 != exit.err.size())
+      fail(std::string(what) + " failed: " + described(exit));
+    return std::stod(exit.err.substr(at + kPeakPrefix.size()));
+  };
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  const auto measured = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {self, "--peak-memory", options.lumora});
+    return home.other(std::move(args));
+  };
+  Part parts[] = {
+      {"lumora --version", measured({"--version"}), 0, [] {}},
+      {"dry run, 10 MB message", measured({"reply", "--dry-run", "--model", kModel, bigFile}),
+       big.size(), [] {}},
+      {"reply of 1 MiB, streamed", measured({"reply", "--model", kModel, messageFile()}),
+       kReplyBytes, [&] { server.enqueue(Response::stream(stream, 16 << 10)); }},
+  };
+  for (int round = 0; round < options.memoryRuns; ++round) {
+    for (Part& part : parts) {
+      part.before();
+      part.peaksKiB.push_back(peakKiB(part.name, bench::run(part.command, bench::Output::discard)));
+    }
+  }
+  const double floor = bench::median(parts[0].peaksKiB);
+  std::printf("3. peak resident memory, median of %d runs (goal: 4 x input + 10 MB)\n",
+              options.memoryRuns);
+  for (const Part& part : parts) {
+    const double peak = bench::median(part.peaksKiB);
+    if (part.input == 0) {
+      std::printf("   %-26s %9.1f MiB\n", part.name, peak / 1024);
+      continue;
+    }
+    const double goal = (4.0 * static_cast<double>(part.input) + 10e6) / 1024;
+    std::printf("   %-26s %9.1f MiB  goal %.1f MiB; over the anchor: %.1f x the input\n",
+                part.name, peak / 1024, goal / 1024,
+                (peak - floor) * 1024 / static_cast<double>(part.input));
+  }
+  std::printf("\n");
+}
+
 constexpr const char* kUsage =
-    "usage: bench_e2e [--runs N] [--records N] [--only stream|dryrun] [--lumora PATH]\n"
-    "  --runs N     rounds per part (default: 11 for stream, 31 for dryrun)\n"
+    "usage: bench_e2e [--runs N] [--records N] [--only stream|dryrun|memory] [--lumora PATH]\n"
+    "  --runs N     rounds per part (default: 11 for stream, 31 for dryrun, 5 for memory)\n"
     "  --records N  records of the chat stream (default 100000)\n"
     "  --lumora PATH  the lumora binary to time (default: the one built with this program)\n";
 
@@ -321,13 +427,15 @@ std::optional<Options> parseOptions(int argc, char** argv) {
       if (arg == "--records") {
         options.records = value;
       } else {
-        options.streamRuns = options.dryRunRuns = static_cast<int>(std::min<size_t>(value, 1000));
+        options.streamRuns = options.dryRunRuns = options.memoryRuns =
+            static_cast<int>(std::min<size_t>(value, 1000));
       }
     } else if (arg == "--lumora" && i + 1 < argc) {
       options.lumora = argv[++i];
     } else if (arg == "--only" && i + 1 < argc) {
       options.only = argv[++i];
-      if (options.only != "stream" && options.only != "dryrun") return std::nullopt;
+      if (options.only != "stream" && options.only != "dryrun" && options.only != "memory")
+        return std::nullopt;
     } else {
       return std::nullopt;
     }
@@ -338,6 +446,7 @@ std::optional<Options> parseOptions(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 2 && std::string_view(argv[1]) == "--peak-memory") return measurePeak(argv + 2);
   const std::optional<Options> parsed = parseOptions(argc, argv);
   if (!parsed) {
     std::fputs(kUsage, stderr);
@@ -353,6 +462,7 @@ int main(int argc, char** argv) {
         options.streamRuns, options.dryRunRuns, options.lumora.c_str());
     if (options.only.empty() || options.only == "stream") reportStream(server, home, options);
     if (options.only.empty() || options.only == "dryrun") reportDryRun(server, home, options);
+    if (options.only.empty() || options.only == "memory") reportMemory(server, home, options);
   } catch (const std::exception& e) {
     fail(std::string("failed: ") + e.what());
   }

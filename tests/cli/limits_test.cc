@@ -2,6 +2,7 @@
 // is read whole, a reply past "maxReplyMiB" is cut off with its text so far kept.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "support/FakeTransport.h"
@@ -21,6 +22,9 @@ using testing::sseRecord;
 class LimitsTest : public ::testing::Test {
  protected:
   LimitsTest() {
+    // The real sendmail's stand-in prints what it was given.
+    std::ofstream(home_ / "sendmail") << "#!/bin/sh\ncat\n";
+    std::filesystem::permissions(home_ / "sendmail", std::filesystem::perms::owner_all);
     lumora({"settings", "set", "apiKey", "sk-test-limits-0123456789"});
     std::ofstream(home_ / "message.eml", std::ios::binary) << message(20'000);
   }
@@ -30,7 +34,8 @@ class LimitsTest : public ::testing::Test {
     ProcessOptions options;
     options.setEnv = {{"XDG_CONFIG_HOME", (home_ / "config").string()},
                       {"XDG_DATA_HOME", (home_ / "data").string()},
-                      {"LUMORA_OPENAI_BASE_URL", server_.baseUrl()}};
+                      {"LUMORA_OPENAI_BASE_URL", server_.baseUrl()},
+                      {"LUMORA_SENDMAIL", (home_ / "sendmail").string()}};
     options.unsetEnv = {"LUMORA_DEBUG", "https_proxy", "http_proxy", "HTTPS_PROXY"};
     options.input = std::move(input);
     return testing::runProcess(args, options);
@@ -89,6 +94,17 @@ TEST_F(LimitsTest, AMessagePastTheLimitIsRefusedWhereverItComesFrom) {
       EXPECT_EQ(r.err, c.err);
     }
   }
+}
+
+// Mail still goes out when the command's own settings cannot be read: the limit is then its
+// default.
+TEST_F(LimitsTest, AnUnreadableSettingsFileDoesNotStopTheWrapper) {
+  const auto own = home_ / "config" / "lumora" / "tech.zorvel.lumora.json";
+  ASSERT_TRUE(std::filesystem::exists(own.parent_path()));
+  std::ofstream(own) << "{ not json";
+  const ProcessResult r = lumora({"sendmail", "bo@example.org"}, "Subject: Hi\r\n\r\nHello\r\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Hello"), std::string::npos) << r.out;
 }
 
 TEST_F(LimitsTest, AReplyPastTheLimitIsCutOffWithItsTextKept) {

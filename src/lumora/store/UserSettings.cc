@@ -1,5 +1,6 @@
 #include "lumora/store/UserSettings.h"
 
+#include "lumora/platform/Errors.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/store/Features.h"
 
@@ -36,7 +37,12 @@ namespace lumora {
 size_t UserSettings::bytesOf(const DoubleSetting& mebibytes) {
   constexpr double kMiB = 1 << 20;
   constexpr double kMostMiB = 1 << 20;  // 1 TiB
-  double value = mebibytes.get();
+  // A settings file that cannot be read does not stop a message from being read or sent.
+  double value = 0;
+  try {
+    value = mebibytes.get();
+  } catch (const Error&) {
+  }
   if (!(value > 0 && value <= kMostMiB)) value = mebibytes.defaultValue();
   return static_cast<size_t>(value * kMiB);
 }

@@ -205,8 +205,8 @@ class UserSettings : private detail::SettingBinder {
   DoubleSetting maxMessageMiB{bind("maxMessageMiB")};
   DoubleSetting maxReplyMiB{bind("maxReplyMiB")};
 
-  // The two limits in bytes. A value that is not a positive number of at most 1 TiB reads as
-  // the default.
+  // The two limits in bytes. A value that is not a positive number of at most 1 TiB, or a
+  // settings file that cannot be read, gives the default.
   size_t maxMessageBytes() const { return bytesOf(maxMessageMiB); }
   size_t maxReplyBytes() const { return bytesOf(maxReplyMiB); }
 

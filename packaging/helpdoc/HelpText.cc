@@ -1,7 +1,6 @@
 #include "HelpText.h"
 
 #include <algorithm>
-#include <regex>
 
 namespace lumora::helpdoc {
 namespace {
@@ -27,8 +26,17 @@ void appendWords(std::string& to, std::string_view line) {
 // "Exit status: ...", "Input page:": a line that opens a paragraph of its own even when no
 // empty line comes before it.
 bool opensParagraph(const std::string& line) {
-  static const std::regex kLabel("^[A-Z][a-z]*( [a-z]+){0,2}:( |$)");
-  return std::regex_search(line, kLabel);
+  const auto lower = [](char c) { return c >= 'a' && c <= 'z'; };
+  if (line.empty() || line[0] < 'A' || line[0] > 'Z') return false;
+  size_t i = 1;
+  while (i < line.size() && lower(line[i])) ++i;
+  // Up to two more lowercase words, then the colon, then a space or the end.
+  for (int words = 0; words < 2 && i + 1 < line.size() && line[i] == ' ' && lower(line[i + 1]);
+       ++words) {
+    ++i;
+    while (i < line.size() && lower(line[i])) ++i;
+  }
+  return i < line.size() && line[i] == ':' && (i + 1 == line.size() || line[i + 1] == ' ');
 }
 
 // The indented lines of one run, as a list when every entry's description starts in one
@@ -105,10 +113,28 @@ void addOption(std::vector<Option>& options, const Option& option) {
 
 // Options named in running text: "--title TEXT", "--debug".
 void scanOptions(const std::string& text, std::vector<Option>& options) {
-  static const std::regex kOption("(^|[^-A-Za-z0-9])(--[a-z][a-z0-9-]*)( ([A-Z][A-Z0-9_]*)\\b)?");
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), kOption);
-       it != std::sregex_iterator(); ++it)
-    addOption(options, {(*it)[2].str(), (*it)[4].str()});
+  const auto word = [](char c) {
+    return c == '-' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+  };
+  const auto upper = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; };
+  for (size_t at = text.find("--"); at != std::string::npos; at = text.find("--", at + 2)) {
+    if (at > 0 && word(text[at - 1])) continue;
+    size_t end = at + 2;
+    if (end >= text.size() || text[end] < 'a' || text[end] > 'z') continue;
+    while (end < text.size() && ((text[end] >= 'a' && text[end] <= 'z') ||
+                                 (text[end] >= '0' && text[end] <= '9') || text[end] == '-'))
+      ++end;
+    Option option{text.substr(at, end - at), {}};
+    // An argument in capitals right after one space, as a whole word: "--title TEXT".
+    if (end + 1 < text.size() && text[end] == ' ' && text[end + 1] >= 'A' && text[end + 1] <= 'Z') {
+      size_t stop = end + 1;
+      while (stop < text.size() && upper(text[stop])) ++stop;
+      if (stop == text.size() || !word(text[stop]) || text[stop] == '-')
+        option.value = text.substr(end + 1, stop - end - 1);
+    }
+    addOption(options, option);
+    at = end - 2;
+  }
 }
 
 }  // namespace

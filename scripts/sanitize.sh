@@ -31,7 +31,7 @@ esac
 # The sanitizers' instrumentation makes GCC 12 warn of uninitialised members inside
 # libstdc++'s own templates, which the normal build checks without it.
 cmake -S . -B "build-$mode" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DLUMORA_BUILD_TESTS=ON \
-  -DLUMORA_BUILD_BENCH=OFF \
+  -DLUMORA_BUILD_BENCH=OFF -DLUMORA_TEST_TIMEOUT=900 \
   -DCMAKE_CXX_FLAGS="-O1 -g1 -fno-omit-frame-pointer -Wno-maybe-uninitialized $flags" \
   -DCMAKE_EXE_LINKER_FLAGS="$flags"
 cmake --build "build-$mode" -j "$jobs"

@@ -165,10 +165,13 @@ class PanelTerminalTest : public ::testing::Test {
     return "Date: Mon, 23 Nov 2026 10:00:00 +0000\r\n" + message;
   }
 
-  // A mail client in the pane, with the test's environment and `lumora` on its PATH.
+  // A mail client in the pane, with the test's environment and `lumora` on its PATH. No debug
+  // lines: the client gives the panel its own terminal, where they would be written at the end
+  // and wait for a key.
   std::string mailClientCommand(const std::string& program) {
     std::string command = "env";
-    for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
+    for (const auto& [name, value] : environment())
+      if (name != "LUMORA_DEBUG") command += " " + name + "=" + quoted(value);
     command += " EDITOR=true PATH=" +
                quoted(std::filesystem::path(LUMORA_BINARY).parent_path().string() +
                       ":/usr/bin:/bin");

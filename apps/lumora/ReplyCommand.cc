@@ -48,7 +48,9 @@ struct Options {
   bool debug = false;
 };
 
-// Records the request instead of sending it, and answers with an empty stream.
+// Records the request instead of sending it, then ends the run as a stop before the response
+// head would: with no response there is no stream, so no reading thread is started and joined
+// for nothing (each thread handed over to costs a scheduler slice on a busy machine).
 class RecordingTransport final : public HttpTransport {
  public:
   std::optional<HttpRequest> request;
@@ -56,20 +58,8 @@ class RecordingTransport final : public HttpTransport {
   std::unique_ptr<HttpResponse> send(const HttpRequest& r, const SessionConfiguration&,
                                      std::stop_token) override {
     request = r;
-    return std::make_unique<EmptyResponse>();
+    throw CancellationError();
   }
-
- private:
-  class EmptyResponse final : public HttpResponse {
-   public:
-    int status() const override { return 200; }
-    const HttpHeaders& headers() const override { return headers_; }
-    void readBody(const std::function<void(std::string_view)>&, std::stop_token,
-                  const std::function<void()>&) override {}
-
-   private:
-    HttpHeaders headers_;
-  };
 };
 
 // Stops the run on SIGINT or SIGTERM. The signals are blocked in every thread and taken by
@@ -223,7 +213,9 @@ int replyCommand(const Args& args) {
           *options.conversation;
 
     auto panel = MailExtensionView::make(std::move(deps));
-    SignalWatcher signals(executor, [&panel] { panel->stopGeneration(); });
+    // A dry run sends nothing and waits for nothing, so it needs no thread for the signals.
+    std::optional<SignalWatcher> signals;
+    if (!options.dryRun) signals.emplace(executor, [&panel] { panel->stopGeneration(); });
     Spinner spinner;
 
     // The reply goes to standard output as it grows: only what is new each time.
@@ -286,7 +278,7 @@ int replyCommand(const Args& args) {
       std::fprintf(stderr, "lumora: %s\n", panel->errorMessage().c_str());
       return kExitFailed;
     }
-    return signals.interrupted() ? kExitInterrupted : kExitOk;
+    return signals && signals->interrupted() ? kExitInterrupted : kExitOk;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
     return kExitFailed;

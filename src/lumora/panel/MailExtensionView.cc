@@ -331,7 +331,8 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
     std::stop_token stop = task->stop.get_token();
     try {
       ChunkStream stream = client->streamChat(model, messages, kTemperature, stop);
-      while (std::optional<StreamChunk> chunk = stream.next(stop)) {
+      // Only the newest chunk of a burst matters: each carries the whole reply so far.
+      while (std::optional<StreamChunk> chunk = stream.newest(stop)) {
         bool waiting;
         {
           std::lock_guard lock(task->latestMutex);

@@ -3,10 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -64,37 +65,45 @@ class RecordingTransport final : public HttpTransport {
 
 // Stops the run on SIGINT or SIGTERM. The signals are blocked in every thread and taken by
 // one thread of our own, so nothing runs in a signal handler. That thread sleeps until a signal
-// comes; the destructor wakes it with a SIGTERM of its own, so that ending a run never waits.
+// comes. The destructor does not wait for it, as a join would wait for the thread to be
+// scheduled once more (a whole time slice on a busy machine): it marks the watch ended, under
+// the lock that the thread posts under, and lets the thread go; a signal taken after that is
+// too late to stop anything, and the thread ends with the process.
 class SignalWatcher {
  public:
-  SignalWatcher(MainExecutor& executor, std::function<void()> onSignal) {
+  SignalWatcher(MainExecutor& executor, std::function<void()> onSignal)
+      : state_(std::make_shared<State>()) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    thread_ = std::thread([this, set, &executor, onSignal = std::move(onSignal)] {
+    std::thread([state = state_, set, &executor, onSignal = std::move(onSignal)] {
       int signal = 0;
-      // A signal taken once quit_ is set is the destructor's (or comes too late to stop
-      // anything): the run is over either way.
-      while (sigwait(&set, &signal) == 0 && !quit_) {
-        interrupted_ = true;
+      while (sigwait(&set, &signal) == 0) {
+        std::lock_guard lock(state->mutex);
+        if (state->ended) return;  // the executor may be gone
+        state->interrupted = true;
         executor.post(onSignal);
       }
-    });
+    }).detach();
   }
   ~SignalWatcher() {
-    quit_ = true;
-    // Blocked here, the signal stays pending for that thread until its sigwait takes it.
-    pthread_kill(thread_.native_handle(), SIGTERM);
-    thread_.join();
+    std::lock_guard lock(state_->mutex);
+    state_->ended = true;
   }
-  bool interrupted() const { return interrupted_; }
+  bool interrupted() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->interrupted;
+  }
 
  private:
-  std::atomic<bool> quit_{false};
-  std::atomic<bool> interrupted_{false};
-  std::thread thread_;
+  struct State {
+    std::mutex mutex;
+    bool ended = false;
+    bool interrupted = false;
+  };
+  std::shared_ptr<State> state_;
 };
 
 // Shows that the model is being waited for, on a terminal only.
@@ -183,6 +192,9 @@ int replyCommand(const Args& args) {
   const char* debugEnv = std::getenv("LUMORA_DEBUG");
   const bool debugOn = options.debug || (debugEnv && std::string_view(debugEnv) == "1");
   debug::setSink(debugOn ? debug::stderrSink() : debug::Sink());
+
+  // libcurl and its libraries take as long to load as the rest of the start: loaded meanwhile.
+  if (!options.dryRun) prepareDefaultTransport();
 
   std::optional<std::string> raw;
   if (options.message) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "lumora/platform/CurlLibrary.h"
@@ -166,7 +167,7 @@ class CurlResponse final : public HttpResponse {
   static size_t onHeader(char* data, size_t size, size_t count, void* self) {
     auto* r = static_cast<CurlResponse*>(self);
     const size_t n = size * count;
-    r->lastActivity_ = Clock::now();
+    r->active_ = true;
     std::string_view line(data, n);
     if (line.starts_with("HTTP/")) {
       r->headers_.clear();
@@ -197,7 +198,7 @@ class CurlResponse final : public HttpResponse {
   static size_t onWrite(char* data, size_t size, size_t count, void* self) {
     auto* r = static_cast<CurlResponse*>(self);
     const size_t n = size * count;
-    r->lastActivity_ = Clock::now();
+    r->active_ = true;
     r->headDone_ = true;
     if (!r->sink_) {
       // The body's reader is not there yet: libcurl keeps the bytes until it is, so they are
@@ -249,7 +250,11 @@ class CurlResponse final : public HttpResponse {
         if (untilHead) throw CancellationError();
         return;
       }
-      const auto idle = Clock::now() - lastActivity_;
+      // Bytes that came during this round count as activity now: reading the clock once per
+      // round rather than per piece (a stream of small records has thousands a second).
+      const auto now = Clock::now();
+      if (std::exchange(active_, false)) lastActivity_ = now;
+      const auto idle = now - lastActivity_;
       if (idle >= idleTimeout_) {
         close();
         throw TransportError(TransportError::Code::timedOut, "The request timed out.");
@@ -291,6 +296,7 @@ class CurlResponse final : public HttpResponse {
 
   std::chrono::milliseconds idleTimeout_;
   Clock::time_point lastActivity_;
+  bool active_ = false;  // a byte came since lastActivity_ was set
   int status_ = 0;
   HttpHeaders headers_;
   bool headDone_ = false;
@@ -319,6 +325,18 @@ class CurlTransport final : public HttpTransport {
 HttpTransport& defaultTransport() {
   static CurlTransport transport;
   return transport;
+}
+
+void prepareDefaultTransport() {
+  // Detached: the load ends well before any process does, and a process that ends first loses
+  // nothing (exit waits for the loader's lock).
+  std::thread([] {
+    try {
+      curl::api();
+    } catch (const TransportError&) {
+      // Said again, to the user, by the first request.
+    }
+  }).detach();
 }
 
 }  // namespace lumora

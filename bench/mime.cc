@@ -94,7 +94,7 @@ def once():
 // not there.
 double pythonRound(int runs) {
   return lumora::bench::pythonSeconds(
-      kPythonScript, "'" + corpusDir().string() + "' " + std::to_string(runs));
+      kPythonScript, std::string("'").append(corpusDir().string()) + "' " + std::to_string(runs));
 }
 
 // ---- hostile messages ----------------------------------------------------------------------
@@ -104,7 +104,7 @@ std::string deepNesting(size_t bytes) {
   std::vector<std::string> closing;
   size_t closingBytes = 0;
   for (size_t level = 0; message.size() + closingBytes < bytes; ++level) {
-    const std::string b = "n" + std::to_string(level) + "_";
+    const std::string b = std::string("n").append(std::to_string(level)) + "_";
     message += "Content-Type: multipart/mixed; boundary=" + b + "\n\n--" + b + "\n";
     closing.push_back("--" + b + "--\n\n");
     closingBytes += closing.back().size();

@@ -50,6 +50,14 @@ done
 outside=$(dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '^\./usr/' | grep -v '^\./$' || true)
 [ -z "$outside" ] || fail "files outside /usr: $outside"
 
+# libcurl is loaded by the first request, not linked: a command that sends nothing does not pay
+# for loading it and the thirty libraries behind it. Depends names it all the same (above).
+needed=$(objdump -p "$lumora" | awk '$1 == "NEEDED" {print $2}')
+[ -n "$needed" ] || fail "objdump lists no libraries the command needs"
+if grep -q '^libcurl' <<<"$needed"; then
+  fail "the command links libcurl, which it should load only when it sends: $(echo $needed)"
+fi
+
 # The command from the package.
 [ "$("$lumora" --version)" = "lumora $version" ] || fail "lumora --version: $("$lumora" --version)"
 XDG_CONFIG_HOME=$tmp/config XDG_DATA_HOME=$tmp/data \

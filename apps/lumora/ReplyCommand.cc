@@ -3,10 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -48,7 +49,9 @@ struct Options {
   bool debug = false;
 };
 
-// Records the request instead of sending it, and answers with an empty stream.
+// Records the request instead of sending it, then ends the run as a stop before the response
+// head would: with no response there is no stream, so no reading thread is started and joined
+// for nothing (each thread handed over to costs a scheduler slice on a busy machine).
 class RecordingTransport final : public HttpTransport {
  public:
   std::optional<HttpRequest> request;
@@ -56,55 +59,51 @@ class RecordingTransport final : public HttpTransport {
   std::unique_ptr<HttpResponse> send(const HttpRequest& r, const SessionConfiguration&,
                                      std::stop_token) override {
     request = r;
-    return std::make_unique<EmptyResponse>();
+    throw CancellationError();
   }
-
- private:
-  class EmptyResponse final : public HttpResponse {
-   public:
-    int status() const override { return 200; }
-    const HttpHeaders& headers() const override { return headers_; }
-    void readBody(const std::function<void(std::string_view)>&, std::stop_token,
-                  const std::function<void()>&) override {}
-
-   private:
-    HttpHeaders headers_;
-  };
 };
 
 // Stops the run on SIGINT or SIGTERM. The signals are blocked in every thread and taken by
 // one thread of our own, so nothing runs in a signal handler. That thread sleeps until a signal
-// comes; the destructor wakes it with a SIGTERM of its own, so that ending a run never waits.
+// comes. The destructor does not wait for it, as a join would wait for the thread to be
+// scheduled once more (a whole time slice on a busy machine): it marks the watch ended, under
+// the lock that the thread posts under, and lets the thread go; a signal taken after that is
+// too late to stop anything, and the thread ends with the process.
 class SignalWatcher {
  public:
-  SignalWatcher(MainExecutor& executor, std::function<void()> onSignal) {
+  SignalWatcher(MainExecutor& executor, std::function<void()> onSignal)
+      : state_(std::make_shared<State>()) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    thread_ = std::thread([this, set, &executor, onSignal = std::move(onSignal)] {
+    std::thread([state = state_, set, &executor, onSignal = std::move(onSignal)] {
       int signal = 0;
-      // A signal taken once quit_ is set is the destructor's (or comes too late to stop
-      // anything): the run is over either way.
-      while (sigwait(&set, &signal) == 0 && !quit_) {
-        interrupted_ = true;
+      while (sigwait(&set, &signal) == 0) {
+        std::lock_guard lock(state->mutex);
+        if (state->ended) return;  // the executor may be gone
+        state->interrupted = true;
         executor.post(onSignal);
       }
-    });
+    }).detach();
   }
   ~SignalWatcher() {
-    quit_ = true;
-    // Blocked here, the signal stays pending for that thread until its sigwait takes it.
-    pthread_kill(thread_.native_handle(), SIGTERM);
-    thread_.join();
+    std::lock_guard lock(state_->mutex);
+    state_->ended = true;
   }
-  bool interrupted() const { return interrupted_; }
+  bool interrupted() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->interrupted;
+  }
 
  private:
-  std::atomic<bool> quit_{false};
-  std::atomic<bool> interrupted_{false};
-  std::thread thread_;
+  struct State {
+    std::mutex mutex;
+    bool ended = false;
+    bool interrupted = false;
+  };
+  std::shared_ptr<State> state_;
 };
 
 // Shows that the model is being waited for, on a terminal only.
@@ -194,6 +193,9 @@ int replyCommand(const Args& args) {
   const bool debugOn = options.debug || (debugEnv && std::string_view(debugEnv) == "1");
   debug::setSink(debugOn ? debug::stderrSink() : debug::Sink());
 
+  // libcurl and its libraries take as long to load as the rest of the start: loaded meanwhile.
+  if (!options.dryRun) prepareDefaultTransport();
+
   std::optional<std::string> raw;
   if (options.message) {
     auto bytes = readMessage(*options.message);
@@ -223,7 +225,9 @@ int replyCommand(const Args& args) {
           *options.conversation;
 
     auto panel = MailExtensionView::make(std::move(deps));
-    SignalWatcher signals(executor, [&panel] { panel->stopGeneration(); });
+    // A dry run sends nothing and waits for nothing, so it needs no thread for the signals.
+    std::optional<SignalWatcher> signals;
+    if (!options.dryRun) signals.emplace(executor, [&panel] { panel->stopGeneration(); });
     Spinner spinner;
 
     // The reply goes to standard output as it grows: only what is new each time.
@@ -286,7 +290,7 @@ int replyCommand(const Args& args) {
       std::fprintf(stderr, "lumora: %s\n", panel->errorMessage().c_str());
       return kExitFailed;
     }
-    return signals.interrupted() ? kExitInterrupted : kExitOk;
+    return signals && signals->interrupted() ? kExitInterrupted : kExitOk;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
     return kExitFailed;

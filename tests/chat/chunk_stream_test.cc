@@ -5,6 +5,7 @@
 
 #include "lumora/chat/ChunkStream.h"
 #include "lumora/platform/Errors.h"
+#include "support/FakeTransport.h"
 
 namespace lumora {
 namespace {
@@ -50,6 +51,31 @@ TEST(ChunkStream, DeliversInOrderThenRethrowsTheFailureAfterTheLastChunk) {
   }
   EXPECT_THROW(stream.next(), DecodingError);
   EXPECT_FALSE(stream.next().has_value());
+}
+
+// newest() hands out the last chunk published so far, dropping the older ones not yet taken,
+// across batches and after next() has taken part of one; it waits only when nothing is left,
+// and the producer's failure still comes after every chunk.
+TEST(ChunkStream, NewestSkipsToTheLastChunkPublishedAndTheFailureComesAfter) {
+  testing::Gate published, taken;
+  ChunkStream stream = ChunkStream::start([&](ChunkSink& sink, std::stop_token stop) {
+    for (int i = 0; i < 90; ++i) {
+      sink.emit(chunkOf(std::to_string(i)));
+      if (i % 30 == 29) sink.publish();
+    }
+    published.open();
+    taken.wait(stop);
+    sink.emit(chunkOf("after"));
+    sink.publish();
+    throw DecodingError("bad line");
+  });
+  published.wait({});
+  EXPECT_EQ(stream.next()->completed.str(), "0");
+  EXPECT_EQ(stream.newest()->completed.str(), "89");
+  taken.open();
+  EXPECT_EQ(stream.newest()->completed.str(), "after");  // waited for
+  EXPECT_THROW(stream.newest(), DecodingError);
+  EXPECT_FALSE(stream.newest().has_value());
 }
 
 TEST(ChunkStream, AStopEndsTheIterationAndDroppingTheStreamStopsTheProducer) {

@@ -137,7 +137,8 @@ class PanelTerminalTest : public ::testing::Test {
     std::string command = "cat " + quoted(input) + " | env";
     for (const auto& [name, value] : environment()) command += " " + name + "=" + quoted(value);
     if (!term.empty()) command += " TERM=" + term;
-    command += " " + quoted(LUMORA_BINARY) + " panel - 2>" + quoted((home_ / "debug").string()) +
+    command += ' ';
+    command += quoted(LUMORA_BINARY) + " panel - 2>" + quoted((home_ / "debug").string()) +
                "; echo \"[exit $?]\"; sleep 60";
     ASSERT_EQ(tmux.start(command).status, 0);
   }

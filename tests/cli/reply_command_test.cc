@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -138,6 +139,26 @@ TEST_F(ReplyCommandTest, DryRunShowsTheRequestWithCredentialsMasked) {
                        "\"…3456\", sendKey: true)"),
             std::string::npos)
       << r.err;
+}
+
+// libcurl is loaded by the first request only: where it cannot be loaded, a dry run works as
+// ever and a real run says what is missing, having sent nothing.
+TEST_F(ReplyCommandTest, WithoutLibcurlADryRunWorksAndARunSaysWhatIsMissing) {
+  const auto libraries = home_ / "lib";
+  std::filesystem::create_directories(libraries);
+  std::ofstream(libraries / "libcurl.so.4") << "not a library";
+  const ProcessOptions broken{.setEnv = {{"LD_LIBRARY_PATH", libraries.string()}}};
+
+  const ProcessResult dry = lumora({"reply", "--dry-run", "--model", "gpt-4o"}, broken);
+  EXPECT_EQ(dry.status, 0) << dry.err;
+  EXPECT_EQ(nlohmann::json::parse(dry.out)["url"], server_.baseUrl() + "/v1/chat/completions");
+
+  const ProcessResult run = lumora({"reply", "--model", "gpt-4o"}, broken);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_TRUE(run.err.starts_with("lumora: The network library could not be loaded (")) << run.err;
+  EXPECT_TRUE(run.err.ends_with("). Install the package libcurl4.\n")) << run.err;
+  EXPECT_TRUE(server_.requests().empty());
 }
 
 TEST_F(ReplyCommandTest, UsageErrorsAndUnreadableInput) {

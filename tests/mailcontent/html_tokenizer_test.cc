@@ -361,7 +361,8 @@ TEST(HtmlTokenizer, ManyAttributesKeepTheFirstOfEachName) {
     ASSERT_EQ(token.attributes.size(), kNames);
     EXPECT_TRUE(std::all_of(token.attributes.begin(), token.attributes.end(),
                             [](const Attribute& a) { return a.value == "first"; }));
-    EXPECT_EQ(token.attributes[kNames - 1].name, "n" + std::to_string(kNames - 1));
+    EXPECT_EQ(token.attributes[kNames - 1].name,
+              std::string("n").append(std::to_string(kNames - 1)));
     ASSERT_NE(token.attribute("n7"), nullptr);
     EXPECT_EQ(*token.attribute("n7"), "first");
     EXPECT_EQ(tokenizer.next().type, Token::Type::endOfFile);

@@ -195,7 +195,8 @@ TEST(MimeParser, AgreesWithTheLiteralParse) {
 std::string nested(size_t depth, bool distinctBoundaries) {
   std::string message;
   const auto boundary = [&](size_t level) {
-    return distinctBoundaries ? "n" + std::to_string(level) + "_" : std::string("n");
+    return distinctBoundaries ? std::string("n").append(std::to_string(level)) + "_"
+                              : std::string("n");
   };
   for (size_t level = 0; level < depth; ++level)
     message += "Content-Type: multipart/mixed; boundary=" + boundary(level) + "\n\n--" +

@@ -253,6 +253,50 @@ TEST_F(PanelTest, OutputFollowsTheChunksAndRegenerateReplacesItAtTheFirstChunk) 
   EXPECT_EQ(panel->output().str(), "New");
 }
 
+// Chunks that come faster than the executor runs are shown together, the newest text standing
+// for all before it: the reply ends whole and in order, and the observer runs a few times, not
+// once per chunk.
+TEST_F(PanelTest, ABurstOfChunksEndsWithTheWholeReplyInAFewUpdates) {
+  constexpr int kChunks = 5000;
+  FakeAnswer answer{.bodyGate = std::make_shared<Gate>()};
+  std::string whole;
+  for (int i = 0; i < kChunks; ++i) {
+    const std::string word = std::to_string(i) + (i % 7 == 0 ? "\n" : " ");
+    answer.pieces.push_back(sseRecord(word, i + 1 == kChunks ? "stop" : ""));
+    whole += word;
+  }
+  answer.pieces.push_back("data: [DONE]\n\n");
+  const std::shared_ptr<Gate> body = answer.bodyGate;
+
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  std::vector<std::string> shown;  // each text the observer saw, once
+  size_t calls = 0;
+  panel->setObserver([&] {
+    ++calls;
+    if (panel->output().empty() || (!shown.empty() && shown.back() == panel->output().str()))
+      return;
+    if (shown.empty()) {
+      // The executor is held here until the whole body is out, so the chunks come while an
+      // update waits, as they do when the reader outruns the main thread.
+      body->awaitWaiter();
+      body->open();
+    }
+    shown.push_back(panel->output().str());
+  });
+  generate(*panel, std::move(answer));
+
+  EXPECT_EQ(panel->output().str(), whole);
+  EXPECT_EQ(panel->errorMessage(), "");
+  EXPECT_FALSE(panel->generating());
+  ASSERT_FALSE(shown.empty());
+  EXPECT_EQ(shown.back(), whole);
+  for (size_t i = 1; i < shown.size(); ++i)
+    EXPECT_TRUE(shown[i].size() > shown[i - 1].size() && shown[i].starts_with(shown[i - 1]))
+        << "update " << i << " does not extend the one before";
+  EXPECT_LT(calls, kChunks / 50u) << "the observer ran about once per chunk";
+}
+
 TEST_F(PanelTest, FailuresKeepTheTextAndTheErrorStaysAfterASuccess) {
   auto panel = makePanel();
   panel->panelDidAppear();

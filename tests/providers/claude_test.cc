@@ -78,12 +78,15 @@ TEST_F(ClaudeClientTest, TheRequestAsSent) {
 
 // The body's system text and messages in brief: "[S] user: Image 0: <YWI=> text;".
 std::string brief(const json& body) {
-  std::string out = body.contains("system") ? "[" + body["system"].get<std::string>() + "] " : "";
+  std::string out = body.contains("system")
+                        ? std::string("[").append(body["system"].get<std::string>()) + "] "
+                        : "";
   for (const json& message : body["messages"]) {
     out += message["role"].get<std::string>() + ":";
     for (const json& block : message["content"]) {
-      out += block["type"] == "text" ? " " + block["text"].get<std::string>()
-                                     : " <" + block["source"]["data"].get<std::string>() + ">";
+      out += block["type"] == "text"
+                 ? std::string(" ").append(block["text"].get<std::string>())
+                 : std::string(" <").append(block["source"]["data"].get<std::string>()) + ">";
     }
     out += ";";
   }

@@ -27,13 +27,21 @@ class Gate {
   // True when opened, false when stopped first.
   bool wait(std::stop_token stop) {
     std::unique_lock lock(mutex_);
+    waited_ = true;
+    cv_.notify_all();
     return cv_.wait(lock, stop, [&] { return open_; });
+  }
+  // Returns once something has begun to wait (a body gate: once every piece before it is out).
+  void awaitWaiter() {
+    std::unique_lock lock(mutex_);
+    cv_.wait(lock, [&] { return waited_; });
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable_any cv_;
   bool open_ = false;
+  bool waited_ = false;
 };
 
 struct FakeAnswer {

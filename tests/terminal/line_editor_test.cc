@@ -9,8 +9,10 @@ namespace {
 
 // The text with "|" where the cursor is.
 std::string shown(const LineEditor& editor) {
-  std::string out = editor.text();
-  out.insert(editor.cursor(), "|");
+  const std::string& text = editor.text();
+  std::string out(text, 0, editor.cursor());
+  out += '|';
+  out.append(text, editor.cursor());
   return out;
 }
 

@@ -8,19 +8,29 @@
 
 namespace lumora {
 
-// The producer appends batches to `queue`; the consumer takes the whole queue at once into
-// `taken` and hands it out without the lock. The producer wakes the consumer only when it
-// waits.
+namespace {
+using Batch = std::vector<StreamChunk>;
+// Emptied batches kept for the producer to fill again, so that a long stream allocates its
+// batches once.
+constexpr size_t kMaxSpares = 4;
+}  // namespace
+
+// The producer publishes whole batches: a publish moves one vector, not each chunk again. The
+// consumer takes every published batch at once and hands the chunks out without the lock; the
+// batches it has emptied go back to the producer as spares. The producer wakes the consumer
+// only when it waits.
 struct ChunkSink::Target {
   std::mutex mutex;
   std::condition_variable_any ready;
-  std::vector<StreamChunk> queue;
+  std::vector<Batch> published;
+  std::vector<Batch> spares;
   bool waiting = false;
   bool finished = false;
   std::exception_ptr failure;
-  std::vector<StreamChunk> taken;  // consumer only
-  size_t next = 0;                 // consumer only
-  std::jthread producer;           // last: joined first when the state goes
+  std::vector<Batch> taken;  // consumer only: taken[batch][next] is the next chunk
+  size_t batch = 0;          // consumer only
+  size_t next = 0;           // consumer only
+  std::jthread producer;     // last: joined first when the state goes
 };
 
 void ChunkSink::publish() {
@@ -28,12 +38,12 @@ void ChunkSink::publish() {
   bool wake;
   {
     std::lock_guard lock(target_.mutex);
-    if (target_.queue.empty()) {
-      std::swap(target_.queue, kept_);
-    } else {
-      for (StreamChunk& chunk : kept_) target_.queue.push_back(std::move(chunk));
+    target_.published.push_back(std::move(kept_));
+    kept_.clear();  // a moved-from vector is valid but unspecified
+    if (!target_.spares.empty()) {
+      kept_ = std::move(target_.spares.back());
+      target_.spares.pop_back();
     }
-    kept_.clear();
     wake = target_.waiting;
   }
   if (wake) target_.ready.notify_one();
@@ -74,21 +84,67 @@ ChunkStream ChunkStream::start(Producer producer) {
   return ChunkStream(std::move(state));
 }
 
+bool ChunkStream::take(std::stop_token stop, bool wait) {
+  State& s = *state_;
+  std::unique_lock lock(s.mutex);
+  if (wait && s.published.empty() && !s.finished) {
+    s.waiting = true;
+    s.ready.wait(lock, stop, [&] { return !s.published.empty() || s.finished; });
+    s.waiting = false;
+  }
+  // The batches handed out entirely go back as spares (their chunks were moved out, or dropped
+  // by newest()); the one being handed out stays in front.
+  size_t done = s.batch;
+  if (done < s.taken.size() && s.next >= s.taken[done].size()) ++done;
+  for (size_t i = 0; i < done; ++i) {
+    s.taken[i].clear();
+    if (s.spares.size() < kMaxSpares) s.spares.push_back(std::move(s.taken[i]));
+  }
+  s.taken.erase(s.taken.begin(), s.taken.begin() + static_cast<std::ptrdiff_t>(done));
+  if (done > s.batch) s.next = 0;
+  s.batch = 0;
+  if (s.published.empty()) return false;
+  for (Batch& b : s.published) s.taken.push_back(std::move(b));
+  s.published.clear();
+  return true;
+}
+
 std::optional<StreamChunk> ChunkStream::next(std::stop_token stop) {
   State& s = *state_;
   if (stop.stop_requested()) return std::nullopt;
-  if (s.next < s.taken.size()) return std::move(s.taken[s.next++]);
-  s.taken.clear();
-  s.next = 0;
-  std::unique_lock lock(s.mutex);
-  s.waiting = true;
-  s.ready.wait(lock, stop, [&] { return !s.queue.empty() || s.finished; });
-  s.waiting = false;
-  if (stop.stop_requested()) return std::nullopt;
-  if (!s.queue.empty()) {
-    std::swap(s.taken, s.queue);
-    return std::move(s.taken[s.next++]);
+  while (true) {
+    while (s.batch < s.taken.size()) {
+      Batch& b = s.taken[s.batch];
+      if (s.next < b.size()) return std::move(b[s.next++]);
+      ++s.batch;
+      s.next = 0;
+    }
+    if (!take(stop, /*wait=*/true)) break;
   }
+  if (stop.stop_requested()) return std::nullopt;
+  std::lock_guard lock(s.mutex);
+  if (s.failure) std::rethrow_exception(std::exchange(s.failure, nullptr));
+  return std::nullopt;
+}
+
+std::optional<StreamChunk> ChunkStream::newest(std::stop_token stop) {
+  State& s = *state_;
+  if (stop.stop_requested()) return std::nullopt;
+  // What is published already comes along; only when nothing is left unread is it waited for.
+  // Published batches are never empty, so the last one holds the newest chunk.
+  take(stop, /*wait=*/false);
+  const auto unread = [&] {
+    return s.batch + 1 < s.taken.size() ||
+           (s.batch < s.taken.size() && s.next < s.taken[s.batch].size());
+  };
+  if (unread() || take(stop, /*wait=*/true)) {
+    Batch& last = s.taken.back();
+    s.batch = s.taken.size() - 1;
+    s.next = last.size();
+    return std::move(last.back());
+  }
+  if (stop.stop_requested()) return std::nullopt;
+  std::lock_guard lock(s.mutex);
   if (s.failure) std::rethrow_exception(std::exchange(s.failure, nullptr));
   return std::nullopt;
 }

@@ -30,7 +30,7 @@ class ChunkStream;
 // published then.
 class ChunkSink {
  public:
-  static constexpr size_t kMaxKept = 256;
+  static constexpr size_t kMaxKept = 1024;
 
   void emit(StreamChunk chunk) {
     kept_.push_back(std::move(chunk));
@@ -65,9 +65,18 @@ class ChunkStream {
   // Throws the producer's failure once every chunk before it has been taken.
   std::optional<StreamChunk> next(std::stop_token stop = {});
 
+  // The newest chunk published so far, every older one not yet taken being dropped; blocks as
+  // next() does when there is none. Since each chunk carries the whole reply so far, a consumer
+  // that only shows the reply loses nothing, and a fast stream costs it one call per burst.
+  // Ends and fails as next() does.
+  std::optional<StreamChunk> newest(std::stop_token stop = {});
+
  private:
   using State = ChunkSink::Target;
   explicit ChunkStream(std::shared_ptr<State> state);
+  // Moves the published batches behind what the consumer holds; waits for one when `wait` and
+  // there is none. False when nothing new came.
+  bool take(std::stop_token stop, bool wait);
   std::shared_ptr<State> state_;
 };
 

@@ -9,7 +9,16 @@
 namespace lumora::json {
 namespace {
 
-std::string quoted(std::string_view name) { return "\"" + std::string(name) + "\""; }
+std::string quoted(std::string_view name) {
+  // Built by appending: GCC 12 at -O3 misreads `"\"" + std::string(name)` as an overlapping
+  // copy (-Wrestrict) and the build treats warnings as errors.
+  std::string out;
+  out.reserve(name.size() + 2);
+  out += '"';
+  out += name;
+  out += '"';
+  return out;
+}
 
 }  // namespace
 

@@ -101,36 +101,52 @@ std::string quoted(std::string_view key) { return "\"" + std::string(key) + "\""
 // The record fields a stream line is read for, by their names after key conversion.
 enum class Field { other, id, object, created, model, choices, delta, finishReason, role, content };
 
-constexpr std::pair<std::string_view, Field> kFields[] = {{"id", Field::id},
-                                                          {"object", Field::object},
-                                                          {"created", Field::created},
-                                                          {"model", Field::model},
-                                                          {"choices", Field::choices},
-                                                          {"delta", Field::delta},
-                                                          {"finishReason", Field::finishReason},
-                                                          {"role", Field::role},
-                                                          {"content", Field::content}};
-
 constexpr size_t kLongestField = 12;  // "finishReason"
+
+// `text` == `word`, with the length known to the compiler, so that no call is made: this runs
+// for every key of every record.
+template <size_t N>
+bool is(std::string_view text, const char (&word)[N]) {
+  return text.size() == N - 1 && std::memcmp(text.data(), word, N - 1) == 0;
+}
+
+// The field named `name` (a key after conversion). Keyed by length first: this runs for every
+// key of every record, and most lengths leave one name to compare.
+Field fieldNamed(std::string_view name) {
+  switch (name.size()) {
+    case 2:
+      return is(name, "id") ? Field::id : Field::other;
+    case 4:
+      return is(name, "role") ? Field::role : Field::other;
+    case 5:
+      return is(name, "model") ? Field::model : is(name, "delta") ? Field::delta : Field::other;
+    case 6:
+      return is(name, "object") ? Field::object : Field::other;
+    case 7:
+      return is(name, "created")   ? Field::created
+             : is(name, "choices") ? Field::choices
+             : is(name, "content") ? Field::content
+                                   : Field::other;
+    case 12:
+      return is(name, "finishReason") ? Field::finishReason : Field::other;
+    default:
+      return Field::other;
+  }
+}
 
 // The field that the wire key `key` converts to. Called for every key of every record, so a
 // key is converted at most once, into a buffer reused from key to key.
 Field fieldOf(std::string_view key, std::string& scratch) {
   // The wire's own spelling of the one snake-case field, the key of every choice.
-  if (key == "finish_reason") return Field::finishReason;
-  std::string_view name = key;
-  if (key.find('_') != std::string_view::npos) {
-    // Conversion drops only inner underscores; a key too long to become any field name (such
-    // as "system_fingerprint") is no field, and needs no conversion.
-    size_t underscores = 0;
-    for (char c : key) underscores += c == '_';
-    if (key.size() - underscores > kLongestField) return Field::other;
-    keycase::fromSnakeCase(key, scratch);
-    name = scratch;
-  }
-  for (const auto& [known, field] : kFields)
-    if (name == known) return field;
-  return Field::other;
+  if (is(key, "finish_reason")) return Field::finishReason;
+  size_t underscores = 0;
+  for (char c : key) underscores += c == '_';
+  if (underscores == 0) return fieldNamed(key);
+  // Conversion drops only inner underscores; a key too long to become any field name (such as
+  // "system_fingerprint") is no field, and needs no conversion.
+  if (key.size() - underscores > kLongestField) return Field::other;
+  keycase::fromSnakeCase(key, scratch);
+  return fieldNamed(scratch);
 }
 
 }  // namespace

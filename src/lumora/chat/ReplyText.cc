@@ -15,7 +15,9 @@ void ReplyBuffer::append(std::string_view bytes) {
   while (!bytes.empty()) {
     const size_t index = blockIndex(size_);
     if (index >= kMaxBlocks) throw std::length_error("reply too long");
-    if (!blocks_[index]) blocks_[index] = std::make_unique<char[]>(blockCapacity(index));
+    // Not zeroed first: every byte is written before it can be read.
+    if (!blocks_[index])
+      blocks_[index] = std::make_unique_for_overwrite<char[]>(blockCapacity(index));
     const size_t offset = size_ - blockStart(index);
     const size_t n = std::min(bytes.size(), blockCapacity(index) - offset);
     std::memcpy(blocks_[index].get() + offset, bytes.data(), n);

@@ -1,5 +1,7 @@
 #include "lumora/panel/MailExtensionView.h"
 
+#include <mutex>
+
 #include "lumora/chat/ChunkStream.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/LLMClients.h"
@@ -17,6 +19,12 @@ struct MailExtensionView::Task {
   std::jthread worker;
   std::atomic<bool> done{false};  // the worker has nothing left to do
   bool ended = false;             // the run's last change is made (executor only)
+
+  // The newest text the worker has read, set while an update waits on the executor. Every
+  // chunk carries the whole reply so far, so a chunk that comes while an update waits only
+  // replaces its text: a fast stream costs the executor one task per wake-up, not per record.
+  std::mutex latestMutex;
+  std::optional<ReplyText> latest;
 };
 
 // The subscription to the edits of the conversation whose editor is up.
@@ -237,6 +245,15 @@ void MailExtensionView::copied(const std::string& failure) {
   changed();
 }
 
+void MailExtensionView::showLatest(const std::shared_ptr<Task>& task) {
+  {
+    std::lock_guard lock(task->latestMutex);
+    output_ = std::move(*task->latest);
+    task->latest.reset();
+  }
+  changed();
+}
+
 void MailExtensionView::fail(const std::shared_ptr<Task>& task, std::exception_ptr failure) {
   generating_ = false;
   task->ended = true;
@@ -315,14 +332,21 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
     std::stop_token stop = task->stop.get_token();
     try {
       ChunkStream stream = client->streamChat(model, messages, kTemperature, stop);
-      while (std::optional<StreamChunk> chunk = stream.next(stop)) {
-        executor.post([weak, text = std::move(chunk->completed)] {
-          if (auto self = weak.lock()) {
-            self->output_ = text;
-            self->changed();
-          }
-        });
+      // Only the newest chunk of a burst matters: each carries the whole reply so far.
+      while (std::optional<StreamChunk> chunk = stream.newest(stop)) {
+        bool waiting;
+        {
+          std::lock_guard lock(task->latestMutex);
+          waiting = task->latest.has_value();
+          task->latest = std::move(chunk->completed);
+        }
+        if (!waiting) {
+          executor.post([weak, task] {
+            if (auto self = weak.lock()) self->showLatest(task);
+          });
+        }
       }
+      // Posted after any update still waiting, so the run ends with its whole text shown.
       executor.post([weak, task] {
         if (auto self = weak.lock()) self->finish(task);
       });

@@ -6,8 +6,9 @@
 //
 // Threading: every field is read and written on the main executor, and every operation must
 // be called there. A run's steps up to the request run on the executor too; the streaming call
-// and the chunk loop run on a worker thread that posts each change back. Observers are called
-// on the executor after each change.
+// and the chunk loop run on a worker thread that posts each change back (chunks that come
+// faster than the executor runs are shown together: the newest carries the whole text).
+// Observers are called on the executor after each change.
 //
 // Edits: while the input page is up with a stored conversation chosen, the instruction and the
 // model picker edit that conversation, and the edits are saved at most once a second. An edit
@@ -133,6 +134,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   std::string stored(std::string_view key, std::string_view fallback) const;
   void store(std::string_view key, const std::string& value);
   void generate(const std::shared_ptr<Task>& task);
+  void showLatest(const std::shared_ptr<Task>& task);
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
   void finish(const std::shared_ptr<Task>& task);
   void copied(const std::string& failure);

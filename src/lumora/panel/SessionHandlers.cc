@@ -8,7 +8,8 @@ namespace {
 // The test is on the end of the text as written: a subdomain, another letter case or anything
 // behind the domain (a closing ">") passes.
 bool inReservedDomain(std::string_view address) {
-  return address.ends_with("@" + std::string(kReservedDomain));
+  return address.size() > kReservedDomain.size() && address.ends_with(kReservedDomain) &&
+         address[address.size() - kReservedDomain.size() - 1] == '@';
 }
 
 }  // namespace

@@ -1,16 +1,17 @@
-// The libcurl transport. This and Url.cc are the only files that speak to libcurl.
+// The libcurl transport. This and Url.cc are the only files that speak to libcurl, and they
+// reach it through the table of CurlLibrary.h: the library is loaded by the first request.
 //
 // Each request gets one easy handle inside its own multi handle. The multi handle is there for
 // one reason: curl_multi_poll can be woken from another thread (curl_multi_wakeup), so a stop
 // takes effect at once instead of at libcurl's once-a-second progress tick. The idle timeout is
 // kept here too, with millisecond precision, rather than through CURLOPT_LOW_SPEED_*.
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <utility>
 
+#include "lumora/platform/CurlLibrary.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Http.h"
 #include "lumora/platform/Text.h"
@@ -36,7 +37,7 @@ std::string_view trimmed(std::string_view s) {
 }
 
 // The user's words for what went wrong, with libcurl's detail where it adds something.
-TransportError transportError(CURLcode code, const char* detail) {
+TransportError transportError(const curl::Api& lib, CURLcode code, const char* detail) {
   using C = TransportError::Code;
   auto make = [&](C c, std::string text) {
     if (detail && *detail) text += " (" + std::string(detail) + ")";
@@ -71,53 +72,57 @@ TransportError transportError(CURLcode code, const char* detail) {
       return make(C::badURL, "unsupported URL");
     default:
       return make(C::other,
-                  std::string("The network request failed: ") + curl_easy_strerror(code) + ".");
+                  std::string("The network request failed: ") + lib.easy_strerror(code) + ".");
   }
 }
 
 class CurlResponse final : public HttpResponse {
  public:
-  CurlResponse(const HttpRequest& request, const SessionConfiguration& session)
-      : idleTimeout_(session.idleTimeout) {
-    easy_ = curl_easy_init();
-    multi_ = curl_multi_init();
-    if (!easy_ || !multi_) throw TransportError(TransportError::Code::other, "Out of memory.");
+  CurlResponse(const curl::Api& lib, const HttpRequest& request,
+               const SessionConfiguration& session)
+      : lib_(lib), idleTimeout_(session.idleTimeout) {
+    easy_ = lib_.easy_init();
+    multi_ = lib_.multi_init();
+    if (!easy_ || !multi_) {
+      close();
+      throw TransportError(TransportError::Code::other, "Out of memory.");
+    }
     errorBuffer_[0] = '\0';
 
-    curl_easy_setopt(easy_, CURLOPT_URL, request.url.c_str());
-    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
-    curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, 256L * 1024L);
-    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS,
+    lib_.easy_setopt(easy_, CURLOPT_URL, request.url.c_str());
+    lib_.easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    lib_.easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
+    lib_.easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
+    lib_.easy_setopt(easy_, CURLOPT_BUFFERSIZE, 256L * 1024L);
+    lib_.easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::max<int64_t>(1, idleTimeout_.count())));
-    curl_easy_setopt(easy_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &CurlResponse::onHeader);
-    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &CurlResponse::onWrite);
-    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+    lib_.easy_setopt(easy_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    lib_.easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &CurlResponse::onHeader);
+    lib_.easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+    lib_.easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &CurlResponse::onWrite);
+    lib_.easy_setopt(easy_, CURLOPT_WRITEDATA, this);
 
     if (request.method == "GET") {
-      curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+      lib_.easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
     } else {
       if (request.method == "POST") {
-        curl_easy_setopt(easy_, CURLOPT_POST, 1L);
+        lib_.easy_setopt(easy_, CURLOPT_POST, 1L);
       } else {
-        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        lib_.easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request.method.c_str());
       }
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
+      lib_.easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
                        static_cast<curl_off_t>(request.body.size()));
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request.body.data());
+      lib_.easy_setopt(easy_, CURLOPT_POSTFIELDS, request.body.data());
     }
 
     for (const auto& [name, value] : request.headers) {
       // libcurl drops a header given as "Name:" with nothing after it; "Name;" sends it empty.
       const std::string line = value.empty() ? name + ";" : name + ": " + value;
-      headerList_ = curl_slist_append(headerList_, line.c_str());
+      headerList_ = lib_.slist_append(headerList_, line.c_str());
     }
     // A 100-continue round trip only delays small JSON bodies.
-    headerList_ = curl_slist_append(headerList_, "Expect:");
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
+    headerList_ = lib_.slist_append(headerList_, "Expect:");
+    lib_.easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
 
     if (session.httpsProxy) {
       const bool https = request.url.size() >= 8 &&
@@ -126,13 +131,13 @@ class CurlResponse final : public HttpResponse {
       if (https) {
         proxy_ =
             "http://" + session.httpsProxy->host + ":" + std::to_string(session.httpsProxy->port);
-        curl_easy_setopt(easy_, CURLOPT_PROXY, proxy_.c_str());
+        lib_.easy_setopt(easy_, CURLOPT_PROXY, proxy_.c_str());
       } else {
         // The configured proxy replaces the environment's, and it is for HTTPS alone.
-        curl_easy_setopt(easy_, CURLOPT_PROXY, "");
+        lib_.easy_setopt(easy_, CURLOPT_PROXY, "");
       }
     }
-    curl_multi_add_handle(multi_, easy_);
+    lib_.multi_add_handle(multi_, easy_);
     lastActivity_ = Clock::now();
   }
 
@@ -151,7 +156,7 @@ class CurlResponse final : public HttpResponse {
     if (paused_) {
       // Hands over what libcurl held back while the head was awaited, then goes on.
       paused_ = false;
-      if (easy_) curl_easy_pause(easy_, CURLPAUSE_CONT);
+      if (easy_) lib_.easy_pause(easy_, CURLPAUSE_CONT);
     }
     drive(stop, /*untilHead=*/false);
     sink_ = nullptr;
@@ -162,7 +167,7 @@ class CurlResponse final : public HttpResponse {
   static size_t onHeader(char* data, size_t size, size_t count, void* self) {
     auto* r = static_cast<CurlResponse*>(self);
     const size_t n = size * count;
-    r->lastActivity_ = Clock::now();
+    r->active_ = true;
     std::string_view line(data, n);
     if (line.starts_with("HTTP/")) {
       r->headers_.clear();
@@ -193,7 +198,7 @@ class CurlResponse final : public HttpResponse {
   static size_t onWrite(char* data, size_t size, size_t count, void* self) {
     auto* r = static_cast<CurlResponse*>(self);
     const size_t n = size * count;
-    r->lastActivity_ = Clock::now();
+    r->active_ = true;
     r->headDone_ = true;
     if (!r->sink_) {
       // The body's reader is not there yet: libcurl keeps the bytes until it is, so they are
@@ -214,13 +219,13 @@ class CurlResponse final : public HttpResponse {
   void drive(std::stop_token stop, bool untilHead) {
     std::stop_callback wake(stop, [this] {
       std::lock_guard lock(wakeMutex_);
-      if (multi_) curl_multi_wakeup(multi_);
+      if (multi_) lib_.multi_wakeup(multi_);
     });
     while (true) {
       if (!finished_) {
         int running = 0;
-        curl_multi_perform(multi_, &running);
-        while (CURLMsg* msg = curl_multi_info_read(multi_, &running)) {
+        lib_.multi_perform(multi_, &running);
+        while (CURLMsg* msg = lib_.multi_info_read(multi_, &running)) {
           if (msg->msg == CURLMSG_DONE) {
             finished_ = true;
             result_ = msg->data.result;
@@ -234,7 +239,7 @@ class CurlResponse final : public HttpResponse {
       if (untilHead && headDone_) return;
       if (finished_ && caughtUp_) (*caughtUp_)();
       if (finished_) {
-        if (result_ != CURLE_OK) throw transportError(result_, errorBuffer_);
+        if (result_ != CURLE_OK) throw transportError(lib_, result_, errorBuffer_);
         if (untilHead && !headDone_ && status_ < 200)
           throw TransportError(TransportError::Code::connectionLost,
                                "The network connection was lost.");
@@ -245,7 +250,11 @@ class CurlResponse final : public HttpResponse {
         if (untilHead) throw CancellationError();
         return;
       }
-      const auto idle = Clock::now() - lastActivity_;
+      // Bytes that came during this round count as activity now: reading the clock once per
+      // round rather than per piece (a stream of small records has thousands a second).
+      const auto now = Clock::now();
+      if (std::exchange(active_, false)) lastActivity_ = now;
+      const auto idle = now - lastActivity_;
       if (idle >= idleTimeout_) {
         close();
         throw TransportError(TransportError::Code::timedOut, "The request timed out.");
@@ -256,27 +265,28 @@ class CurlResponse final : public HttpResponse {
         // Caught up only when nothing more is readable now: a fast stream is handed on in
         // bursts, a slow one at every piece.
         int ready = 0;
-        curl_multi_poll(multi_, nullptr, 0, 0, &ready);
+        lib_.multi_poll(multi_, nullptr, 0, 0, &ready);
         if (ready > 0) continue;
         (*caughtUp_)();
       }
-      curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+      lib_.multi_poll(multi_, nullptr, 0, waitMs, nullptr);
     }
   }
 
   // Ends the transfer now: the connection is closed, so the server stops sending.
   void close() {
     std::lock_guard lock(wakeMutex_);
-    if (multi_ && easy_) curl_multi_remove_handle(multi_, easy_);
-    if (easy_) curl_easy_cleanup(easy_);
-    if (multi_) curl_multi_cleanup(multi_);
-    if (headerList_) curl_slist_free_all(headerList_);
+    if (multi_ && easy_) lib_.multi_remove_handle(multi_, easy_);
+    if (easy_) lib_.easy_cleanup(easy_);
+    if (multi_) lib_.multi_cleanup(multi_);
+    if (headerList_) lib_.slist_free_all(headerList_);
     easy_ = nullptr;
     multi_ = nullptr;
     headerList_ = nullptr;
     finished_ = true;
   }
 
+  const curl::Api& lib_;
   CURL* easy_ = nullptr;
   CURLM* multi_ = nullptr;
   curl_slist* headerList_ = nullptr;
@@ -286,6 +296,7 @@ class CurlResponse final : public HttpResponse {
 
   std::chrono::milliseconds idleTimeout_;
   Clock::time_point lastActivity_;
+  bool active_ = false;  // a byte came since lastActivity_ was set
   int status_ = 0;
   HttpHeaders headers_;
   bool headDone_ = false;
@@ -299,12 +310,11 @@ class CurlResponse final : public HttpResponse {
 
 class CurlTransport final : public HttpTransport {
  public:
-  CurlTransport() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-
   std::unique_ptr<HttpResponse> send(const HttpRequest& request,
                                      const SessionConfiguration& session,
                                      std::stop_token stop) override {
-    auto response = std::make_unique<CurlResponse>(request, session);
+    // The first request loads libcurl; a process that sends nothing never does.
+    auto response = std::make_unique<CurlResponse>(curl::api(), request, session);
     response->awaitHead(stop);
     return response;
   }
@@ -315,6 +325,18 @@ class CurlTransport final : public HttpTransport {
 HttpTransport& defaultTransport() {
   static CurlTransport transport;
   return transport;
+}
+
+void prepareDefaultTransport() {
+  // Detached: the load ends well before any process does, and a process that ends first loses
+  // nothing (exit waits for the loader's lock).
+  std::thread([] {
+    try {
+      curl::api();
+    } catch (const TransportError&) {
+      // Said again, to the user, by the first request.
+    }
+  }).detach();
 }
 
 }  // namespace lumora

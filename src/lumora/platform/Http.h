@@ -74,4 +74,9 @@ class HttpTransport {
 // The process's libcurl transport.
 HttpTransport& defaultTransport();
 
+// Starts loading libcurl for the default transport on a thread of its own and returns at once,
+// so that a command about to send overlaps the load with the rest of its start. The first
+// request waits for the load to end, and reports a failure to load as ever.
+void prepareDefaultTransport();
+
 }  // namespace lumora

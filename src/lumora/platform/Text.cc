@@ -98,6 +98,9 @@ std::string repairedUtf8(std::string_view s) {
 }
 
 std::string_view trimmed(std::string_view s) {
+  // Most texts begin and end with a visible ASCII character: nothing to decode then.
+  const auto visibleAscii = [](char c) { return c > ' ' && c < 0x7F; };
+  if (s.empty() || (visibleAscii(s.front()) && visibleAscii(s.back()))) return s;
   size_t begin = 0;
   while (begin < s.size()) {
     char32_t cp;

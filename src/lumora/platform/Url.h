@@ -1,4 +1,5 @@
-// An absolute URL, parsed and rebuilt by libcurl's URL API.
+// An absolute URL, parsed and rebuilt as libcurl's URL API does it: URLs of the usual simple
+// form are read without libcurl, any other goes to libcurl itself (see Url.cc).
 //
 // Only absolute URLs with a scheme and a host are values of this type; everything that builds a
 // request URL goes through it, so that a malformed domain from the settings is caught before any
@@ -14,7 +15,8 @@ namespace lumora {
 class Url {
  public:
   // Parses `text` as an absolute URL. nullopt when it is not one (no scheme, no host, bad port,
-  // characters libcurl refuses).
+  // characters libcurl refuses). Throws TransportError when the URL needs libcurl and libcurl
+  // cannot be loaded.
   static std::optional<Url> parse(std::string_view text);
 
   // `path` appended as path components: the base's own path is kept, the two are joined by

@@ -77,7 +77,7 @@ ChunkStream ChunkStream::start(Producer producer) {
     {
       std::lock_guard lock(s->mutex);
       s->finished = true;
-      s->failure = failure;
+      s->failure = std::move(failure);  // this thread keeps no hold on the error it hands over
     }
     s->ready.notify_one();
   });

@@ -330,6 +330,7 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
   task->worker = std::jthread([weak, &executor, task, client = std::move(client),
                                model = std::move(model), messages = std::move(messages)] {
     std::stop_token stop = task->stop.get_token();
+    std::exception_ptr failure;
     try {
       ChunkStream stream = client->streamChat(model, messages, kTemperature, stop);
       // Only the newest chunk of a burst matters: each carries the whole reply so far.
@@ -351,7 +352,12 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
         if (auto self = weak.lock()) self->finish(task);
       });
     } catch (...) {
-      executor.post([weak, task, failure = std::current_exception()] {
+      failure = std::current_exception();
+    }
+    // Posted once the handler is left, so that this thread holds no part of the error when the
+    // panel takes it: its last holder, which frees it, is then the panel's thread.
+    if (failure) {
+      executor.post([weak, task, failure = std::move(failure)] {
         if (auto self = weak.lock()) self->fail(task, failure);
       });
     }

@@ -174,9 +174,11 @@ class CurlResponse final : public HttpResponse {
       r->status_ = 0;
       const size_t space = line.find(' ');
       if (space != std::string_view::npos) {
+        // A status is three digits; a longer run from a broken server must not overflow.
         int status = 0;
-        for (size_t i = space + 1;
-             i < line.size() && std::isdigit(static_cast<unsigned char>(line[i])); ++i)
+        for (size_t i = space + 1; i < line.size() && i <= space + 3 &&
+                                   std::isdigit(static_cast<unsigned char>(line[i]));
+             ++i)
           status = status * 10 + (line[i] - '0');
         r->status_ = status;
       }

@@ -2,7 +2,8 @@
 # Builds the fuzz targets with clang (libFuzzer, AddressSanitizer, UBSan) and runs each for
 # SECONDS (default 60), seeded from fuzz/corpus/NAME, fuzz/regressions/NAME and the shared
 # fixtures. JOBS=N runs N targets at a time (default 1). Each run's executions and time are
-# appended to build-fuzz/runs.tsv; a failing input is left in build-fuzz/artifacts/NAME/, to be
+# appended to build-fuzz/runs.tsv (time, target, executions, wall seconds, exit status, CPU
+# seconds); a failing input is left in build-fuzz/artifacts/NAME/, to be
 # kept in fuzz/regressions/NAME/ once the fault is fixed (the normal tests replay that folder).
 # Usage: [JOBS=N] fuzz/run.sh [SECONDS] [TARGET...]
 set -euo pipefail
@@ -40,13 +41,18 @@ fuzz_one() {
   esac
   local existing=() s
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done
-  local log="build-fuzz/$t.log" status=0
-  "build-fuzz/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len=65536 -artifact_prefix="$artifacts" \
-    "$work" "${existing[@]}" >"$log" 2>&1 || status=$?
+  local log="build-fuzz/$t.log" status=0 cpu
+  # The CPU seconds (user and system) the run took, beside its wall seconds: on a shared
+  # machine the two differ, and the campaign is counted in CPU time.
+  local TIMEFORMAT='%U %S'
+  cpu=$({ time "build-fuzz/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len=65536 \
+    -artifact_prefix="$artifacts" "$work" "${existing[@]}" >"$log" 2>&1; } 2>&1) || status=$?
+  cpu=$(echo "$cpu" | tail -1 | awk '{printf "%d", $1 + $2}')
   local runs
   runs=$(sed -n 's/^Done \([0-9]*\) runs in \([0-9]*\) second.*/\1\t\2/p' "$log" | tail -1)
-  printf '%s\t%s\t%s\t%s\n' "$(date -u +%FT%TZ)" "$t" "${runs:-0	0}" "$status" >>build-fuzz/runs.tsv
-  echo "$t: ${runs:-no summary} (exit $status, log $log)"
+  printf '%s\t%s\t%s\t%s\t%s\n' "$(date -u +%FT%TZ)" "$t" "${runs:-0	0}" "$status" "$cpu" \
+    >>build-fuzz/runs.tsv
+  echo "$t: ${runs:-no summary}, $cpu CPU seconds (exit $status, log $log)"
   return "$status"
 }
 export -f fuzz_one

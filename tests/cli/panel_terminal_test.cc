@@ -508,6 +508,15 @@ TEST_F(PanelTerminalTest, TheAercRecipe) {
   ASSERT_EQ(keyCommand, "pipe -m lumora panel -");
   exCommand(keyCommand);
   ASSERT_NO_FATAL_FAILURE(replyAndCopy(tmux));
+  // The panel's tab, named after the command, says when the process has ended and closes on
+  // the next key. A command typed before the end would go to the ending tab and be lost with
+  // it, which a slow exit (as under a sanitizer) shows.
+  ASSERT_TRUE(tmux.waitFor("Process complete")) << tmux.last();
+  for (int attempt = 0; attempt < 5 && has(tmux.last(), "lumora <"); ++attempt) {
+    tmux.keys({"Enter"});
+    tmux.waitFor([](const std::string& s) { return !has(s, "lumora <"); }, 2s);
+  }
+  ASSERT_FALSE(has(tmux.last(), "lumora <")) << tmux.last();
 
   // A new mail to the reserved domain, its fields filled through aerc's commands: aerc runs
   // the wrapper, which refuses it, and aerc shows its exit status (it drops the reason).

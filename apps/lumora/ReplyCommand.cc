@@ -194,7 +194,10 @@ int replyCommand(const Args& args) {
   debug::setSink(debugOn ? debug::stderrSink() : debug::Sink());
 
   // libcurl and its libraries take as long to load as the rest of the start: loaded meanwhile.
-  if (!options.dryRun) prepareDefaultTransport();
+  // A run that ends early (an unreadable message, a usage error) waits here for the load, as
+  // the process must not exit while the library initialises.
+  std::jthread curlLoader;
+  if (!options.dryRun) curlLoader = prepareDefaultTransport();
 
   std::optional<std::string> raw;
   if (options.message) {

@@ -329,16 +329,14 @@ HttpTransport& defaultTransport() {
   return transport;
 }
 
-void prepareDefaultTransport() {
-  // Detached: the load ends well before any process does, and a process that ends first loses
-  // nothing (exit waits for the loader's lock).
-  std::thread([] {
+std::jthread prepareDefaultTransport() {
+  return std::jthread([] {
     try {
       curl::api();
     } catch (const TransportError&) {
       // Said again, to the user, by the first request.
     }
-  }).detach();
+  });
 }
 
 }  // namespace lumora

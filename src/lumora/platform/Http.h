@@ -11,6 +11,7 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -76,7 +77,9 @@ HttpTransport& defaultTransport();
 
 // Starts loading libcurl for the default transport on a thread of its own and returns at once,
 // so that a command about to send overlaps the load with the rest of its start. The first
-// request waits for the load to end, and reports a failure to load as ever.
-void prepareDefaultTransport();
+// request waits for the load to end, and reports a failure to load as ever. The caller keeps
+// the thread until it returns from the command: the process must not end while the library's
+// initialisation runs, and the thread's destructor waits for it.
+[[nodiscard]] std::jthread prepareDefaultTransport();
 
 }  // namespace lumora

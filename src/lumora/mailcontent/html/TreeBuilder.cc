@@ -195,7 +195,7 @@ class TreeBuilder {
       const Token& token = tokenizer_.next();
       switch (token.type) {
         case Token::Type::characters:
-          feedCharacters(token.data);
+          feedCharacters(token.characters);
           break;
         case Token::Type::doctype:
           feed({Input::Kind::doctype, &token});

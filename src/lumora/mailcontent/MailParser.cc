@@ -19,10 +19,10 @@ const MimeBody* quotedPrintableBody(const Mime& mime) {
 }  // namespace
 
 std::vector<std::string> MailParser::quotedTexts(std::string_view rawMessage) {
-  const std::optional<std::string> html = htmlSource(rawMessage);
+  std::optional<std::string> html = htmlSource(rawMessage);
   if (!html) return {};
   debug::line({"[debug] html", *html});
-  return blockquoteTexts(*html);
+  return blockquoteTexts(std::move(*html));
 }
 
 std::optional<std::string> MailParser::htmlSource(std::string_view rawMessage) {
@@ -44,12 +44,12 @@ std::optional<std::string> MailParser::htmlSource(std::string_view rawMessage) {
   return std::nullopt;
 }
 
-std::vector<std::string> MailParser::blockquoteTexts(std::string_view html) {
-  const auto document = html::Document::parse(html, "");
+std::vector<std::string> MailParser::blockquoteTexts(std::string html) {
+  const auto document = html::Document::parse(std::move(html));
   std::vector<std::string> texts;
   html::Elements quotes;
   try {
-    quotes = document->select("blockquote");
+    quotes = document->root().select("blockquote");
   } catch (const std::invalid_argument&) {
     return {};  // a query that does not parse selects nothing
   }

@@ -24,7 +24,7 @@ class MailParser {
   static std::optional<std::string> htmlSource(std::string_view rawMessage);
 
   // The text of every blockquote element of `html`, outer ones before those inside them.
-  static std::vector<std::string> blockquoteTexts(std::string_view html);
+  static std::vector<std::string> blockquoteTexts(std::string html);
 };
 
 }  // namespace lumora

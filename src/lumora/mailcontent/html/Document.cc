@@ -53,8 +53,9 @@ std::span<const Attribute> Document::attributesOf(NodeId id) const {
   return extras_[r.a].attributes;
 }
 
-std::string_view Document::contentOf(NodeId id) const {
-  const Record& r = at(id);
+std::string_view Document::contentOf(NodeId id) const { return contentOf(at(id)); }
+
+std::string_view Document::contentOf(const Record& r) const {
   switch (static_cast<NodeKind>(r.kind)) {
     case NodeKind::text:
     case NodeKind::data:
@@ -228,25 +229,28 @@ std::string_view Node::systemId() const {
                                      : std::string_view();
 }
 
-namespace {
-
-// Calls `visit` on `root` and every node below it, parents before children, without
-// recursion.
+// Reads each record once per visit: a quotation's text walks every node below it, and nested
+// quotations walk the same nodes again for each level.
 template <typename Visit>
-void walk(const Document& document, NodeId root, Visit visit) {
-  NodeId node = root;
+void Document::walk(NodeId root, Visit visit) const {
+  NodeId id = root;
   while (true) {
-    visit(node);
-    if (const NodeId child = document.firstChildOf(node); child != kNoNode) {
-      node = child;
+    const Record* r = &at(id);
+    visit(id, *r);
+    if (r->kind == static_cast<uint8_t>(NodeKind::element) && r->down != kNoNode) {
+      id = r->down;
       continue;
     }
-    while (node != root && document.nextSiblingOf(node) == kNoNode)
-      node = document.parentOf(node);
-    if (node == root) return;
-    node = document.nextSiblingOf(node);
+    while (id != root && r->next == kNoNode) {
+      id = r->parent;
+      r = &at(id);
+    }
+    if (id == root) return;
+    id = r->next;
   }
 }
+
+namespace {
 
 bool isBareTagName(std::string_view query) {
   if (query.empty()) return false;
@@ -283,10 +287,6 @@ void appendNormalised(std::string& out, std::string_view text) {
   }
 }
 
-bool preservedBy(const Document& document, NodeId element) {
-  return element != kNoNode && preservesWhitespace(document.tagOf(element));
-}
-
 // The final trim, only when the text begins or ends in HTML whitespace: then every kind of
 // white space and line separator goes from both ends, a no-break space too.
 std::string trimmed(std::string text) {
@@ -303,8 +303,8 @@ Elements Node::select(std::string_view query) const {
   Elements result(document_);
   // Known names are compared by id; only elements of unknown tags keep a name to compare.
   const TagId wanted = tagIdOf(query);
-  walk(document, id_, [&](NodeId node) {
-    if (document.kindOf(node) != NodeKind::element || document.tagOf(node) != wanted) return;
+  document.walk(id_, [&](NodeId node, const Document::Record& r) {
+    if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.tag != wanted) return;
     if (wanted == TagId::unknown && document.nameOf(node) != query) return;
     result.add(node);
   });
@@ -314,21 +314,25 @@ Elements Node::select(std::string_view query) const {
 std::string Node::text(bool trimAndNormaliseWhitespace) const {
   const Document& document = *document_;
   std::string out;
-  walk(document, id_, [&](NodeId node) {
-    switch (document.kindOf(node)) {
+  // Whitespace is kept inside an element that preserves it and one level below.
+  const auto preserved = [&](const Document::Record& r) {
+    if (r.parent == kNoNode) return false;
+    const Document::Record& parent = document.at(r.parent);
+    return preservesWhitespace(parent.tag) ||
+           (parent.parent != kNoNode && preservesWhitespace(document.at(parent.parent).tag));
+  };
+  document.walk(id_, [&](NodeId, const Document::Record& r) {
+    switch (static_cast<NodeKind>(r.kind)) {
       case NodeKind::text: {
-        const std::string_view text = document.contentOf(node);
-        const NodeId parent = document.parentOf(node);
-        if (!trimAndNormaliseWhitespace || preservedBy(document, parent) ||
-            (parent != kNoNode && preservedBy(document, document.parentOf(parent))))
+        const std::string_view text = document.contentOf(r);
+        if (!trimAndNormaliseWhitespace || preserved(r))
           out += text;
         else
           appendNormalised(out, text);
         break;
       }
       case NodeKind::element: {
-        const TagId tag = document.tagOf(node);
-        if (trimAndNormaliseWhitespace && !out.empty() && (isBlockTag(tag) || tag == TagId::br) &&
+        if (trimAndNormaliseWhitespace && !out.empty() && (isBlockTag(r.tag) || r.tag == TagId::br) &&
             !endsInSpace(out))
           out += ' ';
         break;

@@ -213,10 +213,16 @@ class Document {
 
   Document(std::string owned, std::string_view unowned);
 
+  // Calls visit(id, record) on `root` and every node below it, parents before children,
+  // without recursion.
+  template <typename Visit>
+  void walk(NodeId root, Visit visit) const;
+
   Record& at(NodeId id) { return blocks_[id >> kBlockBits][id & kBlockMask]; }
   const Record& at(NodeId id) const { return blocks_[id >> kBlockBits][id & kBlockMask]; }
   NodeId add(NodeKind kind, TagId tag, uint32_t a, uint32_t down);
   bool inSource(std::string_view characters) const;
+  std::string_view contentOf(const Record& r) const;
 
   std::string ownedSource_;
   std::string_view source_;

@@ -197,9 +197,10 @@ class Document {
   // Records come in blocks of 8,192 (192 KiB) that never move: growing the store copies
   // nothing, and its peak is the tree itself, not the tree and the copy of it a doubling
   // array would make. A block is larger than the 128 KiB from which glibc's allocator maps a
-  // request from the system and unmaps it when freed: a freed tree goes back to the system,
-  // where a block from the allocator's heap would stay with the thread that parsed, and the
-  // reply's request is built on another.
+  // request from the system and unmaps it when freed (its default, which only a larger block
+  // freed earlier raises): a freed tree goes back to the system, where a block from the
+  // allocator's heap would stay with the thread that parsed, and the reply's request is built
+  // on another.
   static constexpr unsigned kBlockBits = 13;
   static constexpr NodeId kBlockMask = (NodeId{1} << kBlockBits) - 1;
 

@@ -126,6 +126,7 @@ NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
 }
 
 void Document::appendCharacters(NodeId id, std::string_view more) {
+  if (more.empty()) return;
   Record& r = at(id);
   const bool inArena = r.flags & kInArena;
   if (!inArena && inSource(more) && more.data() == source_.data() + r.a + r.down) {

@@ -36,8 +36,8 @@ using lumora::bench::seconds;
 // ---- the work, three ways ------------------------------------------------------------------
 
 size_t ours(const std::string& html) {
-  const auto document = lumora::html::Document::parse(html, "");
-  const auto quotes = document->select("blockquote");
+  const auto document = lumora::html::Document::parseUnowned(html);
+  const auto quotes = document->root().select("blockquote");
   size_t length = 0;
   for (size_t i = 0; i < quotes.size(); ++i) length += quotes.get(i).text(true).size();
   return length + quotes.size();

@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Token& token = tokenizer.next();
     if (token.type == Token::Type::endOfFile) break;
     if (++tokens > input.size() + 1) __builtin_trap();
-    if (token.type == Token::Type::characters && token.data.empty()) __builtin_trap();
+    if (token.type == Token::Type::characters && token.characters.empty()) __builtin_trap();
   }
   if (tokenizer.next().type != Token::Type::endOfFile) __builtin_trap();
   return 0;

@@ -8,9 +8,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view html(reinterpret_cast<const char*>(data), size);
-  const auto document = lumora::html::Document::parse(html, "");
-  const lumora::html::Elements quotes = document->select("blockquote");
+  const auto document = lumora::html::Document::parseUnowned(html);
+  const lumora::html::Elements quotes = document->root().select("blockquote");
   for (size_t i = 0; i < quotes.size(); ++i) (void)quotes.get(i).text(true);
-  (void)document->text(true);
+  (void)document->root().text(true);
   return 0;
 }

@@ -9,8 +9,8 @@ namespace {
 
 // The text of the whole body of `html`.
 std::string bodyText(std::string_view html) {
-  const auto document = Document::parse(html, "");
-  const Elements bodies = document->select("body");
+  const auto document = Document::parse(std::string(html));
+  const Elements bodies = document->root().select("body");
   return bodies.size() ? bodies.get(0).text(true) : std::string("<no body>");
 }
 
@@ -78,24 +78,24 @@ TEST(HtmlText, Blockquotes) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const auto document = Document::parse(c.html, "");
-    const Elements quotes = document->select("blockquote");
+    const auto document = Document::parse(c.html);
+    const Elements quotes = document->root().select("blockquote");
     std::vector<std::string> texts;
     for (size_t i = 0; i < quotes.size(); ++i) texts.push_back(quotes.get(i).text(true));
     EXPECT_EQ(texts, c.texts);
   }
-  EXPECT_THROW(Document::parse("x", "")->select("div > p"), std::invalid_argument);
+  EXPECT_THROW(Document::parse("x")->root().select("div > p"), std::invalid_argument);
 }
 
 // Deep and broken markup must neither recurse nor grow without bound.
 TEST(HtmlText, HostileMarkupParsesAndKeepsEveryText) {
   std::string html;
   for (int i = 0; i < 100000; ++i) html += "<blockquote>q";
-  const auto document = Document::parse(html, "");
-  EXPECT_EQ(document->select("blockquote").size(), 100000u);
+  const auto document = Document::parse(html);
+  EXPECT_EQ(document->root().select("blockquote").size(), 100000u);
   std::string misnested;
   for (int i = 0; i < 20000; ++i) misnested += "<b><i><div>x</b>";
-  const std::string text = Document::parse(misnested, "")->text(true);
+  const std::string text = Document::parse(misnested)->root().text(true);
   EXPECT_EQ(std::count(text.begin(), text.end(), 'x'), 20000);
 }
 

@@ -27,7 +27,8 @@ struct TokenizerRun {
   bool ended = false;           // reached endOfFile within the token budget
 };
 
-void appendCharacters(json& tokens, const std::string& data) {
+void appendCharacters(json& tokens, std::string_view characters) {
+  const std::string data(characters);
   if (!tokens.empty() && tokens.back()[0] == "Character") {
     tokens.back()[1] = tokens.back()[1].get<std::string>() + data;
   } else {
@@ -48,7 +49,7 @@ TokenizerRun tokenize(std::string_view input, TokenizerState state, const std::o
         run.ended = true;
         return run;
       case Token::Type::characters:
-        appendCharacters(run.tokens, token.data);
+        appendCharacters(run.tokens, token.characters);
         break;
       case Token::Type::comment:
         run.tokens.push_back(json::array({"Comment", token.data}));
@@ -291,6 +292,38 @@ TEST(HtmlTokenizer, RunsOfTextAreJoinedAcrossReferencesAndNulls) {
   }
 }
 
+// A run that stands in the input as it is comes out as a view of the input, which the tree
+// builder keeps instead of a copy; a run with anything else in it is the tokenizer's own.
+TEST(HtmlTokenizer, RunsStandingVerbatimInTheInputAreViewsOfIt) {
+  using namespace std::string_literals;
+  const struct {
+    TokenizerState state;
+    std::string input;
+    bool verbatim;
+  } cases[] = {
+      {TokenizerState::data, "plain words\r\n"s, true},
+      {TokenizerState::data, "a < b, a <= b, 1 <2"s, true},
+      {TokenizerState::data, "fish & chips &#; &#x; &zz"s, true},
+      {TokenizerState::data, "a\0b"s, true},
+      {TokenizerState::rcdata, "a</b>c</x"s, true},
+      {TokenizerState::scriptData, "if (a<b) x='<!--<script></script>-->'"s, true},
+      {TokenizerState::cdataSection, "a]b]]c"s, true},
+      {TokenizerState::data, "a&amp;b"s, false},
+      {TokenizerState::data, "&lt;b"s, false},
+      {TokenizerState::rcdata, "a\0b"s, false},
+  };
+  for (const auto& c : cases) {
+    Tokenizer tokenizer(c.input);
+    tokenizer.switchTo(c.state);
+    const Token& token = tokenizer.next();
+    ASSERT_EQ(token.type, Token::Type::characters) << json(c.input).dump();
+    const bool inInput = token.characters.data() >= c.input.data() &&
+                         token.characters.data() + token.characters.size() <= c.input.data() + c.input.size();
+    EXPECT_EQ(inInput, c.verbatim) << json(c.input).dump();
+    EXPECT_EQ(tokenizer.next().type, Token::Type::endOfFile) << json(c.input).dump() << " is one run";
+  }
+}
+
 // Carriage returns stay in text, comments and values; between the parts of markup they
 // separate like any white space, so CRLF mail markup tokenizes as it would with LF.
 TEST(HtmlTokenizer, CarriageReturnsAreKept) {
@@ -336,7 +369,7 @@ TEST(HtmlTokenizer, TextElementsEndAtTheirOwnEndTag) {
       } else if (t->type == Token::Type::endTag) {
         tokens.push_back(json::array({"EndTag", t->name}));
       } else {
-        appendCharacters(tokens, t->data);
+        appendCharacters(tokens, t->characters);
       }
     }
     EXPECT_EQ(tokens, json::parse(c.expected)) << c.input;

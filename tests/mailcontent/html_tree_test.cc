@@ -57,42 +57,38 @@ std::vector<TreeCase> readCases(const std::filesystem::path& path) {
 }
 
 // The suite's dump of the children of `root`.
-std::string dump(const Node* root) {
+std::string dump(Node root) {
   std::string out;
-  std::vector<std::pair<const Node*, int>> stack;
-  for (const Node* child = root->lastChild(); child; child = child->previousSibling())
+  std::vector<std::pair<Node, int>> stack;
+  for (Node child = root.lastChild(); child; child = child.previousSibling())
     stack.emplace_back(child, 0);
   while (!stack.empty()) {
     const auto [node, depth] = stack.back();
     stack.pop_back();
     const std::string indent = "| " + std::string(static_cast<size_t>(depth) * 2, ' ');
     if (!out.empty()) out += '\n';
-    switch (node->kind()) {
+    switch (node.kind()) {
       case NodeKind::element: {
-        const auto* e = static_cast<const Element*>(node);
-        out += indent + "<" + e->tag().tagName() + ">";
+        out += indent + "<" + std::string(node.tagName()) + ">";
         std::map<std::string, std::string> sorted;
-        for (const Attribute& a : e->attributes()) sorted.emplace(a.name, a.value);
+        for (const Attribute& a : node.attributes()) sorted.emplace(a.name, a.value);
         for (const auto& [name, value] : sorted)
           out += "\n" + indent + "  " + name + "=\"" + value + "\"";
-        for (const Node* child = node->lastChild(); child; child = child->previousSibling())
+        for (Node child = node.lastChild(); child; child = child.previousSibling())
           stack.emplace_back(child, depth + 1);
         break;
       }
       case NodeKind::text:
-        out += indent + "\"" + static_cast<const TextNode*>(node)->text() + "\"";
-        break;
       case NodeKind::data:
-        out += indent + "\"" + static_cast<const DataNode*>(node)->data() + "\"";
+        out += indent + "\"" + std::string(node.content()) + "\"";
         break;
       case NodeKind::comment:
-        out += indent + "<!-- " + static_cast<const Comment*>(node)->data() + " -->";
+        out += indent + "<!-- " + std::string(node.content()) + " -->";
         break;
       case NodeKind::doctype: {
-        const auto* d = static_cast<const DocumentType*>(node);
-        out += indent + "<!DOCTYPE " + d->name();
-        if (!d->publicId().empty() || !d->systemId().empty())
-          out += " \"" + d->publicId() + "\" \"" + d->systemId() + "\"";
+        out += indent + "<!DOCTYPE " + std::string(node.doctypeName());
+        if (!node.publicId().empty() || !node.systemId().empty())
+          out += " \"" + std::string(node.publicId()) + "\" \"" + std::string(node.systemId()) + "\"";
         out += ">";
         break;
       }
@@ -104,9 +100,9 @@ std::string dump(const Node* root) {
 std::string actualTree(const TreeCase& c) {
   if (c.fragmentContext) {
     const auto document = Document::parseFragment(c.data, *c.fragmentContext);
-    return dump(document->firstChild());
+    return dump(document->root().firstChild());
   }
-  return dump(Document::parse(c.data, "").get());
+  return dump(Document::parse(c.data)->root());
 }
 
 // True when `name` matches `pattern`, in which one '*' stands for any run of characters.

@@ -14,6 +14,7 @@ class MailParser {
  public:
   // The quoted passages of `rawMessage` (valid UTF-8, header and body), in document order;
   // empty when the message has none. Throws the MIME parse's errors and the body decoders'.
+  // An undecoded source (see htmlSource) is read where it stands in `rawMessage`, not copied.
   static std::vector<std::string> quotedTexts(std::string_view rawMessage);
 
   // The HTML source to read the quotations from: the first quoted-printable body at the top or
@@ -24,7 +25,7 @@ class MailParser {
   static std::optional<std::string> htmlSource(std::string_view rawMessage);
 
   // The text of every blockquote element of `html`, outer ones before those inside them.
-  static std::vector<std::string> blockquoteTexts(std::string_view html);
+  static std::vector<std::string> blockquoteTexts(std::string html);
 };
 
 }  // namespace lumora

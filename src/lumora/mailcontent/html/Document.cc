@@ -1,72 +1,257 @@
 #include "lumora/mailcontent/html/Document.h"
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
 #include <stdexcept>
 
 #include "lumora/platform/Text.h"
 
 namespace lumora::html {
 
-void Node::insertChild(Node* child, Node* before) {
-  child->parent_ = static_cast<Element*>(this);
-  child->next_ = before;
-  child->previous_ = before ? before->previous_ : lastChild_;
-  if (child->previous_)
-    child->previous_->next_ = child;
-  else
-    firstChild_ = child;
-  if (before)
-    before->previous_ = child;
-  else
-    lastChild_ = child;
+// ---- the store ---------------------------------------------------------------------------
+
+Document::Document(std::string owned, std::string_view unowned) : ownedSource_(std::move(owned)) {
+  // The view is taken here, once the string has its place: a short string's characters live
+  // inside the string object itself.
+  source_ = unowned.data() ? unowned : std::string_view(ownedSource_);
+  if (source_.size() >= kNone) throw std::length_error("HTML source over 4 GiB");
+  extras_.push_back({"#root", {}});
+  add(NodeKind::element, TagId::unknown, 0, kNoNode);
 }
 
-void Node::removeChild(Node* child) {
-  if (child->previous_)
-    child->previous_->next_ = child->next_;
-  else
-    firstChild_ = child->next_;
-  if (child->next_)
-    child->next_->previous_ = child->previous_;
-  else
-    lastChild_ = child->previous_;
-  child->parent_ = nullptr;
-  child->next_ = child->previous_ = nullptr;
-}
-
-Document::Document() : Element(Tag(TagId::unknown, "#root"), {}) {}
 Document::~Document() = default;
 
-Element* Document::makeElement(TagId id, std::string name, std::vector<Attribute> attributes) {
-  return &elements_.emplace_back(Tag(id, std::move(name)), std::move(attributes));
+NodeId Document::add(NodeKind kind, TagId tag, uint32_t a, uint32_t down) {
+  if (count_ == kNoNode) throw std::length_error("HTML tree of over 4 billion nodes");
+  if ((count_ & kBlockMask) == 0)
+    blocks_.push_back(std::make_unique_for_overwrite<Record[]>(size_t{1} << kBlockBits));
+  const NodeId id = count_++;
+  at(id) = {kNoNode, down, kNoNode, kNoNode, static_cast<uint8_t>(kind), tag, 0, a};
+  return id;
 }
-TextNode* Document::makeText(std::string text) { return &texts_.emplace_back(std::move(text)); }
-DataNode* Document::makeData(std::string data) { return &data_.emplace_back(std::move(data)); }
-Comment* Document::makeComment(std::string data) {
-  return &comments_.emplace_back(std::move(data));
+
+bool Document::inSource(std::string_view characters) const {
+  // Compared as integers: the characters may come from any buffer, and pointers into
+  // different objects have no order of their own.
+  const auto at = reinterpret_cast<uintptr_t>(characters.data());
+  const auto start = reinterpret_cast<uintptr_t>(source_.data());
+  return characters.size() <= source_.size() && at >= start &&
+         at - start <= source_.size() - characters.size();
 }
-DocumentType* Document::makeDocumentType(std::string name, std::string publicId,
-                                         std::string systemId) {
-  return &doctypes_.emplace_back(std::move(name), std::move(publicId), std::move(systemId));
+
+std::string_view Document::nameOf(NodeId id) const {
+  const Record& r = at(id);
+  if (r.tag != TagId::unknown) return tagNameOf(r.tag);
+  if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.a == kNone) return {};
+  return extras_[r.a].name;
+}
+
+std::span<const Attribute> Document::attributesOf(NodeId id) const {
+  const Record& r = at(id);
+  if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.a == kNone) return {};
+  return extras_[r.a].attributes;
+}
+
+std::string_view Document::contentOf(NodeId id) const { return contentOf(at(id)); }
+
+std::string_view Document::contentOf(const Record& r) const {
+  switch (static_cast<NodeKind>(r.kind)) {
+    case NodeKind::text:
+    case NodeKind::data:
+    case NodeKind::comment:
+      return r.flags & kInArena ? std::string_view(arena_).substr(r.a, r.down) : source_.substr(r.a, r.down);
+    case NodeKind::element:
+    case NodeKind::doctype:
+      break;
+  }
+  return {};
+}
+
+NodeId Document::makeElement(TagId id, std::string_view name,
+                             const std::vector<Attribute>& attributes) {
+  uint32_t extra = kNone;
+  if (id == TagId::unknown || !attributes.empty()) {
+    extra = static_cast<uint32_t>(extras_.size());
+    extras_.push_back({id == TagId::unknown ? std::string(name) : std::string(), attributes});
+  }
+  return add(NodeKind::element, id, extra, kNoNode);
+}
+
+NodeId Document::makeCopy(NodeId element) {
+  const Record& r = at(element);
+  return add(NodeKind::element, r.tag, r.a, kNoNode);
+}
+
+void Document::addMissingAttributes(NodeId element, const std::vector<Attribute>& attributes) {
+  Record& r = at(element);
+  for (const Attribute& attribute : attributes) {
+    if (r.a == kNone) {
+      r.a = static_cast<uint32_t>(extras_.size());
+      extras_.emplace_back();
+    }
+    auto& mine = extras_[r.a].attributes;
+    const bool has = std::any_of(mine.begin(), mine.end(),
+                                 [&](const Attribute& a) { return a.name == attribute.name; });
+    if (!has) mine.push_back(attribute);
+  }
+}
+
+NodeId Document::makeDocumentType(std::string_view name, std::string_view publicId,
+                                  std::string_view systemId) {
+  doctypes_.push_back({std::string(name), std::string(publicId), std::string(systemId)});
+  return add(NodeKind::doctype, TagId::unknown, static_cast<uint32_t>(doctypes_.size() - 1), 0);
+}
+
+// ---- text --------------------------------------------------------------------------------
+//
+// A span of the source stays one as long as what is appended to it follows it there. Other
+// text goes to the end of the arena exactly as long as it is, since most of it is never
+// appended to. A span that is appended to and cannot grow where it lies moves to the end of
+// the arena with room up to the next power of two of its length: two nodes appended to in
+// turn then move a logarithmic number of times, not once per append, and the copying stays
+// linear in the text.
+
+NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
+  if (inSource(characters))
+    return add(kind, TagId::unknown, static_cast<uint32_t>(characters.data() - source_.data()),
+               static_cast<uint32_t>(characters.size()));
+  const size_t start = arena_.size();
+  if (characters.size() >= kNone - start) throw std::length_error("HTML text over 4 GiB");
+  arena_.append(characters);
+  const NodeId id = add(kind, TagId::unknown, static_cast<uint32_t>(start),
+                        static_cast<uint32_t>(characters.size()));
+  at(id).flags |= kInArena;
+  return id;
+}
+
+void Document::appendCharacters(NodeId id, std::string_view more) {
+  if (more.empty()) return;
+  Record& r = at(id);
+  const bool inArena = r.flags & kInArena;
+  if (!inArena && inSource(more) && more.data() == source_.data() + r.a + r.down) {
+    r.down += static_cast<uint32_t>(more.size());
+    return;
+  }
+  const size_t length = size_t{r.down} + more.size();
+  if (length >= kNone) throw std::length_error("HTML text over 4 GiB");
+  const size_t capacity = r.flags & kHasRoom ? std::bit_ceil(size_t{r.down}) : r.down;
+  if (inArena && length <= capacity) {
+    std::memcpy(arena_.data() + r.a + r.down, more.data(), more.size());
+    r.down = static_cast<uint32_t>(length);
+    return;
+  }
+  const size_t room = std::bit_ceil(length);
+  if (inArena && r.a + capacity == arena_.size()) {
+    // The last span of the arena grows where it is.
+    if (room >= kNone - r.a) throw std::length_error("HTML text over 4 GiB");
+    arena_.resize(r.a + room);
+  } else {
+    const size_t start = arena_.size();
+    if (room >= kNone - start) throw std::length_error("HTML text over 4 GiB");
+    arena_.resize(start + room);
+    // Read the old text only now: growing the arena may have moved it.
+    const char* old = (inArena ? arena_.data() : source_.data()) + r.a;
+    std::memcpy(arena_.data() + start, old, r.down);
+    r.a = static_cast<uint32_t>(start);
+  }
+  std::memcpy(arena_.data() + r.a + r.down, more.data(), more.size());
+  r.down = static_cast<uint32_t>(length);
+  r.flags |= kInArena | kHasRoom;
+}
+
+// ---- links -------------------------------------------------------------------------------
+
+void Document::insertChild(NodeId parent, NodeId child, NodeId before) {
+  Record& p = at(parent);
+  Record& c = at(child);
+  c.parent = parent;
+  c.next = before;
+  if (p.down == kNoNode) {
+    p.down = child;
+    c.previous = child;
+    return;
+  }
+  Record& first = at(p.down);
+  if (before == kNoNode) {
+    c.previous = first.previous;
+    at(first.previous).next = child;
+    first.previous = child;
+    return;
+  }
+  Record& b = at(before);
+  c.previous = b.previous;
+  if (p.down == before)
+    p.down = child;
+  else
+    at(b.previous).next = child;
+  b.previous = child;
+}
+
+void Document::detach(NodeId child) {
+  Record& c = at(child);
+  if (c.parent == kNoNode) return;
+  Record& p = at(c.parent);
+  Record& first = at(p.down);
+  if (p.down == child) {
+    p.down = c.next;
+    if (c.next != kNoNode) at(c.next).previous = c.previous;
+  } else {
+    at(c.previous).next = c.next;
+    // The last child is the first child's previous: a new last child is written there.
+    (c.next != kNoNode ? at(c.next) : first).previous = c.previous;
+  }
+  c.parent = c.next = c.previous = kNoNode;
+}
+
+// ---- reading -----------------------------------------------------------------------------
+
+NodeKind Node::kind() const { return document_->kindOf(id_); }
+Node Node::parent() const { return {document_, document_->parentOf(id_)}; }
+Node Node::firstChild() const { return {document_, document_->firstChildOf(id_)}; }
+Node Node::lastChild() const { return {document_, document_->lastChildOf(id_)}; }
+Node Node::nextSibling() const { return {document_, document_->nextSiblingOf(id_)}; }
+Node Node::previousSibling() const { return {document_, document_->previousSiblingOf(id_)}; }
+TagId Node::tagId() const { return document_->tagOf(id_); }
+std::string_view Node::tagName() const { return document_->nameOf(id_); }
+std::span<const Attribute> Node::attributes() const { return document_->attributesOf(id_); }
+std::string_view Node::content() const { return document_->contentOf(id_); }
+
+std::string_view Node::doctypeName() const {
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].name
+                                     : std::string_view();
+}
+std::string_view Node::publicId() const {
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].publicId
+                                     : std::string_view();
+}
+std::string_view Node::systemId() const {
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].systemId
+                                     : std::string_view();
+}
+
+// Reads each record once per visit: a quotation's text walks every node below it, and nested
+// quotations walk the same nodes again for each level.
+template <typename Visit>
+void Document::walk(NodeId root, Visit visit) const {
+  NodeId id = root;
+  while (true) {
+    const Record* r = &at(id);
+    visit(id, *r);
+    if (r->kind == static_cast<uint8_t>(NodeKind::element) && r->down != kNoNode) {
+      id = r->down;
+      continue;
+    }
+    while (id != root && r->next == kNoNode) {
+      id = r->parent;
+      r = &at(id);
+    }
+    if (id == root) return;
+    id = r->next;
+  }
 }
 
 namespace {
-
-// Calls `visit` on `root` and every node below it, parents before children, without
-// recursion.
-template <typename Visit>
-void walk(const Node* root, Visit visit) {
-  const Node* node = root;
-  while (node) {
-    visit(node);
-    if (node->firstChild()) {
-      node = node->firstChild();
-      continue;
-    }
-    while (node != root && !node->nextSibling()) node = node->parent();
-    if (node == root) break;
-    node = node->nextSibling();
-  }
-}
 
 bool isBareTagName(std::string_view query) {
   if (query.empty()) return false;
@@ -85,7 +270,7 @@ bool isHtmlWhitespace(char c) {
 
 bool endsInSpace(const std::string& s) { return !s.empty() && s.back() == ' '; }
 
-void appendNormalised(std::string& out, const std::string& text) {
+void appendNormalised(std::string& out, std::string_view text) {
   size_t i = 0;
   if (endsInSpace(out)) {
     while (i < text.size() && isHtmlWhitespace(text[i])) ++i;
@@ -103,10 +288,6 @@ void appendNormalised(std::string& out, const std::string& text) {
   }
 }
 
-bool preservedBy(const Element* element) {
-  return element && element->tag().preserveWhitespace();
-}
-
 // The final trim, only when the text begins or ends in HTML whitespace: then every kind of
 // white space and line separator goes from both ends, a no-break space too.
 std::string trimmed(std::string text) {
@@ -117,35 +298,43 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
-Elements Element::select(std::string_view query) const {
+Elements Node::select(std::string_view query) const {
   if (!isBareTagName(query)) throw std::invalid_argument("unsupported query");
-  Elements result;
-  walk(this, [&](const Node* node) {
-    if (node->kind() != NodeKind::element) return;
-    const auto* element = static_cast<const Element*>(node);
-    if (element->tag().tagName() == query) result.add(element);
+  const Document& document = *document_;
+  Elements result(document_);
+  // Known names are compared by id; only elements of unknown tags keep a name to compare.
+  const TagId wanted = tagIdOf(query);
+  document.walk(id_, [&](NodeId node, const Document::Record& r) {
+    if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.tag != wanted) return;
+    if (wanted == TagId::unknown && document.nameOf(node) != query) return;
+    result.add(node);
   });
   return result;
 }
 
-std::string Element::text(bool trimAndNormaliseWhitespace) const {
+std::string Node::text(bool trimAndNormaliseWhitespace) const {
+  const Document& document = *document_;
   std::string out;
-  walk(this, [&](const Node* node) {
-    switch (node->kind()) {
+  // Whitespace is kept inside an element that preserves it and one level below.
+  const auto preserved = [&](const Document::Record& r) {
+    if (r.parent == kNoNode) return false;
+    const Document::Record& parent = document.at(r.parent);
+    return preservesWhitespace(parent.tag) ||
+           (parent.parent != kNoNode && preservesWhitespace(document.at(parent.parent).tag));
+  };
+  document.walk(id_, [&](NodeId, const Document::Record& r) {
+    switch (static_cast<NodeKind>(r.kind)) {
       case NodeKind::text: {
-        const auto& text = static_cast<const TextNode*>(node)->text();
-        const Element* parent = node->parent();
-        if (!trimAndNormaliseWhitespace || preservedBy(parent) ||
-            (parent && preservedBy(parent->parent())))
+        const std::string_view text = document.contentOf(r);
+        if (!trimAndNormaliseWhitespace || preserved(r))
           out += text;
         else
           appendNormalised(out, text);
         break;
       }
       case NodeKind::element: {
-        const Tag& tag = static_cast<const Element*>(node)->tag();
-        if (trimAndNormaliseWhitespace && !out.empty() &&
-            (tag.isBlock() || tag.tagName() == "br") && !endsInSpace(out))
+        if (trimAndNormaliseWhitespace && !out.empty() && (isBlockTag(r.tag) || r.tag == TagId::br) &&
+            !endsInSpace(out))
           out += ' ';
         break;
       }

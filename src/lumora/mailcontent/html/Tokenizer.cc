@@ -12,7 +12,8 @@
 // become does. Without that, the CRLF line ends of mail would end up inside tag names.
 //
 // Text comes out in runs: the text states jump to the next byte that matters with memchr,
-// and each tag, attribute value and comment is appended a run at a time.
+// and each tag, attribute value and comment is appended a run at a time. A run of text that
+// stands in the input as it is comes out as a view of the input, not a copy (TextRun).
 #include "lumora/mailcontent/html/Tokenizer.h"
 
 #include <algorithm>
@@ -158,7 +159,8 @@ constexpr ByteSet kDoctypeNameStops = stopAt(">\0"sv, true);
 constexpr ByteSet kDoubleQuotedIdentifierStops = stopAt("\">\0"sv);
 constexpr ByteSet kSingleQuotedIdentifierStops = stopAt("'>\0"sv);
 
-void appendUtf8(std::string& out, uint32_t code) {
+template <typename Out>
+void appendUtf8(Out& out, uint32_t code) {
   if (code < 0x80) {
     out += static_cast<char>(code);
   } else if (code < 0x800) {
@@ -248,6 +250,70 @@ size_t hashAttributeName(std::string_view name) {
   return static_cast<size_t>(h);
 }
 
+// The characters of the run being gathered. Most text of a page stands in the input exactly as
+// it is to come out, so the run is kept as a span of the input for as long as every byte
+// appended is the input's next one; only the first byte that differs (a character reference,
+// a replaced NUL) copies the run into a buffer of its own. The tree builder keeps spans of
+// its source rather than copies, which is where this pays.
+class TextRun {
+ public:
+  explicit TextRun(std::string_view input) : input_(input) {}
+
+  void clear() {
+    start_ = size_ = 0;
+    verbatim_ = true;
+    buffer_.clear();
+  }
+  bool empty() const { return size_ == 0; }
+  std::string_view view() const { return verbatim_ ? input_.substr(start_, size_) : buffer_; }
+
+  void append(std::string_view piece) {
+    if (piece.empty()) return;
+    if (verbatim_) {
+      const size_t end = start_ + size_;
+      if (size_ == 0 && isInput(piece)) {
+        start_ = static_cast<size_t>(piece.data() - input_.data());
+        size_ = piece.size();
+        return;
+      }
+      // Bytes made here ("</" and the like) are verbatim too where they repeat the input.
+      if (size_ > 0 && (piece.data() == input_.data() + end ||
+                        input_.substr(end, piece.size()) == piece)) {
+        size_ += piece.size();
+        return;
+      }
+      buffer_.assign(input_.substr(start_, size_));
+      verbatim_ = false;
+    }
+    buffer_.append(piece);
+    size_ += piece.size();
+  }
+  void append(const char* bytes, size_t count) { append(std::string_view(bytes, count)); }
+  TextRun& operator+=(std::string_view piece) {
+    append(piece);
+    return *this;
+  }
+  TextRun& operator+=(char c) {
+    append(std::string_view(&c, 1));
+    return *this;
+  }
+
+ private:
+  bool isInput(std::string_view piece) const {
+    // As integers: the piece may point anywhere, and pointers into different objects have no
+    // order of their own.
+    const auto at = reinterpret_cast<uintptr_t>(piece.data());
+    const auto start = reinterpret_cast<uintptr_t>(input_.data());
+    return piece.size() <= input_.size() && at >= start && at - start <= input_.size() - piece.size();
+  }
+
+  std::string_view input_;
+  size_t start_ = 0;
+  size_t size_ = 0;
+  bool verbatim_ = true;
+  std::string buffer_;
+};
+
 }  // namespace
 
 const std::string* Token::attribute(std::string_view attributeName) const {
@@ -258,7 +324,7 @@ const std::string* Token::attribute(std::string_view attributeName) const {
 }
 
 struct Tokenizer::Impl {
-  explicit Impl(std::string_view input) : in(input) { text.type = Token::Type::characters; }
+  explicit Impl(std::string_view input) : in(input), textRun(input) { text.type = Token::Type::characters; }
 
   const Token& next();
   void run();
@@ -270,7 +336,8 @@ struct Tokenizer::Impl {
     return in.size() - pos >= s.size() && equalsIgnoringCase(in.substr(pos, s.size()), s);
   }
   // Appends the bytes up to the next one in `stops` (or the end) to `out`.
-  void appendRun(std::string& out, const ByteSet& stops) {
+  template <typename Out>
+  void appendRun(Out& out, const ByteSet& stops) {
     size_t end = pos;
     while (end < in.size() && !stops[in[end]]) ++end;
     out.append(in.data() + pos, end - pos);
@@ -296,7 +363,7 @@ struct Tokenizer::Impl {
   }
   // Copies text up to the first of the given bytes to the current character run.
   void emitTextUpTo(size_t stop) {
-    text.data.append(in.data() + pos, stop - pos);
+    textRun.append(in.data() + pos, stop - pos);
     pos = stop;
   }
 
@@ -361,7 +428,8 @@ struct Tokenizer::Impl {
   // The double escape start and end states: `script` toggles between the two.
   void doubleEscapeBoundary(State onScript, State otherwise);
   // After '&'. Appends what the reference stands for, or the text itself when it is not one.
-  void characterReference(std::string& out, bool inAttribute);
+  template <typename Out>
+  void characterReference(Out& out, bool inAttribute);
 
   struct NameHash {
     const std::vector<Attribute>* attributes;
@@ -381,7 +449,8 @@ struct Tokenizer::Impl {
   State state = State::data;
   bool finished = false;       // endOfFile emitted
   bool markupPending = false;  // `markup` waits behind the character run returned last
-  Token text;                  // the character run
+  Token text;                  // the character run, whose characters are in textRun
+  TextRun textRun;
   Token markup;                // every other token
   std::string lastStartTag;
   std::string* attributeValue = nullptr;  // the value being read, or droppedValue
@@ -431,8 +500,8 @@ bool Tokenizer::Impl::endTagNameInText(State textState) {
     return false;
   }
   // Not an end tag of the element this text belongs to: it was text all along.
-  text.data += "</";
-  text.data += name;
+  textRun += "</";
+  textRun += name;
   state = textState;
   return false;
 }
@@ -441,19 +510,20 @@ void Tokenizer::Impl::doubleEscapeBoundary(State onScript, State otherwise) {
   // The letters are script text either way; they only decide which state follows.
   const size_t lettersStart = pos;
   while (pos < in.size() && isAlpha(static_cast<unsigned char>(in[pos]))) ++pos;
-  text.data.append(in.data() + lettersStart, pos - lettersStart);
+  textRun.append(in.data() + lettersStart, pos - lettersStart);
   const std::string_view name = in.substr(nameStart, pos - nameStart);
   const int c = peek();
   if (isSpace(c) || c == '/' || c == '>') {
     ++pos;
-    text.data += static_cast<char>(c);
+    textRun += static_cast<char>(c);
     state = equalsIgnoringCase(name, "script") ? onScript : otherwise;
   } else {
     state = otherwise;
   }
 }
 
-void Tokenizer::Impl::characterReference(std::string& out, bool inAttribute) {
+template <typename Out>
+void Tokenizer::Impl::characterReference(Out& out, bool inAttribute) {
   const int c = peek();
   if (isAlphanumeric(c)) {
     const NamedMatch match = longestNamedReference(in.substr(pos));
@@ -510,15 +580,16 @@ void Tokenizer::Impl::characterReference(std::string& out, bool inAttribute) {
 }
 
 const Token& Tokenizer::Impl::next() {
-  text.data.clear();
+  textRun.clear();
   if (markupPending) {
     markupPending = false;
     return markup;
   }
   if (finished) return markup;
   run();
-  if (!text.data.empty()) {
+  if (!textRun.empty()) {
     markupPending = true;
+    text.characters = textRun.view();
     return text;
   }
   return markup;
@@ -542,7 +613,7 @@ void Tokenizer::Impl::run() {
         if (c == '<') {
           state = State::tagOpen;
         } else {
-          characterReference(text.data, false);
+          characterReference(textRun, false);
         }
         break;
       }
@@ -557,9 +628,9 @@ void Tokenizer::Impl::run() {
         if (c == '<') {
           state = State::rcdataLessThanSign;
         } else if (c == '&') {
-          characterReference(text.data, false);
+          characterReference(textRun, false);
         } else {
-          text.data += kReplacementCharacter;
+          textRun += kReplacementCharacter;
         }
         break;
       }
@@ -575,7 +646,7 @@ void Tokenizer::Impl::run() {
         if (c == '<') {
           state = state == State::rawtext ? State::rawtextLessThanSign : State::scriptDataLessThanSign;
         } else {
-          text.data += kReplacementCharacter;
+          textRun += kReplacementCharacter;
         }
         break;
       }
@@ -586,7 +657,7 @@ void Tokenizer::Impl::run() {
           return;
         }
         ++pos;
-        text.data += kReplacementCharacter;
+        textRun += kReplacementCharacter;
         break;
       }
 
@@ -606,7 +677,7 @@ void Tokenizer::Impl::run() {
           beginComment();
           state = State::bogusComment;
         } else {
-          text.data += '<';
+          textRun += '<';
           state = State::data;
         }
         break;
@@ -620,7 +691,7 @@ void Tokenizer::Impl::run() {
           ++pos;
           state = State::data;
         } else if (c == kEndOfInput) {
-          text.data += "</";
+          textRun += "</";
           state = State::data;
         } else {
           beginComment();
@@ -657,7 +728,7 @@ void Tokenizer::Impl::run() {
           ++pos;
           state = rcdata ? State::rcdataEndTagOpen : State::rawtextEndTagOpen;
         } else {
-          text.data += '<';
+          textRun += '<';
           state = rcdata ? State::rcdata : State::rawtext;
         }
         break;
@@ -669,10 +740,10 @@ void Tokenizer::Impl::run() {
           state = State::scriptDataEndTagOpen;
         } else if (c == '!') {
           ++pos;
-          text.data += "<!";
+          textRun += "<!";
           state = State::scriptDataEscapeStart;
         } else {
-          text.data += '<';
+          textRun += '<';
           state = State::scriptData;
         }
         break;
@@ -695,7 +766,7 @@ void Tokenizer::Impl::run() {
           nameStart = pos;
           state = transition->name;
         } else {
-          text.data += "</";
+          textRun += "</";
           state = transition->text;
         }
         break;
@@ -718,7 +789,7 @@ void Tokenizer::Impl::run() {
       case State::scriptDataEscapeStartDash: {
         if (peek() == '-') {
           ++pos;
-          text.data += '-';
+          textRun += '-';
           state = state == State::scriptDataEscapeStart ? State::scriptDataEscapeStartDash
                                                         : State::scriptDataEscapedDashDash;
         } else {
@@ -729,7 +800,7 @@ void Tokenizer::Impl::run() {
       case State::scriptDataEscaped:
       case State::scriptDataDoubleEscaped: {
         const bool doubleEscaped = state == State::scriptDataDoubleEscaped;
-        appendRun(text.data, kEscapedScriptStops);
+        appendRun(textRun, kEscapedScriptStops);
         const int c = peek();
         if (c == kEndOfInput) {
           emitEndOfFile();
@@ -737,13 +808,13 @@ void Tokenizer::Impl::run() {
         }
         ++pos;
         if (c == '-') {
-          text.data += '-';
+          textRun += '-';
           state = doubleEscaped ? State::scriptDataDoubleEscapedDash : State::scriptDataEscapedDash;
         } else if (c == '<') {
-          if (doubleEscaped) text.data += '<';
+          if (doubleEscaped) textRun += '<';
           state = doubleEscaped ? State::scriptDataDoubleEscapedLessThanSign : State::scriptDataEscapedLessThanSign;
         } else {
-          text.data += kReplacementCharacter;
+          textRun += kReplacementCharacter;
         }
         break;
       }
@@ -762,19 +833,19 @@ void Tokenizer::Impl::run() {
         }
         ++pos;
         if (c == '-') {
-          text.data += '-';
+          textRun += '-';
           state = doubleEscaped ? State::scriptDataDoubleEscapedDashDash : State::scriptDataEscapedDashDash;
         } else if (c == '<') {
-          if (doubleEscaped) text.data += '<';
+          if (doubleEscaped) textRun += '<';
           state = doubleEscaped ? State::scriptDataDoubleEscapedLessThanSign : State::scriptDataEscapedLessThanSign;
         } else if (c == '>' && dashDash) {
-          text.data += '>';
+          textRun += '>';
           state = State::scriptData;
         } else if (c == '\0') {
-          text.data += kReplacementCharacter;
+          textRun += kReplacementCharacter;
           state = inside;
         } else {
-          text.data += static_cast<char>(c);
+          textRun += static_cast<char>(c);
           state = inside;
         }
         break;
@@ -785,11 +856,11 @@ void Tokenizer::Impl::run() {
           ++pos;
           state = State::scriptDataEscapedEndTagOpen;
         } else if (isAlpha(c)) {
-          text.data += '<';
+          textRun += '<';
           nameStart = pos;
           state = State::scriptDataDoubleEscapeStart;
         } else {
-          text.data += '<';
+          textRun += '<';
           state = State::scriptDataEscaped;
         }
         break;
@@ -800,7 +871,7 @@ void Tokenizer::Impl::run() {
       case State::scriptDataDoubleEscapedLessThanSign: {
         if (peek() == '/') {
           ++pos;
-          text.data += '/';
+          textRun += '/';
           nameStart = pos;
           state = State::scriptDataDoubleEscapeEnd;
         } else {
@@ -1350,7 +1421,7 @@ void Tokenizer::Impl::run() {
           ++pos;
           state = State::cdataSectionEnd;
         } else {
-          text.data += ']';
+          textRun += ']';
           state = State::cdataSection;
         }
         break;
@@ -1358,12 +1429,12 @@ void Tokenizer::Impl::run() {
         const int c = peek();
         if (c == ']') {
           ++pos;
-          text.data += ']';
+          textRun += ']';
         } else if (c == '>') {
           ++pos;
           state = State::data;
         } else {
-          text.data += "]]";
+          textRun += "]]";
           state = State::cdataSection;
         }
         break;

@@ -36,7 +36,10 @@ struct Token {
   enum class Type { doctype, startTag, endTag, comment, characters, endOfFile };
   Type type = Type::endOfFile;
   std::string name;                   // tag name (lower case) or doctype name
-  std::string data;                   // characters (a run, possibly with U+0000) or comment text
+  std::string data;                   // comment text
+  // The run of a characters token, possibly with U+0000: a view of the input where the run
+  // stands there verbatim, of the tokenizer's own buffer where it does not.
+  std::string_view characters;
   std::vector<Attribute> attributes;  // start and end tags; the first of duplicate names wins
   bool selfClosing = false;
   // doctype only

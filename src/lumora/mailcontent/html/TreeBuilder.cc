@@ -151,13 +151,13 @@ bool isQuirksDoctype(const Token& t) {
 
 class TreeBuilder {
  public:
-  TreeBuilder(Document& document, std::string_view html) : doc_(document), tokenizer_(html) {}
+  TreeBuilder(Document& document, std::string_view html)
+      : doc_(document), root_(document.root().id()), tokenizer_(html) {}
 
   void parseDocument() { run(); }
 
   void parseFragment(std::string_view context) {
     contextId_ = tagIdOf(context);
-    contextName_ = std::string(context);
     hasContext_ = true;
     switch (contextId_) {
       case T::title:
@@ -180,8 +180,8 @@ class TreeBuilder {
       default:
         break;
     }
-    Element* html = doc_.makeElement(T::html, "html", {});
-    doc_.appendChild(html);
+    const NodeId html = doc_.makeElement(T::html, {}, {});
+    doc_.appendChild(root_, html);
     push(html);
     resetInsertionMode();
     run();
@@ -195,7 +195,7 @@ class TreeBuilder {
       const Token& token = tokenizer_.next();
       switch (token.type) {
         case Token::Type::characters:
-          feedCharacters(token.data);
+          feedCharacters(token.characters);
           break;
         case Token::Type::doctype:
           feed({Input::Kind::doctype, &token});
@@ -300,10 +300,10 @@ class TreeBuilder {
 
   // ---- the stack of open elements ---------------------------------------------------------
 
-  Element* current() const { return open_.empty() ? nullptr : open_.back(); }
-  bool currentIs(TagId id) const { return !open_.empty() && open_.back()->id() == id; }
+  NodeId current() const { return open_.empty() ? kNoNode : open_.back(); }
+  bool currentIs(TagId id) const { return !open_.empty() && doc_.tagOf(open_.back()) == id; }
 
-  void push(Element* e) {
+  void push(NodeId e) {
     open_.push_back(e);
     opened(e);
   }
@@ -313,17 +313,17 @@ class TreeBuilder {
   }
   // Every change to the stack goes through these two, which keep the per-tag counts and each
   // element's own mark.
-  void opened(Element* e) {
-    ++count_[static_cast<size_t>(e->id())];
-    e->parserOpen = true;
+  void opened(NodeId e) {
+    ++count_[static_cast<size_t>(doc_.tagOf(e))];
+    doc_.setParserOpen(e, true);
   }
-  void closed(Element* e) {
-    --count_[static_cast<size_t>(e->id())];
-    e->parserOpen = false;
+  void closed(NodeId e) {
+    --count_[static_cast<size_t>(doc_.tagOf(e))];
+    doc_.setParserOpen(e, false);
   }
   void popUntil(TagId id) {
     while (!open_.empty()) {
-      const bool found = open_.back()->id() == id;
+      const bool found = doc_.tagOf(open_.back()) == id;
       pop();
       if (found) return;
     }
@@ -331,21 +331,21 @@ class TreeBuilder {
   template <typename... Ids>
   void popUntilOneOf(Ids... ids) {
     while (!open_.empty()) {
-      const bool found = oneOf(open_.back()->id(), ids...);
+      const bool found = oneOf(doc_.tagOf(open_.back()), ids...);
       pop();
       if (found) return;
     }
   }
-  void popUntilElement(const Element* e) {
+  void popUntilElement(NodeId e) {
     while (!open_.empty()) {
       const bool found = open_.back() == e;
       pop();
       if (found) return;
     }
   }
-  static bool isOpen(const Element* e) { return e->parserOpen; }
-  void removeFromStack(Element* e) {
-    if (!e->parserOpen) return;
+  bool isOpen(NodeId e) const { return doc_.parserOpen(e); }
+  void removeFromStack(NodeId e) {
+    if (!doc_.parserOpen(e)) return;
     const auto it = std::find(open_.begin(), open_.end(), e);
     closed(e);
     open_.erase(it);
@@ -374,23 +374,23 @@ class TreeBuilder {
   bool inScope(Scope scope, Ids... targets) const {
     if ((count_[static_cast<size_t>(targets)] + ...) == 0) return false;
     for (auto it = open_.rbegin(); it != open_.rend(); ++it) {
-      const TagId id = (*it)->id();
+      const TagId id = doc_.tagOf(*it);
       if (oneOf(id, targets...)) return true;
       if (endsScope(id, scope)) return false;
     }
     return false;
   }
-  bool elementInScope(const Element* target) const {
+  bool elementInScope(NodeId target) const {
     for (auto it = open_.rbegin(); it != open_.rend(); ++it) {
       if (*it == target) return true;
-      if (endsScope((*it)->id(), Scope::normal)) return false;
+      if (endsScope(doc_.tagOf(*it), Scope::normal)) return false;
     }
     return false;
   }
 
   void generateImpliedEndTags(TagId except = T::unknown) {
     while (!open_.empty()) {
-      const TagId id = open_.back()->id();
+      const TagId id = doc_.tagOf(open_.back());
       if (id == except ||
           !oneOf(id, T::dd, T::dt, T::li, T::optgroup, T::option, T::p, T::rb, T::rp, T::rt,
                  T::rtc))
@@ -409,7 +409,7 @@ class TreeBuilder {
 
   template <typename... Ids>
   void clearBackTo(Ids... ids) {
-    while (!open_.empty() && !oneOf(open_.back()->id(), ids...)) pop();
+    while (!open_.empty() && !oneOf(doc_.tagOf(open_.back()), ids...)) pop();
   }
   void clearToTableContext() { clearBackTo(T::table, T::template_, T::html); }
   void clearToTableBodyContext() {
@@ -420,14 +420,14 @@ class TreeBuilder {
   void resetInsertionMode() {
     for (size_t i = open_.size(); i-- > 0;) {
       const bool last = i == 0;
-      TagId id = open_[i]->id();
+      TagId id = doc_.tagOf(open_[i]);
       if (last && hasContext_) id = contextId_;
       switch (id) {
         case T::select:
           if (!last) {
             for (size_t j = i; j-- > 0;) {
-              if (open_[j]->id() == T::template_) break;
-              if (open_[j]->id() == T::table) {
+              if (doc_.tagOf(open_[j]) == T::template_) break;
+              if (doc_.tagOf(open_[j]) == T::table) {
                 mode_ = InsertionMode::inSelectInTable;
                 return;
               }
@@ -472,7 +472,7 @@ class TreeBuilder {
           mode_ = InsertionMode::inFrameset;
           return;
         case T::html:
-          mode_ = head_ ? InsertionMode::afterHead : InsertionMode::beforeHead;
+          mode_ = head_ != kNoNode ? InsertionMode::afterHead : InsertionMode::beforeHead;
           return;
         default:
           break;
@@ -488,38 +488,38 @@ class TreeBuilder {
   // ---- inserting -------------------------------------------------------------------------
 
   struct Place {
-    Element* parent;
-    Node* before;  // null: at the end
+    NodeId parent;
+    NodeId before;  // kNoNode: at the end
   };
 
-  Place appropriatePlace(Element* target = nullptr) const {
-    if (!target) target = current();
-    if (fosterParenting_ && oneOf(target->id(), T::table, T::tbody, T::tfoot, T::thead, T::tr)) {
+  Place appropriatePlace(NodeId target = kNoNode) const {
+    if (target == kNoNode) target = current();
+    if (fosterParenting_ && oneOf(doc_.tagOf(target), T::table, T::tbody, T::tfoot, T::thead, T::tr)) {
       for (size_t i = open_.size(); i-- > 0;) {
-        if (open_[i]->id() != T::table) continue;
-        Element* table = open_[i];
-        if (table->parent()) return {table->parent(), table};
-        return {open_[i - 1], nullptr};
+        if (doc_.tagOf(open_[i]) != T::table) continue;
+        const NodeId table = open_[i];
+        if (const NodeId parent = doc_.parentOf(table); parent != kNoNode) return {parent, table};
+        return {open_[i - 1], kNoNode};
       }
-      return {open_.front(), nullptr};
+      return {open_.front(), kNoNode};
     }
-    return {target, nullptr};
+    return {target, kNoNode};
   }
 
-  Element* createElement(const Input& in) {
+  NodeId createElement(const Input& in) {
     return doc_.makeElement(in.id, in.token->name, in.token->attributes);
   }
 
   // Inserts an element for the start tag and makes it the current node.
-  Element* insertElement(const Input& in) { return insertElement(createElement(in)); }
-  Element* insertElement(Element* element) {
+  NodeId insertElement(const Input& in) { return insertElement(createElement(in)); }
+  NodeId insertElement(NodeId element) {
     if (open_.size() >= kMaxOpenElements) pop();  // nest no deeper: go in as a sibling
     const Place place = appropriatePlace();
-    place.parent->insertChild(element, place.before);
+    doc_.insertChild(place.parent, element, place.before);
     push(element);
     return element;
   }
-  Element* insertMade(TagId id) { return insertElement(doc_.makeElement(id, std::string(tagNameOf(id)), {})); }
+  NodeId insertMade(TagId id) { return insertElement(doc_.makeElement(id, {}, {})); }
 
   void insertVoid(const Input& in) {
     insertElement(in);
@@ -528,28 +528,25 @@ class TreeBuilder {
 
   void insertCharacters(std::string_view text) {
     const Place place = appropriatePlace();
-    Node* previous = place.before ? place.before->previousSibling() : place.parent->lastChild();
-    const bool data = oneOf(current()->id(), T::script, T::style);
-    if (previous && previous->kind() == (data ? NodeKind::data : NodeKind::text)) {
-      if (data)
-        static_cast<DataNode*>(previous)->data().append(text);
-      else
-        static_cast<TextNode*>(previous)->text().append(text);
+    const NodeId previous = place.before != kNoNode ? doc_.previousSiblingOf(place.before)
+                                                    : doc_.lastChildOf(place.parent);
+    const NodeKind kind =
+        oneOf(doc_.tagOf(current()), T::script, T::style) ? NodeKind::data : NodeKind::text;
+    if (previous != kNoNode && doc_.kindOf(previous) == kind) {
+      doc_.appendCharacters(previous, text);
       return;
     }
-    Node* node = data ? static_cast<Node*>(doc_.makeData(std::string(text)))
-                      : static_cast<Node*>(doc_.makeText(std::string(text)));
-    place.parent->insertChild(node, place.before);
+    doc_.insertChild(place.parent, doc_.makeCharacters(kind, text), place.before);
   }
 
-  void insertComment(const Input& in, Element* parent = nullptr) {
-    Comment* comment = doc_.makeComment(in.token->data);
-    if (parent) {
-      parent->appendChild(comment);
+  void insertComment(const Input& in, NodeId parent = kNoNode) {
+    const NodeId comment = doc_.makeCharacters(NodeKind::comment, in.token->data);
+    if (parent != kNoNode) {
+      doc_.appendChild(parent, comment);
       return;
     }
     const Place place = appropriatePlace();
-    place.parent->insertChild(comment, place.before);
+    doc_.insertChild(place.parent, comment, place.before);
   }
 
   void genericText(const Input& in, TokenizerState state) {
@@ -560,12 +557,23 @@ class TreeBuilder {
   }
 
   // ---- the list of active formatting elements ---------------------------------------------
-  // A null entry is a marker.
+  // A kNoNode entry is a marker.
 
-  static bool sameAttributes(const Element* a, const Element* b) {
-    if (a->attributes().size() != b->attributes().size()) return false;
-    for (const Attribute& attribute : a->attributes()) {
-      const auto& others = b->attributes();
+  // Whether two elements have one name: known tags by their id, others by their spelling.
+  bool sameName(NodeId a, NodeId b) const {
+    const TagId id = doc_.tagOf(a);
+    return id == doc_.tagOf(b) && (id != T::unknown || doc_.nameOf(a) == doc_.nameOf(b));
+  }
+  // Whether an element has the name of the tag `in`.
+  bool hasName(NodeId element, const Input& in) const {
+    const TagId id = doc_.tagOf(element);
+    return id == in.id && (id != T::unknown || doc_.nameOf(element) == in.name());
+  }
+
+  bool sameAttributes(NodeId a, NodeId b) const {
+    const std::span<const Attribute> mine = doc_.attributesOf(a), others = doc_.attributesOf(b);
+    if (mine.size() != others.size()) return false;
+    for (const Attribute& attribute : mine) {
       const auto it = std::find_if(others.begin(), others.end(),
                                    [&](const Attribute& o) { return o.name == attribute.name; });
       if (it == others.end() || it->value != attribute.value) return false;
@@ -575,17 +583,17 @@ class TreeBuilder {
 
   size_t afterLastMarker() const {
     for (size_t i = formatting_.size(); i-- > 0;)
-      if (!formatting_[i]) return i + 1;
+      if (formatting_[i] == kNoNode) return i + 1;
     return 0;
   }
 
-  void pushFormatting(Element* element) {
+  void pushFormatting(NodeId element) {
     const size_t start = afterLastMarker();
     size_t same = 0;
     size_t earliest = formatting_.size();
     for (size_t i = formatting_.size(); i-- > start;) {
-      const Element* e = formatting_[i];
-      if (e->tag().tagName() == element->tag().tagName() && sameAttributes(e, element)) {
+      const NodeId e = formatting_[i];
+      if (sameName(e, element) && sameAttributes(e, element)) {
         ++same;
         earliest = i;
       }
@@ -596,17 +604,17 @@ class TreeBuilder {
     formatting_.push_back(element);
   }
 
-  void insertMarker() { formatting_.push_back(nullptr); }
+  void insertMarker() { formatting_.push_back(kNoNode); }
 
   void clearFormattingToLastMarker() {
     while (!formatting_.empty()) {
-      const bool marker = !formatting_.back();
+      const bool marker = formatting_.back() == kNoNode;
       formatting_.pop_back();
       if (marker) return;
     }
   }
 
-  size_t formattingIndexOf(const Element* e) const {
+  size_t formattingIndexOf(NodeId e) const {
     for (size_t i = formatting_.size(); i-- > 0;)
       if (formatting_[i] == e) return i;
     return SIZE_MAX;
@@ -615,17 +623,16 @@ class TreeBuilder {
   void reconstructFormatting() {
     if (formatting_.empty()) return;
     size_t i = formatting_.size() - 1;
-    if (!formatting_[i] || isOpen(formatting_[i])) return;
+    if (formatting_[i] == kNoNode || isOpen(formatting_[i])) return;
     while (i > 0) {
       --i;
-      if (!formatting_[i] || isOpen(formatting_[i])) {
+      if (formatting_[i] == kNoNode || isOpen(formatting_[i])) {
         ++i;
         break;
       }
     }
     for (; i < formatting_.size(); ++i) {
-      const Element* old = formatting_[i];
-      Element* copy = doc_.makeElement(old->id(), old->tag().tagName(), old->attributes());
+      const NodeId copy = doc_.makeCopy(formatting_[i]);
       insertElement(copy);
       formatting_[i] = copy;
     }
@@ -633,49 +640,48 @@ class TreeBuilder {
 
   // Returns false when the end tag is to be handled as "any other end tag".
   bool adoptionAgency(const Input& in) {
-    const std::string& subject = in.name();
-    Element* cur = current();
-    if (cur->tag().tagName() == subject && formattingIndexOf(cur) == SIZE_MAX) {
+    const NodeId cur = current();
+    if (hasName(cur, in) && formattingIndexOf(cur) == SIZE_MAX) {
       pop();
       return true;
     }
     for (int outer = 0; outer < 8; ++outer) {
-      Element* formattingElement = nullptr;
+      NodeId formattingElement = kNoNode;
       size_t formattingIndex = 0;
       for (size_t i = formatting_.size(); i-- > 0;) {
-        if (!formatting_[i]) break;
-        if (formatting_[i]->tag().tagName() == subject) {
+        if (formatting_[i] == kNoNode) break;
+        if (hasName(formatting_[i], in)) {
           formattingElement = formatting_[i];
           formattingIndex = i;
           break;
         }
       }
-      if (!formattingElement) return false;
-      if (!formattingElement->parserOpen) {
+      if (formattingElement == kNoNode) return false;
+      if (!doc_.parserOpen(formattingElement)) {
         formatting_.erase(formatting_.begin() + static_cast<std::ptrdiff_t>(formattingIndex));
         return true;
       }
       if (!elementInScope(formattingElement)) return true;
       const size_t stackIndex = static_cast<size_t>(
           std::find(open_.begin(), open_.end(), formattingElement) - open_.begin());
-      Element* furthestBlock = nullptr;
+      NodeId furthestBlock = kNoNode;
       size_t furthestIndex = 0;
       for (size_t i = stackIndex + 1; i < open_.size(); ++i) {
-        if (isSpecial(open_[i]->id())) {
+        if (isSpecial(doc_.tagOf(open_[i]))) {
           furthestBlock = open_[i];
           furthestIndex = i;
           break;
         }
       }
-      if (!furthestBlock) {
+      if (furthestBlock == kNoNode) {
         popUntilElement(formattingElement);
         formatting_.erase(formatting_.begin() + static_cast<std::ptrdiff_t>(formattingIndex));
         return true;
       }
-      Element* commonAncestor = open_[stackIndex - 1];
+      NodeId commonAncestor = open_[stackIndex - 1];
       size_t bookmark = formattingIndex;
-      Element* node = furthestBlock;
-      Element* lastNode = furthestBlock;
+      NodeId node = furthestBlock;
+      NodeId lastNode = furthestBlock;
       size_t nodeIndex = furthestIndex;
       for (int inner = 1;; ++inner) {
         --nodeIndex;
@@ -692,28 +698,27 @@ class TreeBuilder {
           open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(nodeIndex));
           continue;
         }
-        Element* copy = doc_.makeElement(node->id(), node->tag().tagName(), node->attributes());
+        const NodeId copy = doc_.makeCopy(node);
         formatting_[nodeEntry] = copy;
         closed(node);
         opened(copy);
         open_[nodeIndex] = copy;
         node = copy;
         if (lastNode == furthestBlock) bookmark = nodeEntry + 1;
-        if (lastNode->parent()) lastNode->parent()->removeChild(lastNode);
-        node->appendChild(lastNode);
+        doc_.detach(lastNode);
+        doc_.appendChild(node, lastNode);
         lastNode = node;
       }
-      if (lastNode->parent()) lastNode->parent()->removeChild(lastNode);
+      doc_.detach(lastNode);
       const Place place = appropriatePlace(commonAncestor);
-      place.parent->insertChild(lastNode, place.before);
+      doc_.insertChild(place.parent, lastNode, place.before);
 
-      Element* copy = doc_.makeElement(formattingElement->id(), formattingElement->tag().tagName(),
-                                       formattingElement->attributes());
-      while (Node* child = furthestBlock->firstChild()) {
-        furthestBlock->removeChild(child);
-        copy->appendChild(child);
+      const NodeId copy = doc_.makeCopy(formattingElement);
+      for (NodeId child; (child = doc_.firstChildOf(furthestBlock)) != kNoNode;) {
+        doc_.detach(child);
+        doc_.appendChild(copy, child);
       }
-      furthestBlock->appendChild(copy);
+      doc_.appendChild(furthestBlock, copy);
 
       const size_t oldEntry = formattingIndexOf(formattingElement);
       formatting_.erase(formatting_.begin() + static_cast<std::ptrdiff_t>(oldEntry));
@@ -737,11 +742,12 @@ class TreeBuilder {
       case K::whitespace:
         return Action::done;
       case K::comment:
-        insertComment(in, &doc_);
+        insertComment(in, root_);
         return Action::done;
       case K::doctype: {
         const Token& t = *in.token;
-        doc_.appendChild(doc_.makeDocumentType(t.name, t.publicIdentifier, t.systemIdentifier));
+        doc_.appendChild(root_,
+                         doc_.makeDocumentType(t.name, t.publicIdentifier, t.systemIdentifier));
         quirks_ = isQuirksDoctype(t);
         mode_ = InsertionMode::beforeHtml;
         return Action::done;
@@ -759,12 +765,12 @@ class TreeBuilder {
       case K::whitespace:
         return Action::done;
       case K::comment:
-        insertComment(in, &doc_);
+        insertComment(in, root_);
         return Action::done;
       case K::startTag:
         if (in.id == T::html) {
-          Element* html = createElement(in);
-          doc_.appendChild(html);
+          const NodeId html = createElement(in);
+          doc_.appendChild(root_, html);
           push(html);
           mode_ = InsertionMode::beforeHead;
           return Action::done;
@@ -776,8 +782,8 @@ class TreeBuilder {
       default:
         break;
     }
-    Element* html = doc_.makeElement(T::html, "html", {});
-    doc_.appendChild(html);
+    const NodeId html = doc_.makeElement(T::html, {}, {});
+    doc_.appendChild(root_, html);
     push(html);
     mode_ = InsertionMode::beforeHead;
     return Action::reprocess;
@@ -951,13 +957,8 @@ class TreeBuilder {
   }
 
   // Adds the attributes of `in` that `element` does not have yet.
-  static void mergeAttributes(Element* element, const Input& in) {
-    for (const Attribute& attribute : in.token->attributes) {
-      auto& mine = element->attributes();
-      const bool has = std::any_of(mine.begin(), mine.end(),
-                                   [&](const Attribute& a) { return a.name == attribute.name; });
-      if (!has) mine.push_back(attribute);
-    }
+  void mergeAttributes(NodeId element, const Input& in) {
+    doc_.addMissingAttributes(element, in.token->attributes);
   }
 
   Action inBody(const Input& in) {
@@ -1005,13 +1006,13 @@ class TreeBuilder {
       case T::title:
         return inHead(in);
       case T::body:
-        if (open_.size() < 2 || open_[1]->id() != T::body) return Action::done;
+        if (open_.size() < 2 || doc_.tagOf(open_[1]) != T::body) return Action::done;
         framesetOk_ = false;
         mergeAttributes(open_[1], in);
         return Action::done;
       case T::frameset:
-        if (open_.size() < 2 || open_[1]->id() != T::body || !framesetOk_) return Action::done;
-        if (Element* parent = open_[1]->parent()) parent->removeChild(open_[1]);
+        if (open_.size() < 2 || doc_.tagOf(open_[1]) != T::body || !framesetOk_) return Action::done;
+        doc_.detach(open_[1]);
         while (open_.size() > 1) pop();
         insertElement(in);
         mode_ = InsertionMode::inFrameset;
@@ -1051,7 +1052,7 @@ class TreeBuilder {
       case T::h5:
       case T::h6:
         closePInButtonScope();
-        if (oneOf(current()->id(), T::h1, T::h2, T::h3, T::h4, T::h5, T::h6)) pop();
+        if (oneOf(doc_.tagOf(current()), T::h1, T::h2, T::h3, T::h4, T::h5, T::h6)) pop();
         insertElement(in);
         return Action::done;
       case T::pre:
@@ -1062,7 +1063,7 @@ class TreeBuilder {
         framesetOk_ = false;
         return Action::done;
       case T::form:
-        if (form_) return Action::done;
+        if (form_ != kNoNode) return Action::done;
         closePInButtonScope();
         form_ = insertElement(in);
         return Action::done;
@@ -1071,7 +1072,7 @@ class TreeBuilder {
       case T::dt: {
         framesetOk_ = false;
         for (size_t i = open_.size(); i-- > 0;) {
-          const TagId id = open_[i]->id();
+          const TagId id = doc_.tagOf(open_[i]);
           const bool match = in.id == T::li ? id == T::li : oneOf(id, T::dd, T::dt);
           if (match) {
             generateImpliedEndTags(id);
@@ -1100,9 +1101,9 @@ class TreeBuilder {
         return Action::done;
       case T::a:
         for (size_t i = formatting_.size(); i-- > 0;) {
-          Element* e = formatting_[i];
-          if (!e) break;
-          if (e->id() != T::a) continue;
+          NodeId e = formatting_[i];
+          if (e == kNoNode) break;
+          if (doc_.tagOf(e) != T::a) continue;
           adopt(in);
           const size_t entry = formattingIndexOf(e);
           if (entry != SIZE_MAX)
@@ -1257,7 +1258,7 @@ class TreeBuilder {
 
   // The old replacement of isindex: a small search form whose prompt is text of the page.
   void isindex(const Input& in) {
-    if (form_) return;
+    if (form_ != kNoNode) return;
     const Token& tag = *in.token;
     std::vector<Attribute> formAttributes;
     if (const std::string* action = tag.attribute("action"))
@@ -1319,9 +1320,9 @@ class TreeBuilder {
         popUntil(in.id);
         return Action::done;
       case T::form: {
-        Element* node = form_;
-        form_ = nullptr;
-        if (!node || !elementInScope(node)) return Action::done;
+        NodeId node = form_;
+        form_ = kNoNode;
+        if (node == kNoNode || !elementInScope(node)) return Action::done;
         generateImpliedEndTags();
         removeFromStack(node);
         return Action::done;
@@ -1385,26 +1386,26 @@ class TreeBuilder {
       default:
         break;
     }
-    anyOtherEndTag(in.name());
+    anyOtherEndTag(in);
     return Action::done;
   }
 
   // Closes the nearest open element named `name`, unless a special element stands in between.
-  void anyOtherEndTag(const std::string& name) {
+  void anyOtherEndTag(const Input& in) {
     for (size_t i = open_.size(); i-- > 0;) {
-      Element* node = open_[i];
-      if (node->tag().tagName() == name) {
-        generateImpliedEndTags(node->id());
+      const NodeId node = open_[i];
+      if (hasName(node, in)) {
+        generateImpliedEndTags(doc_.tagOf(node));
         popUntilElement(node);
         return;
       }
-      if (isSpecial(node->id())) return;
+      if (isSpecial(doc_.tagOf(node))) return;
     }
   }
 
   // The adoption agency, and when it finds nothing to adopt, the end tag's ordinary handling.
   void adopt(const Input& in) {
-    if (!adoptionAgency(in)) anyOtherEndTag(in.name());
+    if (!adoptionAgency(in)) anyOtherEndTag(in);
   }
 
   Action textMode(const Input& in) {
@@ -1432,7 +1433,7 @@ class TreeBuilder {
       case K::whitespace:
       case K::characters:
       case K::null:
-        if (oneOf(current()->id(), T::table, T::tbody, T::template_, T::tfoot, T::thead, T::tr)) {
+        if (oneOf(doc_.tagOf(current()), T::table, T::tbody, T::template_, T::tfoot, T::thead, T::tr)) {
           pendingTableText_.clear();
           pendingHasNonWhitespace_ = false;
           originalMode_ = mode_;
@@ -1492,7 +1493,7 @@ class TreeBuilder {
             return Action::done;
           }
           case T::form:
-            if (form_) return Action::done;
+            if (form_ != kNoNode) return Action::done;
             form_ = insertElement(in);
             pop();
             return Action::done;
@@ -1781,7 +1782,7 @@ class TreeBuilder {
         switch (in.id) {
           case T::optgroup:
             if (currentIs(T::option) && open_.size() > 1 &&
-                open_[open_.size() - 2]->id() == T::optgroup)
+                doc_.tagOf(open_[open_.size() - 2]) == T::optgroup)
               pop();
             if (currentIs(T::optgroup)) pop();
             return Action::done;
@@ -1905,7 +1906,7 @@ class TreeBuilder {
   Action afterAfterBody(const Input& in) {
     switch (in.kind) {
       case K::comment:
-        insertComment(in, &doc_);
+        insertComment(in, root_);
         return Action::done;
       case K::doctype:
       case K::whitespace:
@@ -1926,7 +1927,7 @@ class TreeBuilder {
   Action afterAfterFrameset(const Input& in) {
     switch (in.kind) {
       case K::comment:
-        insertComment(in, &doc_);
+        insertComment(in, root_);
         return Action::done;
       case K::doctype:
       case K::whitespace:
@@ -1944,14 +1945,15 @@ class TreeBuilder {
   }
 
   Document& doc_;
+  const NodeId root_;
   Tokenizer tokenizer_;
   InsertionMode mode_ = InsertionMode::initial;
   InsertionMode originalMode_ = InsertionMode::initial;
-  std::vector<Element*> open_;
+  std::vector<NodeId> open_;
   std::array<uint32_t, static_cast<size_t>(TagId::unknown) + 1> count_{};
-  std::vector<Element*> formatting_;
-  Element* head_ = nullptr;
-  Element* form_ = nullptr;
+  std::vector<NodeId> formatting_;
+  NodeId head_ = kNoNode;
+  NodeId form_ = kNoNode;
   bool framesetOk_ = true;
   bool fosterParenting_ = false;
   bool quirks_ = false;
@@ -1960,20 +1962,26 @@ class TreeBuilder {
   bool pendingHasNonWhitespace_ = false;
   bool hasContext_ = false;
   TagId contextId_ = TagId::unknown;
-  std::string contextName_;
 };
 
 }  // namespace
 
-std::unique_ptr<Document> Document::parse(std::string_view html, std::string_view) {
-  auto document = std::make_unique<Document>();
-  TreeBuilder(*document, html).parseDocument();
+std::unique_ptr<Document> Document::parse(std::string html) {
+  std::unique_ptr<Document> document(new Document(std::move(html), {}));
+  TreeBuilder(*document, document->source()).parseDocument();
   return document;
 }
 
-std::unique_ptr<Document> Document::parseFragment(std::string_view html, std::string_view context) {
-  auto document = std::make_unique<Document>();
-  TreeBuilder(*document, html).parseFragment(context);
+std::unique_ptr<Document> Document::parseUnowned(std::string_view html) {
+  // A view of no characters names the owned source; an empty one of its own is the same.
+  std::unique_ptr<Document> document(new Document({}, html));
+  TreeBuilder(*document, document->source()).parseDocument();
+  return document;
+}
+
+std::unique_ptr<Document> Document::parseFragment(std::string html, std::string_view context) {
+  std::unique_ptr<Document> document(new Document(std::move(html), {}));
+  TreeBuilder(*document, document->source()).parseFragment(context);
   return document;
 }
 

@@ -151,9 +151,11 @@ MimeContent contentOf(bool alternative, std::vector<Mime> parts) {
                      : MimeContent::makeMixed(std::move(parts));
 }
 
-Mime leaf(MimeHeader header, std::string_view body) {
+// A leaf whose body is the `size` bytes at `offset` of `message`.
+Mime leaf(MimeHeader header, std::string_view message, size_t offset, size_t size) {
   auto encoding = header.contentTransferEncoding;
-  return Mime(std::move(header), MimeContent::makeBody(MimeBody(std::string(body), encoding)));
+  return Mime(std::move(header), MimeContent::makeBody(MimeBody(
+                                     std::string(message.substr(offset, size)), encoding, offset)));
 }
 
 // The boundaries of the open multiparts, as a trie in one array: each node has its children in
@@ -321,8 +323,8 @@ class StreamingParse {
         fail(depth, frame.failure);
         return {std::nullopt, true};
       case Frame::Part::leaf:
-        frame.parts.push_back(leaf(std::move(*frame.partHeader),
-                                   text_.substr(frame.bodyBegin, partEnd - frame.bodyBegin)));
+        frame.parts.push_back(leaf(std::move(*frame.partHeader), text_, frame.bodyBegin,
+                                   partEnd - frame.bodyBegin));
         return {};
       case Frame::Part::awaitingHeader:
         try {
@@ -336,7 +338,7 @@ class StreamingParse {
             open(std::move(header), *multipart, start);
             return {start, false};
           }
-          frame.parts.push_back(leaf(std::move(header), {}));
+          frame.parts.push_back(leaf(std::move(header), text_, partEnd, 0));
           return {};
         } catch (const Error&) {
           fail(depth, std::current_exception());
@@ -415,14 +417,20 @@ class StreamingParse {
 
 }  // namespace
 
-Mime MimeParser::parse(std::string_view message) {
+MimeParser::Top MimeParser::top(std::string_view message) {
   const auto parts = MimePartsSplitter::split(message);
   if (!parts) throw MimeParserError();
   MimeHeader header =
       MimeHeader::parse(message.substr(parts->header.begin, parts->header.end - parts->header.begin));
-  if (auto multipart = multipartOf(header))
-    return StreamingParse(message).run(std::move(header), std::move(*multipart));
-  return leaf(std::move(header), message.substr(parts->body.begin));
+  const bool multipart = multipartOf(header).has_value();
+  return {std::move(header), parts->body.begin, multipart};
+}
+
+Mime MimeParser::parse(std::string_view message) {
+  Top top = MimeParser::top(message);
+  if (auto multipart = multipartOf(top.header))
+    return StreamingParse(message).run(std::move(top.header), std::move(*multipart));
+  return leaf(std::move(top.header), message, top.bodyOffset, std::string_view::npos);
 }
 
 }  // namespace lumora

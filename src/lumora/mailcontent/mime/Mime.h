@@ -101,6 +101,16 @@ class MimeParser {
   // has no header and body to tell apart, and MimeHeaderError for a malformed MIME field in
   // any header. A failure anywhere fails the whole parse.
   static Mime parse(std::string_view message);
+
+  // The header of a whole raw message and where its body begins, the body itself not looked
+  // at: for a reader that takes the body of a single-part message where it stands instead of
+  // as the copy parse makes. Throws as parse does for the message's own header.
+  struct Top {
+    MimeHeader header;
+    size_t bodyOffset = 0;
+    bool multipart = false;  // then only parse reads the body
+  };
+  static Top top(std::string_view message);
 };
 
 }  // namespace lumora

@@ -98,8 +98,9 @@ std::string quotedPrintableDecoded(std::string_view text) {
   return out;  // a pending "=" or "=X" at the very end is dropped
 }
 
-MimeBody::MimeBody(std::string raw, std::optional<ContentTransferEncoding> encoding)
-    : raw_(std::move(raw)), encoding_(encoding.value_or(ContentTransferEncoding{})) {}
+MimeBody::MimeBody(std::string raw, std::optional<ContentTransferEncoding> encoding,
+                   std::optional<size_t> offset)
+    : raw_(std::move(raw)), encoding_(encoding.value_or(ContentTransferEncoding{})), offset_(offset) {}
 
 std::string MimeBody::decodedContentData() const {
   using K = ContentTransferEncoding::Kind;

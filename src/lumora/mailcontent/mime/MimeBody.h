@@ -14,10 +14,16 @@ namespace lumora {
 class MimeBody {
  public:
   // An absent encoding is 7bit, as for a part without a Content-Transfer-Encoding field.
-  MimeBody(std::string raw, std::optional<ContentTransferEncoding> encoding);
+  // `offset` is where `raw` begins in the message it was read from, if it was.
+  MimeBody(std::string raw, std::optional<ContentTransferEncoding> encoding,
+           std::optional<size_t> offset = std::nullopt);
 
   // The body exactly as it stands in the message, line ends included.
   const std::string& raw() const { return raw_; }
+  // Where raw() begins in the message MimeParser::parse read: a reader that still holds the
+  // message can read a large body there instead of holding this copy too. None for a body
+  // made otherwise.
+  std::optional<size_t> offset() const { return offset_; }
   const ContentTransferEncoding& encoding() const { return encoding_; }
 
   // The bytes with the transfer encoding undone. Throws MimeContentDecoderError or
@@ -32,6 +38,7 @@ class MimeBody {
  private:
   std::string raw_;
   ContentTransferEncoding encoding_;
+  std::optional<size_t> offset_;
 };
 
 class MimeContentDecoderError : public Error {

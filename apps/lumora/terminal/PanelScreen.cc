@@ -379,7 +379,8 @@ void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) 
   // The instruction editor in its outline.
   const bool editing = focus_ == Focus::editor && !picker_.isOpen();
   const unsigned border = editing ? kAccent | kBold : kDim;
-  const std::string title = " " + localized("Instruction", settings_.language) + " ";
+  std::string title = " ";  // appended, as the field's box below
+  title.append(localized("Instruction", settings_.language)).append(" ");
   canvas.write(top, 0,
                "╭─" + title + repeated("─", columns - 3 - displayWidth(title)) + "╮", border);
   for (int row = top + 1; row < boxBottom; ++row) {
@@ -445,8 +446,10 @@ int PanelScreen::drawField(Canvas& canvas, int row, int column, int width,
   const int at = column + labelWidth + 1;
   const int fieldWidth = std::max(4, width - labelWidth - 1);
   const bool focused = focus_ == field;
-  canvas.write(row, at, "[" + padded(shown, fieldWidth - 4) + " ▾]",
-               focused ? kReverse | kBold : kAccent, fieldWidth);
+  // Appended rather than joined with `+`, which GCC 12 at -O3 takes for an overlapping copy.
+  std::string box = "[";
+  box.append(padded(shown, fieldWidth - 4)).append(" ▾]");
+  canvas.write(row, at, box, focused ? kReverse | kBold : kAccent, fieldWidth);
   hits_.push_back({row, row + 1, column, at + fieldWidth,
                    field == Focus::models ? Target::models : Target::conversations});
   return labelWidth + 1 + fieldWidth;

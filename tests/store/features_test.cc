@@ -65,5 +65,13 @@ TEST(FeaturesTest, TheRegionTestIsPostedOnceAndOutlivesNothing) {
   EXPECT_EQ(executor.drain(), 1u);  // runs after the object is gone, touching only its state
 }
 
+// The arguments of this test program, whatever started it: the first is the program itself.
+TEST(FeaturesTest, TheProcessArgumentsAreThoseTheProgramWasStartedWith) {
+  const std::vector<std::string> arguments = processArguments();
+  ASSERT_FALSE(arguments.empty());
+  EXPECT_TRUE(arguments.front().ends_with("lumora_tests")) << arguments.front();
+  for (const std::string& argument : arguments) EXPECT_EQ(argument.find('\0'), std::string::npos);
+}
+
 }  // namespace
 }  // namespace lumora

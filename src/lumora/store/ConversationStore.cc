@@ -14,6 +14,7 @@
 #include "lumora/platform/Localization.h"
 #include "lumora/platform/Uuid.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/store/Features.h"
 
 namespace lumora {
 namespace fs = std::filesystem;
@@ -200,14 +201,6 @@ void copyStore(const fs::path& source, const fs::path& destination) {
 
 std::string describe(const PersistentContainer::StoreDescription& d) {
   return "<StoreDescription type: " + d.type + ", url: file://" + d.url.string() + ">";
-}
-
-std::vector<std::string> processArguments() {
-  std::ifstream in("/proc/self/cmdline", std::ios::binary);
-  std::vector<std::string> arguments;
-  std::string argument;
-  while (std::getline(in, argument, '\0')) arguments.push_back(argument);
-  return arguments;
 }
 
 }  // namespace

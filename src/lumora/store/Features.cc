@@ -1,7 +1,10 @@
 #include "lumora/store/Features.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cerrno>
 
 #include "lumora/platform/Locale.h"
 
@@ -44,20 +47,26 @@ Features& Features::shared(MainExecutor* executor) {
 }
 
 std::vector<std::string> processArguments() {
+  // Read with read(2): every command asks for these at its start, and a stream would build the
+  // C++ locale first, which costs a command about a millisecond.
   constexpr size_t kLimit = 1 << 20;
-  std::ifstream in("/proc/self/cmdline", std::ios::binary);
-  std::vector<std::string> arguments;
-  std::string argument;
-  size_t total = 0;
-  for (char c; total < kLimit && in.get(c); ++total) {
-    if (c == '\0') {
-      arguments.push_back(std::move(argument));
-      argument.clear();
-    } else {
-      argument += c;
+  std::string bytes;
+  if (const int fd = ::open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC); fd >= 0) {
+    char buffer[4096];
+    while (bytes.size() < kLimit) {
+      const ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      bytes.append(buffer, std::min(static_cast<size_t>(n), kLimit - bytes.size()));
     }
+    ::close(fd);
   }
-  if (!argument.empty()) arguments.push_back(std::move(argument));
+  std::vector<std::string> arguments;
+  for (size_t start = 0; start < bytes.size();) {
+    const size_t end = std::min(bytes.find('\0', start), bytes.size());
+    arguments.emplace_back(bytes, start, end - start);
+    start = end + 1;
+  }
   return arguments;
 }
 

@@ -1,21 +1,40 @@
 // `lumora integrate CLIENT`: the lines a user adds to a terminal mail client's configuration
 // so that a key opens the panel on the message being read, outgoing mail passes through the
 // sendmail wrapper, and the subject rule colours the message list. The documentation of each
-// client holds the same text, and a test keeps the two equal.
+// client holds the same text, and a test keeps the two equal. For Thunderbird it installs the
+// native messaging manifest that lets the add-on reach `lumora-native-host`.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "AddOn.h"
 #include "Commands.h"
 #include "Support.h"
+#include "lumora/store/DefaultsStore.h"
 
 namespace lumora::cli {
 namespace {
 
 constexpr const char* kHelp =
-    "Usage: lumora integrate neomutt|aerc\n"
+    "Usage: lumora integrate neomutt|aerc|thunderbird [--print] [--host PATH]\n"
     "\n"
-    "Prints the lines to add to the mail client's configuration: a key that opens the panel on\n"
-    "the message being read, the sendmail wrapper for outgoing mail, and the subject colour.\n";
+    "neomutt, aerc: prints the lines to add to the mail client's configuration: a key that\n"
+    "opens the panel on the message being read, the sendmail wrapper for outgoing mail, and\n"
+    "the subject colour.\n"
+    "\n"
+    "thunderbird: installs, for the current user, the manifest through which Lumora's\n"
+    "Thunderbird add-on starts lumora-native-host\n"
+    "(~/.mozilla/native-messaging-hosts/tech.zorvel.lumora.json), and says where the\n"
+    "add-on is.\n"
+    "  --print      (thunderbird) print the manifest instead of installing it\n"
+    "  --host PATH  (thunderbird) the native host program (default: lumora-native-host\n"
+    "               beside lumora)\n";
 
 // neomutt pipes the raw message to the command through /bin/sh and hands it the terminal.
 // $sendmail gets "--" and the recipients appended; "-oem -oi" are neomutt's own defaults.
@@ -67,6 +86,83 @@ struct Client {
 
 constexpr Client kClients[] = {{"neomutt", kNeomutt}, {"aerc", kAerc}};
 
+namespace fs = std::filesystem;
+
+// The directory this program was started from.
+fs::path programDirectory() {
+  std::error_code ec;
+  const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  return ec ? fs::path() : self.parent_path();
+}
+
+// Where the add-on lies when Lumora is installed: share/lumora/ beside the program's bin/.
+std::optional<fs::path> installedAddOn() {
+  std::error_code ec;
+  const fs::path xpi = programDirectory().parent_path() / "share" / "lumora" / "lumora.xpi";
+  return fs::is_regular_file(xpi, ec) ? std::optional(xpi) : std::nullopt;
+}
+
+int failed(const std::string& message) {
+  std::fprintf(stderr, "lumora: %s\n", message.c_str());
+  return kExitFailed;
+}
+
+int integrateThunderbird(const Args& args) {
+  bool print = false;
+  std::optional<fs::path> host;
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i] == "--print") {
+      print = true;
+    } else if (args[i] == "--host" && i + 1 < args.size()) {
+      host = fs::absolute(args[++i]);
+    } else {
+      return usageError("unknown option '" + args[i] + "'", kHelp);
+    }
+  }
+  if (!host) host = programDirectory() / frontend::kNativeHostProgram;
+  if (::access(host->c_str(), X_OK) != 0) {
+    return failed("cannot run the native host " + host->string() + ": " + std::strerror(errno) +
+                  " (give its path with --host PATH)");
+  }
+  const nlohmann::json manifest = {
+      {"name", frontend::kNativeHostName},
+      {"description", "Lumora: replies to e-mail written with a language model"},
+      {"path", host->string()},
+      {"type", "stdio"},
+      {"allowed_extensions", {frontend::kAddOnId}},
+  };
+  const std::string text = manifest.dump(2) + "\n";
+  if (print) {
+    std::fputs(text.c_str(), stdout);
+    return kExitOk;
+  }
+  try {
+    // Thunderbird looks where Firefox does: this folder, then /usr/lib/mozilla/.
+    const fs::path directory = homeDirectory() / ".mozilla" / "native-messaging-hosts";
+    fs::create_directories(directory);
+    const fs::path file = directory / (std::string(frontend::kNativeHostName) + ".json");
+    // Written aside and renamed, so that Thunderbird never reads half a manifest.
+    const fs::path temporary = fs::path(file).concat(".new");
+    {
+      std::ofstream out(temporary, std::ios::trunc);
+      out << text;
+      if (!out.flush()) return failed("cannot write " + temporary.string());
+    }
+    fs::rename(temporary, file);
+    std::printf("Installed the manifest of Lumora's native host for Thunderbird:\n  %s\n",
+                file.c_str());
+  } catch (const std::exception& e) {
+    return failed(std::string("cannot install the manifest: ") + e.what());
+  }
+  const auto xpi = installedAddOn();
+  std::printf(
+      "Now install the add-on, if it is not installed yet: in Thunderbird, Tools > Add-ons and\n"
+      "Themes, the gear menu, Install Add-on From File..., and choose\n  %s\n"
+      "Then restart Thunderbird. docs/integrations/thunderbird.md says more.\n",
+      xpi ? xpi->c_str() : "lumora.xpi (built by: cmake --build build --target thunderbird-xpi)");
+  return kExitOk;
+}
+
 }  // namespace
 
 int integrateCommand(const Args& args) {
@@ -74,6 +170,7 @@ int integrateCommand(const Args& args) {
     std::fputs(kHelp, stdout);
     return kExitOk;
   }
+  if (!args.empty() && args[0] == "thunderbird") return integrateThunderbird(args);
   if (args.size() != 1) return usageError("integrate takes one mail client", kHelp);
   for (const Client& client : kClients) {
     if (args[0] == client.name) {

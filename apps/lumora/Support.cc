@@ -10,15 +10,10 @@
 #include <cstring>
 
 #include "Commands.h"
-#include "lumora/mailcontent/MailParser.h"
-#include "lumora/store/ConversationStore.h"
-#include "lumora/store/DefaultsStore.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/UserSettings.h"
 
 namespace lumora::cli {
-
-StoreContext* sharedStoreContext() { return &PersistentContainer::shared().viewContext(); }
 
 int usageError(const std::string& message, const char* help) {
   std::fprintf(stderr, "lumora: %s\n\n%s", message.c_str(), help);
@@ -61,29 +56,6 @@ std::optional<std::string> readMessage(const std::string& path) {
   }
   bytes.resize(size);  // a pipe's slack stays: copying it away would take twice the memory
   return bytes;
-}
-
-MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
-                                                  const ComposeSession& session,
-                                                  HttpTransport& transport,
-                                                  Pasteboard& pasteboard) {
-  // One source for the process: the store it reads is opened once, on first use.
-  static StoreConversations conversations(sharedStoreContext);
-  return MailExtensionView::Dependencies{
-      .executor = executor,
-      .session = session,
-      .ownDefaults = ownDefaults(),
-      .environment = ChatEnvironment{.sharedDefaults = sharedDefaults(),
-                                     .transport = transport,
-                                     .store = sharedStoreContext,
-                                     .maxReplyBytes = UserSettings::shared().maxReplyBytes()},
-      .pasteboard = pasteboard,
-      .conversations = conversations,
-      .defaultModel = [] { return UserSettings::shared().defaultModel.get(); },
-      .quotedTexts = [](std::string_view message) { return MailParser::quotedTexts(message); },
-      .overrides = {},
-      .onServiceChosen = {},
-  };
 }
 
 }  // namespace lumora::cli

@@ -5,17 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "lumora/panel/MailExtensionView.h"
-
-namespace lumora {
-class StoreContext;
-}
+#include "PanelSetup.h"
 
 namespace lumora::cli {
 
-// The conversation store of this process, opened on first use; throws StoreError when it
-// cannot be opened.
-StoreContext* sharedStoreContext();
+using frontend::panelDependencies;
+using frontend::sharedStoreContext;
 
 // Writes "lumora: MESSAGE" and the command's usage to standard error; returns kExitUsage.
 int usageError(const std::string& message, const char* help);
@@ -24,15 +19,5 @@ int usageError(const std::string& message, const char* help);
 // standard error and returns nullopt; a message larger than the setting "maxMessageMiB" is such
 // a failure, found before more than the limit is read.
 std::optional<std::string> readMessage(const std::string& path);
-
-
-// The dependencies of a panel in this process: the settings files, the stored conversations,
-// the default model from the settings and the mail parser's quoted passages. The caller owns
-// the executor, the session, the transport and the pasteboard, and may set overrides and
-// onServiceChosen on the result.
-MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
-                                                  const ComposeSession& session,
-                                                  HttpTransport& transport,
-                                                  Pasteboard& pasteboard);
 
 }  // namespace lumora::cli

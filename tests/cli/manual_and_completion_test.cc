@@ -380,7 +380,7 @@ TEST_F(Completion, BothShellsOfferSubcommandsAndValues) {
        {"list", "show", "add", "edit", "archive", "unarchive", "pin", "unpin", "rm"}},
       {{"teams", ""}, {"list", "add", "rm"}},
       {{"teams", "add", "example.org", "token", "--name", ""}, {}},
-      {{"integrate", ""}, {"neomutt", "aerc"}},
+      {{"integrate", ""}, {"neomutt", "aerc", "thunderbird"}},
       {{"integrate", "aerc", ""}, {}},
       {{"reply", ""}, files},
       {{"reply", "--model", ""}, models},

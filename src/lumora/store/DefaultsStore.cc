@@ -450,6 +450,12 @@ namespace {
 fs::path xdgDirectory(const char* variable, const char* fallback) {
   const char* xdg = std::getenv(variable);
   if (xdg && xdg[0] == '/') return fs::path(xdg) / "lumora";
+  return homeDirectory(std::string("HOME or ") + variable) / fallback / "lumora";
+}
+
+}  // namespace
+
+fs::path homeDirectory(std::string_view instead) {
   std::string home;
   if (const char* env = std::getenv("HOME"); env && env[0] != '\0') {
     home = env;
@@ -462,13 +468,11 @@ fs::path xdgDirectory(const char* variable, const char* fallback) {
       home = found->pw_dir;
   }
   if (home.empty()) {
-    throw FileError(std::string("Cannot find the home directory for Lumora's files: set HOME or ") +
-                    variable + ".");
+    throw FileError("Cannot find the home directory for Lumora's files: set " +
+                    std::string(instead) + ".");
   }
-  return fs::path(home) / fallback / "lumora";
+  return home;
 }
-
-}  // namespace
 
 void makeDirectories(const fs::path& directory) {
   std::error_code ec;

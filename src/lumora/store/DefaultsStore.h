@@ -101,6 +101,10 @@ std::optional<double> asNumber(const nlohmann::json& value);
 inline constexpr std::string_view kSharedSuiteName = "group.tech.zorvel.openai";
 inline constexpr std::string_view kOwnDomainName = "tech.zorvel.lumora";
 
+// The user's home directory: HOME, then the password database. FileError, naming `instead` as
+// what to set, when there is none.
+std::filesystem::path homeDirectory(std::string_view instead = "HOME");
+
 // $XDG_CONFIG_HOME/lumora when XDG_CONFIG_HOME is an absolute path, else ~/.config/lumora
 // (HOME, then the password database). FileError when no home directory can be found.
 std::filesystem::path configDirectory();

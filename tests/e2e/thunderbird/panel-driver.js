@@ -1,0 +1,67 @@
+// The panel's half of the end-to-end driver (test build only): presses the panel's own
+// buttons, as a user would, and times what the page shows.
+"use strict";
+/* global messenger, state, textNode, port, $ */
+
+(async () => {
+  const config = await messenger.runtime.sendMessage({ type: "e2e-mode" });
+  if (!config) return;
+  // Where the driver is, for the harness's log when something hangs.
+  const progress = (stage) =>
+    fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel-progress", stage }) });
+  progress("loaded");
+  const until = async (test, seconds = 60) => {
+    const end = Date.now() + seconds * 1000;
+    while (Date.now() < end) {
+      if (test()) return;
+      await new Promise((r) => setTimeout(r, 2));
+    }
+    throw new Error("timed out");
+  };
+  const result = { runs: [] };
+  try {
+    // Every piece of reply from the host, counted and timed after the page has shown it (the
+    // page's own listener runs first).
+    let outputs = 0;
+    let firstShown = null;
+    let writingSeen = false;
+    port.onMessage.addListener((m) => {
+      if (m.type === "state" && m.header.title === "Writing...") writingSeen = true;
+      if (m.type !== "output") return;
+      outputs += 1;
+      if (firstShown === null) firstShown = performance.now();
+    });
+    await until(() => state && state.page === "input", 30);
+    progress("input page");
+    result.instruction = $("instruction").value;
+    result.model = $("model").value;
+
+    for (const button of ["generate", "second"]) {
+      outputs = 0;
+      firstShown = null;
+      writingSeen = false;
+      const started = performance.now();
+      $(button).click();
+      await until(() => writingSeen && state.page === "result" && state.header.title !== "Writing...");
+      progress(`${button} done`);
+      result.runs.push({
+        button,
+        text: textNode.data,
+        firstTokenMs: firstShown === null ? null : firstShown - started,
+        totalMs: performance.now() - started,
+        outputMessages: outputs,
+      });
+    }
+
+    $("copy").click();
+    await until(() => (state.copyBounces === 1 || state.error) && !state.copying, 40);
+    progress("copied");
+    result.copyBounces = state.copyBounces;
+    result.error = state.error;
+  } catch (e) {
+    result.failure = `${e}\n${e && e.stack}\nstate: ${JSON.stringify(state)}\nerror line: ${$("error").textContent}`;
+  }
+  await fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel", ...result }) });
+  // The background driver goes on with the sending.
+  await messenger.runtime.sendMessage({ type: "e2e-panel" }).catch((e) => progress(`not told: ${e}`));
+})();

@@ -1,0 +1,413 @@
+#!/usr/bin/python3
+"""Lumora in Thunderbird, end to end.
+
+Starts Thunderbird (Debian's, on Xvfb) with a profile of its own: a Local Folders account
+holding a message to answer and one whose subject names Mars, an identity to send as, and the
+add-on installed with the end-to-end driver beside its own files. `lumora integrate thunderbird`
+installs the native host's manifest in the test's home. The driver opens the panel on a reply,
+Generates and Regenerates from a loopback server through lumora-native-host, copies the reply,
+and sends to a refused and to an allowed recipient; this script checks what it reports, the X
+clipboard, the outbox, and compares the panel's latency with `lumora reply` on the same
+streams.
+
+Exit status: 0 passed, 1 failed, 77 skipped (no Thunderbird or Xvfb here).
+Usage: run.py --lumora PATH --xpi PATH [--keep]
+"""
+
+import argparse
+import http.server
+import json
+import os
+import shutil
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import zipfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPLY_SUBJECT = "Re: The spring reading list"
+MARS_SUBJECT = "Photos from the Mars exhibition"
+REFUSED = "someone@example.com"
+ALLOWED = "ann@example.org"
+# The first run: a reply that trickles in, for the time to the first token.
+TRICKLE = ["Dear Ann, ", "thank you ", "for the list. ", "I will start ", "with the first one."]
+TRICKLE_GAP = 0.05
+# The second run: many small chunks at once, for the cost of each chunk.
+BULK_CHUNKS = 5000
+
+
+def sse(content):
+    record = {"id": "c1", "object": "chat.completion.chunk", "created": 1, "model": "gpt-4o",
+              "choices": [{"index": 0, "delta": {"content": content}, "finish_reason": None}]}
+    return ("data: " + json.dumps(record) + "\n\n").encode()
+
+
+BULK = [f"w{i} " for i in range(BULK_CHUNKS)]
+
+
+class Harness:
+    def __init__(self):
+        self.reports = []
+        self.requests = []
+        self.script = []  # what the next chat requests stream, in turn
+        self.lock = threading.Condition()
+
+    def serve(self):
+        harness = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def log_message(self, *args):
+                pass
+
+            def do_POST(self):
+                body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
+                if self.path == "/report":
+                    with harness.lock:
+                        harness.reports.append(json.loads(body))
+                        harness.lock.notify_all()
+                    self.send_response(204)
+                    self.send_header("Access-Control-Allow-Origin", "*")
+                    self.end_headers()
+                    return
+                with harness.lock:
+                    harness.requests.append(json.loads(body))
+                    pieces = harness.script.pop(0) if harness.script else TRICKLE
+                gap = TRICKLE_GAP if pieces is TRICKLE else 0
+                self.send_response(200)
+                self.send_header("Content-Type", "text/event-stream")
+                self.send_header("Transfer-Encoding", "chunked")
+                self.end_headers()
+                batch = b""
+                for piece in pieces:
+                    batch += sse(piece)
+                    if gap or len(batch) > 65536:
+                        self.wfile.write(b"%x\r\n%s\r\n" % (len(batch), batch))
+                        self.wfile.flush()
+                        batch = b""
+                        time.sleep(gap)
+                batch += b"data: [DONE]\n\n"
+                self.wfile.write(b"%x\r\n%s\r\n0\r\n\r\n" % (len(batch), batch))
+                self.wfile.flush()
+
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        return self.server.server_address[1]
+
+    def wait_for(self, step, timeout):
+        end = time.time() + timeout
+        with self.lock:
+            while True:
+                for r in self.reports:
+                    if r["step"] in (step, "failed"):
+                        return r
+                if time.time() > end:
+                    return None
+                self.lock.wait(end - time.time())
+
+
+ANSWERED = f"""From: Ann Example <ann@example.org>
+To: Me <me@example.org>
+Subject: {REPLY_SUBJECT}
+Date: Mon, 23 Nov 2026 09:00:00 +0000
+Message-ID: <reading-list@example.org>
+MIME-Version: 1.0
+Content-Type: multipart/alternative; boundary="b1"
+
+--b1
+Content-Type: text/plain; charset=utf-8
+
+Here is my answer.
+> Could you send me three books for the spring?
+> Something light, please - no thrillers.
+
+--b1
+Content-Type: text/html; charset=utf-8
+Content-Transfer-Encoding: quoted-printable
+
+<html><body><p>Here is my answer.</p>
+<blockquote>Could you send me three books for the spring?</blockquote>
+<blockquote>Something light, please =E2=80=94 no thrillers.</blockquote>
+</body></html>
+--b1--
+"""
+
+MARS = f"""From: Museum <news@example.org>
+To: Me <me@example.org>
+Subject: {MARS_SUBJECT}
+Date: Mon, 23 Nov 2026 08:00:00 +0000
+Message-ID: <mars@example.org>
+MIME-Version: 1.0
+Content-Type: text/plain; charset=utf-8
+
+The photos are online.
+"""
+
+PREFS = """
+user_pref("mail.accountmanager.accounts", "account1,account2");
+user_pref("mail.accountmanager.defaultaccount", "account2");
+user_pref("mail.accountmanager.localfoldersserver", "server1");
+user_pref("mail.account.account1.server", "server1");
+user_pref("mail.server.server1.type", "none");
+user_pref("mail.server.server1.hostname", "Local Folders");
+user_pref("mail.server.server1.userName", "nobody");
+user_pref("mail.server.server1.name", "Local Folders");
+user_pref("mail.server.server1.directory-rel", "[ProfD]Mail/Local Folders");
+user_pref("mail.account.account2.server", "server2");
+user_pref("mail.account.account2.identities", "id1");
+user_pref("mail.server.server2.type", "pop3");
+user_pref("mail.server.server2.hostname", "127.0.0.1");
+user_pref("mail.server.server2.port", 9);
+user_pref("mail.server.server2.userName", "me");
+user_pref("mail.server.server2.name", "me@example.org");
+user_pref("mail.server.server2.login_at_startup", false);
+user_pref("mail.server.server2.check_new_mail", false);
+user_pref("mail.server.server2.deferred_to_account", "account1");
+user_pref("mail.server.server2.directory-rel", "[ProfD]Mail/pop");
+user_pref("mail.identity.id1.fullName", "Me");
+user_pref("mail.identity.id1.useremail", "me@example.org");
+user_pref("mail.identity.id1.smtpServer", "smtp1");
+user_pref("mail.identity.id1.valid", true);
+user_pref("mail.identity.id1.compose_html", false);
+user_pref("mail.identity.id1.reply_on_top", 1);
+user_pref("mail.smtpservers", "smtp1");
+user_pref("mail.smtpserver.smtp1.hostname", "127.0.0.1");
+user_pref("mail.smtpserver.smtp1.port", 9);
+user_pref("mail.smtp.defaultserver", "smtp1");
+user_pref("mail.provider.suppress_dialog_on_startup", true);
+user_pref("mail.shell.checkDefaultClient", false);
+user_pref("mail.spotlight.firstRunDone", true);
+user_pref("mail.winsearch.firstRunDone", true);
+user_pref("mail.rights.version", 1);
+user_pref("mailnews.start_page.enabled", false);
+user_pref("mail.startup.enabledMailCheckOnce", true);
+user_pref("mail.biff.play_sound", false);
+user_pref("mail.biff.show_alert", false);
+user_pref("mail.warn_on_send_accel_key", false);
+user_pref("mailnews.sendInBackground", false);
+user_pref("offline.autoDetect", false);
+user_pref("app.update.auto", false);
+user_pref("app.update.disabledForTesting", true);
+user_pref("datareporting.policy.dataSubmissionEnabled", false);
+user_pref("datareporting.healthreport.uploadEnabled", false);
+user_pref("toolkit.telemetry.reportingpolicy.firstRun", false);
+user_pref("extensions.autoDisableScopes", 0);
+user_pref("extensions.enabledScopes", 15);
+user_pref("extensions.update.enabled", false);
+user_pref("xpinstall.signatures.required", false);
+user_pref("browser.dom.window.dump.enabled", true);
+user_pref("devtools.console.stdout.chrome", true);
+user_pref("devtools.console.stdout.content", true);
+user_pref("mail.tabs.drawInTitlebar", false);
+"""
+
+
+def test_xpi(product_xpi, target, port):
+    """The product's add-on plus the driver: two more background and page scripts, the
+    permissions the driver needs, and where to report."""
+    with zipfile.ZipFile(product_xpi) as source, zipfile.ZipFile(target, "w") as out:
+        for item in source.infolist():
+            data = source.read(item)
+            if item.filename == "manifest.json":
+                manifest = json.loads(data)
+                manifest["background"]["scripts"].append("e2e/driver.js")
+                manifest["permissions"] += ["compose.send", "accountsFolders", "messagesImport",
+                                           "http://127.0.0.1/*"]
+                data = json.dumps(manifest, indent=2).encode()
+            elif item.filename == "panel/panel.html":
+                data = data.replace(b'<script src="panel.js" defer></script>',
+                                    b'<script src="panel.js" defer></script>\n'
+                                    b'  <script src="../e2e/panel-driver.js" defer></script>')
+            out.writestr(item.filename, data)
+        for name in ("driver.js", "panel-driver.js"):
+            out.write(os.path.join(HERE, name), "e2e/" + name)
+        out.writestr("e2e/answered.eml", ANSWERED.replace("\n", "\r\n"))
+        out.writestr("e2e/mars.eml", MARS.replace("\n", "\r\n"))
+        out.writestr("e2e/config.json", json.dumps({
+            "report": f"http://127.0.0.1:{port}/report",
+            "replySubject": REPLY_SUBJECT,
+            "marsSubject": MARS_SUBJECT,
+            "refusedRecipient": REFUSED,
+            "allowedRecipient": ALLOWED,
+            "messages": ["answered.eml", "mars.eml"],
+        }))
+
+
+def free_display():
+    for n in range(90, 200):
+        if not os.path.exists(f"/tmp/.X{n}-lock"):
+            return n
+    raise RuntimeError("no free X display")
+
+
+def reply_timing(lumora, env, harness, pieces, runs=5):
+    """`lumora reply` on the same stream: the time to its first byte and to its end."""
+    firsts, totals = [], []
+    for _ in range(runs):
+        with harness.lock:
+            harness.script.append(pieces)
+        started = time.perf_counter()
+        p = subprocess.Popen([lumora, "reply"], env=env, stdout=subprocess.PIPE,
+                             stdin=subprocess.DEVNULL)
+        p.stdout.read(1)
+        firsts.append((time.perf_counter() - started) * 1000)
+        p.stdout.read()
+        p.wait()
+        totals.append((time.perf_counter() - started) * 1000)
+    return statistics.median(firsts), statistics.median(totals)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--lumora", required=True)
+    parser.add_argument("--xpi", required=True)
+    parser.add_argument("--keep", action="store_true", help="keep the temporary home")
+    args = parser.parse_args()
+    thunderbird = shutil.which("thunderbird")
+    if not thunderbird or not shutil.which("Xvfb"):
+        print("skipped: Thunderbird or Xvfb is not installed")
+        return 77
+
+    home = tempfile.mkdtemp(prefix="lumora-tb-")
+    harness = Harness()
+    harness.script = [TRICKLE, BULK]  # Generate, then Regenerate
+    port = harness.serve()
+    env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=f"{home}/.config",
+               XDG_DATA_HOME=f"{home}/.local/share", LUMORA_OPENAI_BASE_URL=f"http://127.0.0.1:{port}",
+               MOZ_CRASHREPORTER_DISABLE="1", MOZ_DISABLE_AUTO_SAFE_MODE="1")
+    env.pop("LUMORA_DEBUG", None)
+    for key, value in [("apiKey", "sk-e2e-0000"), ("mailSelectedModel", "gpt-4o")]:
+        subprocess.run([args.lumora, "settings", "set", key, value], env=env, check=True)
+    installed = subprocess.run([args.lumora, "integrate", "thunderbird"], env=env, check=True,
+                               capture_output=True, text=True)
+    print(installed.stdout, end="")
+
+    profile = os.path.join(home, "profile")
+    local = os.path.join(profile, "Mail", "Local Folders")
+    os.makedirs(local)
+    os.makedirs(os.path.join(profile, "Mail", "pop"))
+    with open(os.path.join(profile, "user.js"), "w") as f:
+        f.write(PREFS)
+    os.makedirs(os.path.join(profile, "extensions"))
+    test_xpi(args.xpi, os.path.join(profile, "extensions", "lumora@zorvel.tech.xpi"), port)
+
+    display = free_display()
+    xvfb = subprocess.Popen(["Xvfb", f":{display}", "-screen", "0", "1400x900x24", "-nolisten", "tcp"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    env["DISPLAY"] = f":{display}"
+    log_path = os.path.join(home, "thunderbird.log")
+    log = open(log_path, "w")
+    time.sleep(0.5)
+    tb = subprocess.Popen([thunderbird, "--profile", profile, "--no-remote"], env=env,
+                          stdout=log, stderr=subprocess.STDOUT)
+    failures = []
+    results = {}
+    try:
+        for step, timeout in [("started", 90), ("colour", 60), ("panel", 150), ("refusal", 60),
+                              ("allowed", 60), ("done", 30)]:
+            r = harness.wait_for(step, timeout)
+            if r is None or r["step"] == "failed":
+                failures.append(f"step {step}: " + (json.dumps(r) if r else "no report in time"))
+                break
+            results[step] = r
+        # The X clipboard, as another program on the desktop reads it.
+        clip = subprocess.run(["xclip", "-o", "-selection", "clipboard"], env=env,
+                              capture_output=True, text=True, timeout=10) if shutil.which("xclip") else None
+    finally:
+        tb.terminate()
+        try:
+            tb.wait(20)
+        except subprocess.TimeoutExpired:
+            tb.kill()
+        xvfb.terminate()
+        log.close()
+
+    expected_first = "".join(TRICKLE)
+    expected_second = "".join(BULK)
+    checks = []
+
+    def check(name, ok, detail=""):
+        checks.append((name, ok))
+        print(("ok   " if ok else "FAIL ") + name + (f": {detail}" if detail and not ok else ""))
+        if not ok:
+            failures.append(name)
+
+    if "started" in results:
+        print(f"Thunderbird {results['started'].get('version')}")
+    if "colour" in results:
+        c = results["colour"]
+        check("the Mars message carries the red tag", "lumoramars" in c["marsTags"], c)
+        check("the other message does not", "lumoramars" not in c["otherTags"], c)
+    if "panel" in results:
+        p = results["panel"]
+        check("the panel ran without failure", "failure" not in p, p.get("failure"))
+        runs = p.get("runs", [])
+        check("Generate streamed the reply", len(runs) > 0 and runs[0]["text"] == expected_first,
+              runs[0]["text"][:200] if runs else "")
+        check("Regenerate replaced it", len(runs) > 1 and runs[1]["text"] == expected_second,
+              (runs[1]["text"][:100] + "…") if len(runs) > 1 else "")
+        check("Copy bounced", p.get("copyBounces") == 1, p)
+        if clip is not None:
+            check("Copy put the reply on the X clipboard", clip.stdout == expected_second,
+                  clip.stdout[:100] + " " + clip.stderr)
+        check("no error line", p.get("error") is None, p.get("error"))
+        if harness.requests:
+            messages = harness.requests[0]["messages"]
+            check("the request held the instruction and the two quoted passages",
+                  messages == [{"role": "system", "content": "You're my assistant, please reply this email"},
+                               {"role": "user", "content": "Could you send me three books for the spring?\n"
+                                                           "Something light, please — no thrillers."}],
+                  json.dumps(messages))
+    if "refusal" in results:
+        r = results["refusal"]
+        check("sending to the reserved domain was refused", "refused" in r["outcome"], r)
+        check("with the refusal text", r.get("lastRefusal") == "example.com is not a valid recipient domain", r)
+        check("the compose action marks the recipient", r.get("badge") == "!" and
+              f"{REFUSED}: example.com is not a valid domain" in r.get("title", ""), r)
+    if "allowed" in results:
+        outbox = os.path.join(local, "Unsent Messages")
+        sent = open(outbox, errors="replace").read() if os.path.exists(outbox) else ""
+        # Thunderbird writes a custom header's name in its own letter case (X-Customheader);
+        # header names are compared without case.
+        header = next((line for line in sent.splitlines()
+                       if line.lower().startswith("x-customheader:")), None)
+        check("an allowed mail went to the outbox with the extra header",
+              f"To: {ALLOWED}" in sent and header is not None and
+              header.split(":", 1)[1].strip() == "This ia a custom header.", sent[:800])
+        if header:
+            print(f"     (as Thunderbird wrote it: {header})")
+        check("the refused mail did not", f"To: {REFUSED}" not in sent)
+
+    if "panel" in results and len(results["panel"].get("runs", [])) > 1:
+        runs = results["panel"]["runs"]
+        first_reply, _ = reply_timing(args.lumora, env, harness, TRICKLE)
+        _, bulk_reply = reply_timing(args.lumora, env, harness, BULK)
+        print("\nLatency (median of 5 for lumora reply; one panel run each):")
+        print(f"  time to the first token: panel {runs[0]['firstTokenMs']:.1f} ms after Generate; "
+              f"lumora reply {first_reply:.1f} ms after its start")
+        per_chunk_panel = runs[1]["totalMs"] / BULK_CHUNKS * 1000
+        per_chunk_reply = bulk_reply / BULK_CHUNKS * 1000
+        print(f"  {BULK_CHUNKS} chunks at once: panel {runs[1]['totalMs']:.1f} ms "
+              f"({per_chunk_panel:.1f} µs a chunk, {runs[1]['outputMessages']} output messages); "
+              f"lumora reply {bulk_reply:.1f} ms ({per_chunk_reply:.1f} µs a chunk); "
+              f"ratio {runs[1]['totalMs'] / bulk_reply:.2f}")
+
+    if failures:
+        print("\nFAILED:", *failures, sep="\n  ")
+        print("\nThe driver's reports:", *map(json.dumps, harness.reports), sep="\n  ")
+        print(f"\nThunderbird's output ({log_path}):")
+        print(open(log_path, errors="replace").read()[-6000:])
+    if not args.keep and not failures:
+        shutil.rmtree(home, ignore_errors=True)
+    else:
+        print(f"\nThe test's home is kept: {home}")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -90,20 +90,25 @@ async function annotate(tabId) {
   const addresses = Lumora.recipientTexts(details);
   const key = JSON.stringify(addresses);
   if (annotated.get(tabId) === key) return;
-  annotated.set(tabId, key);
   const answer = await ask({ type: "checkRecipients", addresses });
   const lines = Object.entries(answer.annotations).map(([address, text]) => `${address}: ${text}`);
   await messenger.composeAction.setBadgeText({ tabId, text: lines.length ? "!" : "" });
   await messenger.composeAction.setBadgeBackgroundColor({ tabId, color: "#d70022" });
   await messenger.composeAction.setTitle({ tabId, title: ["Lumora", ...lines].join("\n") });
   messenger.runtime.sendMessage({ type: "annotations", tabId, lines }).catch(() => {});
+  annotated.set(tabId, key); // only once shown: a failed look is tried again
 }
 
-async function annotateAll() {
-  const tabs = await messenger.tabs.query({ type: "messageCompose" });
-  for (const tab of tabs) await annotate(tab.id).catch(() => {});
+// One look at a time: a slow host does not pile looks up.
+let annotating = null;
+function annotateAll() {
+  annotating ??= (async () => {
+    const tabs = await messenger.tabs.query({ type: "messageCompose" });
+    for (const tab of tabs) await annotate(tab.id).catch(() => {});
+  })().finally(() => (annotating = null));
+  return annotating;
 }
-setInterval(() => annotateAll().catch(() => {}), ANNOTATE_EVERY_MS);
+setInterval(annotateAll, ANNOTATE_EVERY_MS);
 
 // The latest refusal, for whoever asks (the panel shows it when it opens after the fact).
 let lastRefusal = null;

@@ -98,8 +98,10 @@ const e2e = (() => {
 
     // The recipient rule: the annotation on an open compose window, and the refusal on send.
     const refused = await sendAndSee(config.refusedRecipient);
-    await annotateAll();
-    const badge = await messenger.composeAction.getBadgeText({ tabId: refused.tab.id });
+    const badge = await until("the recipient's mark", async () => {
+      const text = await messenger.composeAction.getBadgeText({ tabId: refused.tab.id });
+      return text || null;
+    }, 10).catch(() => "");
     const title = await messenger.composeAction.getTitle({ tabId: refused.tab.id });
     await report("refusal", { outcome: refused.outcome, lastRefusal, badge, title });
 

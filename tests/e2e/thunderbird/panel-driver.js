@@ -36,7 +36,11 @@
     result.instruction = $("instruction").value;
     result.model = $("model").value;
 
-    for (const button of ["generate", "second"]) {
+    // Generate, then Regenerate for every further run: the harness's server answers them in
+    // turn with a trickle and a burst, `rounds` times.
+    const buttons = ["generate"];
+    while (buttons.length < 2 * config.rounds) buttons.push("second");
+    for (const button of buttons) {
       outputs = 0;
       firstShown = null;
       writingSeen = false;

@@ -10,8 +10,11 @@ and sends to a refused and to an allowed recipient; this script checks what it r
 clipboard, the outbox, and compares the panel's latency with `lumora reply` on the same
 streams.
 
+With --rounds N the panel runs the two streams N times each, and the latencies are medians:
+bench/README.md uses it for the numbers in docs/benchmarks.md.
+
 Exit status: 0 passed, 1 failed, 77 skipped (no Thunderbird or Xvfb here).
-Usage: run.py --lumora PATH --xpi PATH [--keep]
+Usage: run.py --lumora PATH --xpi PATH [--rounds N] [--keep]
 """
 
 import argparse
@@ -207,7 +210,7 @@ user_pref("mail.tabs.drawInTitlebar", false);
 """
 
 
-def test_xpi(product_xpi, target, port):
+def test_xpi(product_xpi, target, port, rounds):
     """The product's add-on plus the driver: two more background and page scripts, the
     permissions the driver needs, and where to report."""
     with zipfile.ZipFile(product_xpi) as source, zipfile.ZipFile(target, "w") as out:
@@ -235,6 +238,7 @@ def test_xpi(product_xpi, target, port):
             "refusedRecipient": REFUSED,
             "allowedRecipient": ALLOWED,
             "messages": ["answered.eml", "mars.eml"],
+            "rounds": rounds,
         }))
 
 
@@ -266,6 +270,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--lumora", required=True)
     parser.add_argument("--xpi", required=True)
+    parser.add_argument("--rounds", type=int, default=1, help="panel runs of each stream")
     parser.add_argument("--keep", action="store_true", help="keep the temporary home")
     args = parser.parse_args()
     thunderbird = shutil.which("thunderbird")
@@ -275,7 +280,7 @@ def main():
 
     home = tempfile.mkdtemp(prefix="lumora-tb-")
     harness = Harness()
-    harness.script = [TRICKLE, BULK]  # Generate, then Regenerate
+    harness.script = [TRICKLE, BULK] * args.rounds  # Generate, then Regenerate
     port = harness.serve()
     env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=f"{home}/.config",
                XDG_DATA_HOME=f"{home}/.local/share", LUMORA_OPENAI_BASE_URL=f"http://127.0.0.1:{port}",
@@ -294,7 +299,8 @@ def main():
     with open(os.path.join(profile, "user.js"), "w") as f:
         f.write(PREFS)
     os.makedirs(os.path.join(profile, "extensions"))
-    test_xpi(args.xpi, os.path.join(profile, "extensions", "lumora@zorvel.tech.xpi"), port)
+    test_xpi(args.xpi, os.path.join(profile, "extensions", "lumora@zorvel.tech.xpi"), port,
+             args.rounds)
 
     display = free_display()
     xvfb = subprocess.Popen(["Xvfb", f":{display}", "-screen", "0", "1400x900x24", "-nolisten", "tcp"],
@@ -351,9 +357,12 @@ def main():
               runs[0]["text"][:200] if runs else "")
         check("Regenerate replaced it", len(runs) > 1 and runs[1]["text"] == expected_second,
               (runs[1]["text"][:100] + "…") if len(runs) > 1 else "")
+        check("every run streamed its reply in full",
+              all(r["text"] == (expected_first if i % 2 == 0 else expected_second)
+                  for i, r in enumerate(runs)) and len(runs) == 2 * args.rounds)
         check("Copy bounced", p.get("copyBounces") == 1, p)
         if clip is not None:
-            check("Copy put the reply on the X clipboard", clip.stdout == expected_second,
+            check("Copy put the reply on the X clipboard", clip.stdout == runs[-1]["text"],
                   clip.stdout[:100] + " " + clip.stderr)
         check("no error line", p.get("error") is None, p.get("error"))
         if harness.requests:
@@ -383,19 +392,27 @@ def main():
             print(f"     (as Thunderbird wrote it: {header})")
         check("the refused mail did not", f"To: {REFUSED}" not in sent)
 
-    if "panel" in results and len(results["panel"].get("runs", [])) > 1:
+    if "panel" in results and len(results["panel"].get("runs", [])) == 2 * args.rounds:
         runs = results["panel"]["runs"]
-        first_reply, _ = reply_timing(args.lumora, env, harness, TRICKLE)
-        _, bulk_reply = reply_timing(args.lumora, env, harness, BULK)
-        print("\nLatency (median of 5 for lumora reply; one panel run each):")
-        print(f"  time to the first token: panel {runs[0]['firstTokenMs']:.1f} ms after Generate; "
-              f"lumora reply {first_reply:.1f} ms after its start")
-        per_chunk_panel = runs[1]["totalMs"] / BULK_CHUNKS * 1000
-        per_chunk_reply = bulk_reply / BULK_CHUNKS * 1000
-        print(f"  {BULK_CHUNKS} chunks at once: panel {runs[1]['totalMs']:.1f} ms "
-              f"({per_chunk_panel:.1f} µs a chunk, {runs[1]['outputMessages']} output messages); "
-              f"lumora reply {bulk_reply:.1f} ms ({per_chunk_reply:.1f} µs a chunk); "
-              f"ratio {runs[1]['totalMs'] / bulk_reply:.2f}")
+        trickle, bulk = runs[0::2], runs[1::2]
+        times = max(5, args.rounds)
+        started = []
+        for _ in range(times):
+            t = time.perf_counter()
+            subprocess.run([args.lumora, "--version"], env=env, stdout=subprocess.DEVNULL, check=True)
+            started.append((time.perf_counter() - t) * 1000)
+        first_reply, _ = reply_timing(args.lumora, env, harness, TRICKLE, times)
+        _, bulk_reply = reply_timing(args.lumora, env, harness, BULK, times)
+        panel_first = statistics.median(r["firstTokenMs"] for r in trickle)
+        panel_bulk = statistics.median(r["totalMs"] for r in bulk)
+        messages = statistics.median(r["outputMessages"] for r in bulk)
+        print(f"\nLatency: medians of {args.rounds} panel runs and {times} runs of lumora reply")
+        print(f"  first token: panel {panel_first:.1f} ms after Generate; lumora reply "
+              f"{first_reply:.1f} ms after its start (lumora --version: {statistics.median(started):.1f} ms)")
+        print(f"  {BULK_CHUNKS} chunks at once: panel {panel_bulk:.1f} ms, "
+              f"{panel_bulk / BULK_CHUNKS * 1000:.1f} µs a chunk in {messages:.0f} output messages; "
+              f"lumora reply {bulk_reply:.1f} ms, {bulk_reply / BULK_CHUNKS * 1000:.1f} µs a chunk; "
+              f"panel/reply {panel_bulk / bulk_reply:.2f}")
 
     if failures:
         print("\nFAILED:", *failures, sep="\n  ")

@@ -62,10 +62,38 @@
     progress("copied");
     result.copyBounces = state.copyBounces;
     result.error = state.error;
+
+    // Back, then another model from the picker.
+    $("back").click();
+    await until(() => state.page === "input" && textNode.data === "", 10);
+    result.afterBack = { page: state.page, text: textNode.data };
+    const model = $("model");
+    model.value = config.pickedModel;
+    model.dispatchEvent(new Event("change"));
+    await until(() => state.modelPicker.selection === config.pickedModel, 10);
+    progress("model picked");
+
+    // A slow reply, stopped after its first words: they stay.
+    outputs = 0;
+    writingSeen = false;
+    $("generate").click();
+    await until(() => outputs > 0 && state.page === "result", 20);
+    await until(() => state.buttons[1].operation === "stopGeneration", 5);
+    $("second").click();
+    await until(() => state.header.title !== "Writing...", 20);
+    result.stopped = { text: textNode.data, title: state.header.title, button: state.buttons[1].operation };
+    progress("stopped");
+
+    // Another slow one, and the panel is closed while it runs.
+    outputs = 0;
+    $("second").click();
+    await until(() => outputs > 0 && state.header.title === "Writing...", 20);
+    result.closedWhileWriting = true;
   } catch (e) {
     result.failure = `${e}\n${e && e.stack}\nstate: ${JSON.stringify(state)}\nerror line: ${$("error").textContent}`;
   }
   await fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel", ...result }) });
   // The background driver goes on with the sending.
   await messenger.runtime.sendMessage({ type: "e2e-panel" }).catch((e) => progress(`not told: ${e}`));
+  if (result.closedWhileWriting) window.close();
 })();

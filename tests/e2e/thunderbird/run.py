@@ -41,6 +41,10 @@ TRICKLE = ["Dear Ann, ", "thank you ", "for the list. ", "I will start ", "with 
 TRICKLE_GAP = 0.05
 # The second run: many small chunks at once, for the cost of each chunk.
 BULK_CHUNKS = 5000
+# Then two slow replies: one stopped after its first words, one whose panel is closed.
+SLOW = ["Stopped here. "] + ["never shown "] * 30
+SLOW_GAP = 1.0
+PICKED_MODEL = "gpt-3.5-turbo"
 
 
 def sse(content):
@@ -57,6 +61,7 @@ class Harness:
         self.reports = []
         self.requests = []
         self.script = []  # what the next chat requests stream, in turn
+        self.gone = []  # the requests (by number) whose client went away mid-stream
         self.lock = threading.Condition()
 
     def serve(self):
@@ -80,23 +85,29 @@ class Harness:
                     return
                 with harness.lock:
                     harness.requests.append(json.loads(body))
+                    number = len(harness.requests) - 1
                     pieces = harness.script.pop(0) if harness.script else TRICKLE
-                gap = TRICKLE_GAP if pieces is TRICKLE else 0
+                gap = {id(TRICKLE): TRICKLE_GAP, id(SLOW): SLOW_GAP}.get(id(pieces), 0)
                 self.send_response(200)
                 self.send_header("Content-Type", "text/event-stream")
                 self.send_header("Transfer-Encoding", "chunked")
                 self.end_headers()
                 batch = b""
-                for piece in pieces:
-                    batch += sse(piece)
-                    if gap or len(batch) > 65536:
-                        self.wfile.write(b"%x\r\n%s\r\n" % (len(batch), batch))
-                        self.wfile.flush()
-                        batch = b""
-                        time.sleep(gap)
-                batch += b"data: [DONE]\n\n"
-                self.wfile.write(b"%x\r\n%s\r\n0\r\n\r\n" % (len(batch), batch))
-                self.wfile.flush()
+                try:
+                    for piece in pieces:
+                        batch += sse(piece)
+                        if gap or len(batch) > 65536:
+                            self.wfile.write(b"%x\r\n%s\r\n" % (len(batch), batch))
+                            self.wfile.flush()
+                            batch = b""
+                            time.sleep(gap)
+                    batch += b"data: [DONE]\n\n"
+                    self.wfile.write(b"%x\r\n%s\r\n0\r\n\r\n" % (len(batch), batch))
+                    self.wfile.flush()
+                except (BrokenPipeError, ConnectionResetError):
+                    with harness.lock:
+                        harness.gone.append(number)
+                    self.close_connection = True
 
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
@@ -239,6 +250,7 @@ def test_xpi(product_xpi, target, port, rounds):
             "allowedRecipient": ALLOWED,
             "messages": ["answered.eml", "mars.eml"],
             "rounds": rounds,
+            "pickedModel": PICKED_MODEL,
         }))
 
 
@@ -280,7 +292,7 @@ def main():
 
     home = tempfile.mkdtemp(prefix="lumora-tb-")
     harness = Harness()
-    harness.script = [TRICKLE, BULK] * args.rounds  # Generate, then Regenerate
+    harness.script = [TRICKLE, BULK] * args.rounds + [SLOW, SLOW]  # Generate, Regenerate...
     port = harness.serve()
     env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=f"{home}/.config",
                XDG_DATA_HOME=f"{home}/.local/share", LUMORA_OPENAI_BASE_URL=f"http://127.0.0.1:{port}",
@@ -325,6 +337,8 @@ def main():
         clip = subprocess.run(["xclip", "-o", "-selection", "clipboard"], env=env,
                               capture_output=True, text=True, timeout=10) if shutil.which("xclip") else None
     finally:
+        with harness.lock:
+            gone_while_running = list(harness.gone)  # before Thunderbird's end closes anything
         tb.terminate()
         try:
             tb.wait(20)
@@ -365,6 +379,20 @@ def main():
             check("Copy put the reply on the X clipboard", clip.stdout == runs[-1]["text"],
                   clip.stdout[:100] + " " + clip.stderr)
         check("no error line", p.get("error") is None, p.get("error"))
+        check("Back brought the input page with no reply",
+              p.get("afterBack") == {"page": "input", "text": ""}, p.get("afterBack"))
+        slow = 2 * args.rounds
+        check("the model picker's choice went into the next request",
+              len(harness.requests) > slow and harness.requests[slow]["model"] == PICKED_MODEL)
+        check("Stop kept the words so far and ended the run",
+              p.get("stopped") == {"text": SLOW[0], "title": "Lumora", "button": "startGeneration"},
+              p.get("stopped"))
+        # Closing the panel ends the port; the host stops the run and libcurl lets the server go,
+        # all while Thunderbird still runs.
+        check("Stop let the server go", slow in gone_while_running, gone_while_running)
+        check("closing the panel mid-reply stopped the run and let the server go",
+              p.get("closedWhileWriting") is True and slow + 1 in gone_while_running,
+              gone_while_running)
         if harness.requests:
             messages = harness.requests[0]["messages"]
             check("the request held the instruction and the two quoted passages",

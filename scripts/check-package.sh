@@ -66,6 +66,22 @@ XDG_CONFIG_HOME=$tmp/config XDG_DATA_HOME=$tmp/data \
 grep -q '"service": "openai"' "$tmp/request.json" || fail "the dry run wrote: $(cat "$tmp/request.json")"
 grep -q '"model": "gpt-4o"' "$tmp/request.json" || fail "the dry run's request names no gpt-4o"
 
+# The Thunderbird pieces: the native host answers a question over native messaging, the add-on
+# is there, and `lumora integrate thunderbird` finds both beside the command.
+host=$root/usr/bin/lumora-native-host
+[ "$("$host" --version)" = "lumora-native-host $version" ] || fail "lumora-native-host --version"
+answer=$(printf '\x12\x00\x00\x00{"type":"headers"}' | "$host" | tail -c +5)
+[[ "$answer" == *'"X-CustomHeader":["This ia a custom header."]'* ]] ||
+  fail "lumora-native-host answered: $answer"
+xpi=$root/usr/share/lumora/lumora.xpi
+[ -f "$xpi" ] || fail "no add-on at /usr/share/lumora/lumora.xpi"
+unzip -p "$xpi" manifest.json | grep -q '"id": "lumora@zorvel.tech"' || fail "the add-on's id"
+HOME=$tmp/home "$lumora" integrate thunderbird >"$tmp/integrate.txt" ||
+  fail "lumora integrate thunderbird failed"
+grep -qF "$xpi" "$tmp/integrate.txt" || fail "integrate does not point at the add-on: $(cat "$tmp/integrate.txt")"
+grep -qF "\"path\": \"$host\"" "$tmp/home/.mozilla/native-messaging-hosts/tech.zorvel.lumora.json" ||
+  fail "the manifest does not name the packaged host"
+
 # The manual page: valid, and a section for every command `lumora --help` lists.
 man=$root/usr/share/man/man1/lumora.1.gz
 [ -f "$man" ] || fail "no manual page"

@@ -5,6 +5,7 @@ packages=(g++ cmake ninja-build pkg-config curl
           libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libsqlite3-dev
           libncurses-dev tmux neomutt aerc  # the terminal panel, and its end-to-end tests
           thunderbird xvfb xclip unzip      # the Thunderbird add-on's end-to-end test and package
+          nodejs                            # the add-on's helpers' tests
           libgtest-dev libgmock-dev libbenchmark-dev
           libgumbo-dev python3-lxml  # the last two for bench_html's comparisons
           dpkg-dev file groff-base zsh)  # the .deb (dpkg-shlibdeps, CPack's ELF check), and

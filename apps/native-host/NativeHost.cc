@@ -216,6 +216,12 @@ void NativeHost::receive(const FrameReader::Frame& frame) {
     sendError("A message from the add-on is not valid JSON (at byte " + std::to_string(e.byte) +
               ") and was left out.");
     return;
+  } catch (const json::exception&) {
+    // Well-formed text the parser still refuses: a number beyond any double, say.
+    sendError(
+        "A message from the add-on holds a value that cannot be read (a number out of "
+        "range) and was left out.");
+    return;
   }
   const std::string* type = request.is_object() ? stringField(request, "type") : nullptr;
   if (!type) {

@@ -336,6 +336,8 @@ TEST_F(NativeHostTest, BadMessagesGetAClearErrorAndLoseNothing) {
   };
   const std::vector<Case> cases = {
       {"not JSON", "{\"type\":", "A message from the add-on is not valid JSON (at byte 9)"},
+      {"a number beyond any double", R"({"type":"open","messageSize":1E400})",
+       "holds a value that cannot be read"},
       {"not an object", "[1,2]", "A message from the add-on has no \"type\""},
       {"deeply nested", std::string(500'000, '[') + std::string(500'000, ']'),
        "A message from the add-on has no \"type\""},

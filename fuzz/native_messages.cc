@@ -13,13 +13,14 @@
 
 #include "Framing.h"
 #include "NativeHost.h"
+#include "Scratch.h"
 #include "lumora/mailcontent/MailParser.h"
-#include "lumora/platform/Debug.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace {
 
 using namespace lumora;
+using fuzzing::scratch;
 
 class RefusingTransport final : public HttpTransport {
  public:
@@ -28,20 +29,6 @@ class RefusingTransport final : public HttpTransport {
     throw TransportError(TransportError::Code::cannotConnect, "no network while fuzzing");
   }
 };
-
-const std::filesystem::path& scratch() {
-  static const std::filesystem::path dir = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumora-fuzz-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) std::abort();
-    debug::setSink({});
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(scratch(), ignored);
-    });
-    return std::filesystem::path(pattern);
-  }();
-  return dir;
-}
 
 }  // namespace
 

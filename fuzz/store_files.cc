@@ -13,6 +13,7 @@
 #include <fstream>
 #include <string>
 
+#include "Scratch.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/store/ConversationStore.h"
@@ -21,22 +22,7 @@
 
 namespace {
 
-const std::filesystem::path& scratch() {
-  static const std::filesystem::path dir = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumora-fuzz-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) std::abort();
-    lumora::debug::setSink({});
-    return std::filesystem::path(pattern);
-  }();
-  // Replays end normally and take the directory with them; libFuzzer's runs end by exit too.
-  static const bool removed = (std::atexit([] {
-                                 std::error_code ignored;
-                                 std::filesystem::remove_all(scratch(), ignored);
-                               }),
-                               true);
-  (void)removed;
-  return dir;
-}
+using lumora::fuzzing::scratch;
 
 void write(const std::filesystem::path& file, std::string_view bytes) {
   std::ofstream(file, std::ios::binary | std::ios::trunc).write(bytes.data(),

@@ -51,8 +51,11 @@ bool FrameWriter::write(std::string_view payload) {
   if (payload.size() > limit_) return false;
   const std::lock_guard lock(mutex_);
   if (broken_) return false;
+  // The length and the message leave in one write; the buffer is kept for the next frame, so a
+  // stream of small deltas allocates nothing per message.
   const auto length = static_cast<uint32_t>(payload.size());
-  std::string frame(sizeof length + payload.size(), '\0');
+  std::string& frame = frame_;
+  frame.resize(sizeof length + payload.size());
   std::memcpy(frame.data(), &length, sizeof length);
   std::memcpy(frame.data() + sizeof length, payload.data(), payload.size());
   size_t done = 0;

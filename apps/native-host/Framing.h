@@ -72,6 +72,7 @@ class FrameWriter {
   Sink sink_;
   size_t limit_;
   bool broken_ = false;
+  std::string frame_;  // guarded by mutex_
 };
 
 // A source and a sink over file descriptors.

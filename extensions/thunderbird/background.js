@@ -92,9 +92,10 @@ async function annotate(tabId) {
   if (annotated.get(tabId) === key) return;
   const answer = await ask({ type: "checkRecipients", addresses });
   const lines = Object.entries(answer.annotations).map(([address, text]) => `${address}: ${text}`);
-  await messenger.composeAction.setBadgeText({ tabId, text: lines.length ? "!" : "" });
-  await messenger.composeAction.setBadgeBackgroundColor({ tabId, color: "#d70022" });
+  // The tooltip first: once the badge shows, its explanation is already there.
   await messenger.composeAction.setTitle({ tabId, title: ["Lumora", ...lines].join("\n") });
+  await messenger.composeAction.setBadgeBackgroundColor({ tabId, color: "#d70022" });
+  await messenger.composeAction.setBadgeText({ tabId, text: lines.length ? "!" : "" });
   messenger.runtime.sendMessage({ type: "annotations", tabId, lines }).catch(() => {});
   annotated.set(tabId, key); // only once shown: a failed look is tried again
 }

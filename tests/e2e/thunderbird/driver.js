@@ -98,11 +98,16 @@ const e2e = (() => {
 
     // The recipient rule: the annotation on an open compose window, and the refusal on send.
     const refused = await sendAndSee(config.refusedRecipient);
-    const badge = await until("the recipient's mark", async () => {
-      const text = await messenger.composeAction.getBadgeText({ tabId: refused.tab.id });
-      return text || null;
-    }, 10).catch(() => "");
-    const title = await messenger.composeAction.getTitle({ tabId: refused.tab.id });
+    // The mark is the badge and the tooltip's line, set one after the other: wait for both.
+    const marked = async () => {
+      const badge = await messenger.composeAction.getBadgeText({ tabId: refused.tab.id });
+      const title = await messenger.composeAction.getTitle({ tabId: refused.tab.id });
+      return { badge, title };
+    };
+    const { badge, title } = await until("the recipient's mark", async () => {
+      const mark = await marked();
+      return mark.badge && mark.title.includes("\n") ? mark : null;
+    }, 10).catch(marked);
     await report("refusal", { outcome: refused.outcome, lastRefusal, badge, title });
 
     // The extra header on what may go (to the outbox: nothing leaves the machine).

@@ -1,5 +1,6 @@
 // The whole road over a real socket: the libcurl transport, the stream and its faults, down
 // to a thousand broken streams.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -107,6 +108,40 @@ TEST_F(TransportTest, BodyFaultsKeepTheTextSoFarAndFailClearly) {
     server_.enqueue(std::move(c.response));
     ChunkStream stream = start();
     EXPECT_EQ(drain(stream), c.expected);
+  }
+}
+
+// A status line that is not HTTP is the server's fault, said as such (not as a bad URL), and
+// its number is not read on into an overflow.
+TEST_F(TransportTest, AStatusLineThatIsNotHttpIsABadReply) {
+  const char* const statusLines[] = {
+      "HTTP/1.1 2000000000000000000000 OK",
+      "HTTP/1.1 5039999999999999999999 Busy",
+      "HTTP/1.1 20 OK",
+      "HTTP/7.1 200 OK",
+      "SMTP 220 ready",
+  };
+  for (const char* line : statusLines) {
+    SCOPED_TRACE(line);
+    Response response = Response::stream(sseRecord("Hi") + "data: [DONE]\n\n", 5);
+    response.statusLine = line;
+    server_.enqueue(std::move(response));
+    try {
+      ChunkStream stream = start();
+      ADD_FAILURE() << "the reply was taken: " << drain(stream).first;
+    } catch (const TransportError& e) {
+      EXPECT_EQ(e.code(), TransportError::Code::badServerResponse);
+      EXPECT_THAT(e.what(), ::testing::StartsWith("The server's reply is not valid HTTP."));
+    }
+  }
+  // The same refusal from libcurl before anything is sent is about the URL.
+  setenv("LUMORA_OPENAI_BASE_URL", "nosuchscheme://127.0.0.1:1", 1);
+  try {
+    start();
+    ADD_FAILURE() << "a URL of no protocol libcurl knows was taken";
+  } catch (const TransportError& e) {
+    EXPECT_EQ(e.code(), TransportError::Code::badURL) << e.what();
+    EXPECT_THAT(e.what(), ::testing::StartsWith("unsupported URL"));
   }
 }
 

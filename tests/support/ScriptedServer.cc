@@ -237,8 +237,11 @@ void Conn::resetConnection() {
 }
 
 std::string head(const Response& response) {
-  std::string out = "HTTP/1.1 " + std::to_string(response.status) + " ";
-  out += reasonPhrase(response.status);
+  std::string out = response.statusLine;
+  if (out.empty()) {
+    out = "HTTP/1.1 " + std::to_string(response.status) + " ";
+    out += reasonPhrase(response.status);
+  }
   out += "\r\n";
   for (const auto& [name, value] : response.headers) out += name + ": " + value + "\r\n";
   switch (response.framing) {

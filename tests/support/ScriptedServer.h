@@ -60,6 +60,9 @@ struct Step {
 // finished (the last chunk when chunked) and the connection is closed.
 struct Response {
   int status = 200;
+  // When set, sent as it stands in place of the status line made from `status` (no line end),
+  // for servers that send a malformed one.
+  std::string statusLine;
   Headers headers;  // sent in this order; a Content-Length here wins
   Framing framing = Framing::kContentLength;
   // A stall before the head, watched like a sleep step (for "no head arrives" cases).

@@ -45,6 +45,7 @@ Loaded load() {
                         resolve(library, "curl_easy_setopt", a.easy_setopt, f) &&
                         resolve(library, "curl_easy_pause", a.easy_pause, f) &&
                         resolve(library, "curl_easy_strerror", a.easy_strerror, f) &&
+                        resolve(library, "curl_easy_getinfo", a.easy_getinfo, f) &&
                         resolve(library, "curl_easy_cleanup", a.easy_cleanup, f) &&
                         resolve(library, "curl_multi_init", a.multi_init, f) &&
                         resolve(library, "curl_multi_add_handle", a.multi_add_handle, f) &&

@@ -37,7 +37,10 @@ std::string_view trimmed(std::string_view s) {
 }
 
 // The user's words for what went wrong, with libcurl's detail where it adds something.
-TransportError transportError(const curl::Api& lib, CURLcode code, const char* detail) {
+// `requestSent`: the request went out, so a refusal of the protocol is about the reply (a
+// status that is not three digits, say), not about the URL.
+TransportError transportError(const curl::Api& lib, CURLcode code, const char* detail,
+                              bool requestSent) {
   using C = TransportError::Code;
   auto make = [&](C c, std::string text) {
     if (detail && *detail) text += " (" + std::string(detail) + ")";
@@ -67,8 +70,12 @@ TransportError transportError(const curl::Api& lib, CURLcode code, const char* d
       return make(C::secureConnection,
                   "An SSL error has occurred and a secure connection to the server cannot be "
                   "made.");
-    case CURLE_URL_MALFORMAT:
+    case CURLE_WEIRD_SERVER_REPLY:
+      return make(C::badServerResponse, "The server's reply is not valid HTTP.");
     case CURLE_UNSUPPORTED_PROTOCOL:
+      if (requestSent) return make(C::badServerResponse, "The server's reply is not valid HTTP.");
+      [[fallthrough]];
+    case CURLE_URL_MALFORMAT:
       return make(C::badURL, "unsupported URL");
     default:
       return make(C::other,
@@ -241,7 +248,11 @@ class CurlResponse final : public HttpResponse {
       if (untilHead && headDone_) return;
       if (finished_ && caughtUp_) (*caughtUp_)();
       if (finished_) {
-        if (result_ != CURLE_OK) throw transportError(lib_, result_, errorBuffer_);
+        if (result_ != CURLE_OK) {
+          long requestBytes = 0;
+          lib_.easy_getinfo(easy_, CURLINFO_REQUEST_SIZE, &requestBytes);
+          throw transportError(lib_, result_, errorBuffer_, requestBytes > 0);
+        }
         if (untilHead && !headDone_ && status_ < 200)
           throw TransportError(TransportError::Code::connectionLost,
                                "The network connection was lost.");

@@ -24,6 +24,7 @@ class TransportError : public Error {
     connectionLost,    // the body broke off
     secureConnection,  // TLS failed
     badURL,            // libcurl refused the URL
+    badServerResponse, // what came back is not HTTP that libcurl can read
     lineTooLong,       // a single line exceeded the line limit
     replyTooLong,      // the reply passed the reply size limit
     cancelled,         // the request was cancelled by its owner

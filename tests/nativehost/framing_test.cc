@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <random>
+#include <thread>
+#include <vector>
 
 #include "NativeHost.h"
 
@@ -133,6 +136,41 @@ TEST(FramingTest, WritesFramesAndRefusesWhatTheBrowserWouldNotTake) {
   failAfter = -1;
   EXPECT_FALSE(writer.write("{}"));  // nothing may follow half a frame
   EXPECT_EQ(written.size(), 16u);
+}
+
+// The panel's replies and the host's answers may be written from different threads: each
+// frame must leave whole, never cut into by another.
+TEST(FramingTest, FramesFromSeveralThreadsArriveWhole) {
+  std::string written;
+  FrameWriter writer([&](const char* buffer, size_t size) -> ssize_t {
+    const size_t n = std::min<size_t>(size, 3);  // short writes, so a frame takes several
+    written.append(buffer, n);
+    std::this_thread::yield();
+    return static_cast<ssize_t>(n);
+  });
+  constexpr int kThreads = 4, kFrames = 200;
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&writer, t] {
+        for (int i = 0; i < kFrames; ++i)
+          EXPECT_TRUE(writer.write("{\"thread\":" + std::to_string(t) + ",\"frame\":" +
+                                   std::to_string(i) + "}"));
+      });
+    }
+  }
+  std::vector<int> next(kThreads, 0);  // each thread's frames arrive in its order
+  const auto frames = readAll(FrameReader(piecewise(written, [] { return 64; })));
+  ASSERT_EQ(frames.size(), size_t{kThreads * kFrames + 1});
+  for (size_t f = 0; f + 1 < frames.size(); ++f) {
+    ASSERT_EQ(frames[f].kind, Kind::message) << f;
+    int t = -1, i = -1;
+    ASSERT_EQ(std::sscanf(frames[f].payload.c_str(), "{\"thread\":%d,\"frame\":%d}", &t, &i), 2)
+        << frames[f].payload;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << frames[f].payload;
+    EXPECT_EQ(i, next[t]++) << frames[f].payload;
+  }
+  EXPECT_EQ(frames.back().kind, Kind::end);
 }
 
 TEST(FramingTest, TextPiecesEndOnWholeCharacters) {

@@ -111,8 +111,9 @@ const std::vector<std::string> kHosts = {"h.example",
                                          "hé.example",
                                          "",
                                          "bad host"};
-const std::vector<std::string> kPorts = {"",      ":",      ":0",     ":80",    ":8080",
-                                         ":0080", ":65535", ":65536", ":99999", ":+80"};
+const std::vector<std::string> kPorts = {"",       ":",      ":0",     ":80",
+                                         ":8080",  ":0080",  ":65535", ":65536",
+                                         ":99999", ":+80",   ":99999999999"};
 const std::vector<std::string> kPaths = {"",         "/",        "/a",    "/a/b/",     "/a/../b",
                                          "/./a",     "/a/.",     "/a/..", "/%2e%2e/x", "/a%20b",
                                          "/a;b=c",   "/~u/(x)*", "/a//b", "/.a/..b",   "/a:b@c",

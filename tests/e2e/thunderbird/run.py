@@ -21,6 +21,7 @@ import argparse
 import http.server
 import json
 import os
+import select
 import shutil
 import socket
 import statistics
@@ -54,6 +55,19 @@ def sse(content):
 
 
 BULK = [f"w{i} " for i in range(BULK_CHUNKS)]
+
+
+def client_left(connection, seconds):
+    """Waits `seconds` for the client to close the connection mid-stream. A write alone would
+    notice only at the second write after the close (the first one draws the reset), which
+    with a gap of a second between pieces can come after the checks."""
+    readable, _, _ = select.select([connection], [], [], seconds)
+    if not readable:
+        return False
+    try:
+        return connection.recv(1, socket.MSG_PEEK) == b""
+    except OSError:
+        return True
 
 
 class Harness:
@@ -100,18 +114,28 @@ class Harness:
                             self.wfile.write(b"%x\r\n%s\r\n" % (len(batch), batch))
                             self.wfile.flush()
                             batch = b""
-                            time.sleep(gap)
+                            if gap and client_left(self.connection, gap):
+                                raise ConnectionResetError("the client closed the connection")
                     batch += b"data: [DONE]\n\n"
                     self.wfile.write(b"%x\r\n%s\r\n0\r\n\r\n" % (len(batch), batch))
                     self.wfile.flush()
                 except (BrokenPipeError, ConnectionResetError):
                     with harness.lock:
                         harness.gone.append(number)
+                        harness.lock.notify_all()
                     self.close_connection = True
 
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
         return self.server.server_address[1]
+
+    def wait_gone(self, numbers, timeout):
+        """The requests of `numbers` whose client went away, once all have or at `timeout`."""
+        end = time.time() + timeout
+        with self.lock:
+            while not set(numbers) <= set(self.gone) and time.time() < end:
+                self.lock.wait(end - time.time())
+            return list(self.gone)
 
     def wait_for(self, step, timeout):
         end = time.time() + timeout
@@ -336,9 +360,11 @@ def main():
         # The X clipboard, as another program on the desktop reads it.
         clip = subprocess.run(["xclip", "-o", "-selection", "clipboard"], env=env,
                               capture_output=True, text=True, timeout=10) if shutil.which("xclip") else None
+        # The stopped and the closed runs' connections, let go while Thunderbird still runs
+        # (its end would close them anyway).
+        slow = 2 * args.rounds
+        gone_while_running = harness.wait_gone([slow, slow + 1], 10)
     finally:
-        with harness.lock:
-            gone_while_running = list(harness.gone)  # before Thunderbird's end closes anything
         tb.terminate()
         try:
             tb.wait(20)
@@ -381,7 +407,6 @@ def main():
         check("no error line", p.get("error") is None, p.get("error"))
         check("Back brought the input page with no reply",
               p.get("afterBack") == {"page": "input", "text": ""}, p.get("afterBack"))
-        slow = 2 * args.rounds
         check("the model picker's choice went into the next request",
               len(harness.requests) > slow and harness.requests[slow]["model"] == PICKED_MODEL)
         check("Stop kept the words so far and ended the run",

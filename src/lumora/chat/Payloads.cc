@@ -137,16 +137,17 @@ Field fieldNamed(std::string_view name) {
 }
 
 // The field that the wire key `key` converts to. Called for every key of every record, so a
-// key is converted at most once, into a buffer reused from key to key, and only a key with an
-// underscore is looked at twice.
+// key is converted at most once, into a buffer reused from key to key.
 Field fieldOf(std::string_view key, std::string& scratch) {
   // Most keys are spelled on the wire as their field is named (no field name holds an
   // underscore, so such a key converts to itself).
   if (const Field named = fieldNamed(key); named != Field::other) return named;
   // The wire's own spelling of the one snake-case field, the key of every choice.
   if (is(key, "finish_reason")) return Field::finishReason;
-  if (key.find('_') == std::string_view::npos) return Field::other;
-  const size_t underscores = static_cast<size_t>(std::count(key.begin(), key.end(), '_'));
+  const size_t first = key.find('_');
+  if (first == std::string_view::npos) return Field::other;
+  const size_t underscores =
+      1 + static_cast<size_t>(std::count(key.begin() + first + 1, key.end(), '_'));
   // Conversion drops only inner underscores; a key too long to become any field name (such as
   // "system_fingerprint") is no field, and needs no conversion.
   if (key.size() - underscores > kLongestField) return Field::other;

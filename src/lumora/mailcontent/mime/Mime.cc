@@ -244,7 +244,7 @@ class StreamingParse {
  public:
   explicit StreamingParse(std::string_view text) : text_(text) {}
 
-  Mime run(MimeHeader header, Multipart multipart) {
+  Mime run(MimeHeader header, const Multipart& multipart) {
     open(std::move(header), multipart, 0);
     size_t cursor = 0;
     for (size_t lf = nextLineFeed(text_, cursor); lf != std::string_view::npos;

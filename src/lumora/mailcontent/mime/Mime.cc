@@ -429,7 +429,7 @@ MimeParser::Top MimeParser::top(std::string_view message) {
 Mime MimeParser::parse(std::string_view message) {
   Top top = MimeParser::top(message);
   if (auto multipart = multipartOf(top.header))
-    return StreamingParse(message).run(std::move(top.header), std::move(*multipart));
+    return StreamingParse(message).run(std::move(top.header), *multipart);
   return leaf(std::move(top.header), message, top.bodyOffset, std::string_view::npos);
 }
 

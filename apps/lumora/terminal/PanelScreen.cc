@@ -549,7 +549,7 @@ void PanelScreen::drawResult(Canvas& canvas, const PanelDescription& d, int top)
   }
   // The scroll bar, when there is more than fits.
   if (total > outputRows_) {
-    const long thumb = std::max(1L, outputRows_ * outputRows_ / total);
+    const long thumb = std::max(1L, long{outputRows_} * outputRows_ / total);
     const long at = maxTop == 0 ? 0 : (outputRows_ - thumb) * outputTop_ / maxTop;
     for (int i = 0; i < outputRows_; ++i)
       canvas.write(top + i, columns - 1, i >= at && i < at + thumb ? "┃" : "│",

@@ -133,6 +133,12 @@ TEST(MimeBody, CharacterSets) {
       {"utf-16le", b64(std::string("h\0i\0", 4)), "utf-16le", "hi"},
       {"us-ascii refuses 8-bit bytes", b64("\xE9"), "us-ascii", {}},
       {"utf-8 named refuses invalid bytes", b64("\xC3("), "UTF-8", {}},
+      // Names the C library folds to its own UTF-8 and UCS-4 decoders, which let code points
+      // past U+10FFFF through.
+      {"utf-8 by another name converts", b64("gr\xC3\xBC"), "utf8+", "gr\xC3\xBC"},
+      {"utf-8 by another name, past U+10FFFF", b64("\xF4\x92\x92\x92"), "utf8+", {}},
+      {"utf-8 by an alias, a five-byte form", b64("\xF8\x88\x80\x80\x80"), "ISO-IR-193", {}},
+      {"ucs-4 past U+10FFFF", b64(std::string("\0\x11\0\0", 4)), "UCS-4", {}},
       {"a sequence cut off at the end", b64("\x93"), "shift_jis", {}},
       {"an unknown name", b64("x"), "x-unknown-charset", {}},
       {"conversion options are not names", b64("\xFF"), "ascii//IGNORE", {}},

@@ -95,6 +95,11 @@ Conversion toUtf8(std::string_view bytes, std::string_view name) {
   if (!converter.valid()) return {Outcome::unknownCharset, {}};
   Conversion result{Outcome::converted, {}};
   if (!converter.convert(bytes, result.text)) return {Outcome::invalidBytes, {}};
+  // The C library's own decoders of UTF-8 and UCS-4 pass on code points past U+10FFFF as the
+  // old five- and six-byte forms, and it reaches them by more names than the two above: it
+  // drops marks from a name ("utf8+", "(utf-8)") and knows aliases ("ISO-IR-193"). What any
+  // converter gives back is checked, so none of them can hand on text that is not UTF-8.
+  if (!text::isValidUtf8(result.text)) return {Outcome::invalidBytes, {}};
   return result;
 }
 

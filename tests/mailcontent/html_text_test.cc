@@ -99,5 +99,40 @@ TEST(HtmlText, HostileMarkupParsesAndKeepsEveryText) {
   EXPECT_EQ(std::count(text.begin(), text.end(), 'x'), 20000);
 }
 
+// Past the nesting limit an element is closed early to make room, even a table cell or row
+// that its insertion mode still counts on. The end tags that would close it must then find
+// nothing to pop, not empty the stack: what follows stays in the div around the table.
+TEST(HtmlText, CellsClosedAtTheNestingLimitLeaveTheStackStanding) {
+  const auto divs = [](int n) {
+    std::string s;
+    for (int i = 0; i < n; ++i) s += "<div>";
+    return s;
+  };
+  struct Case {
+    const char* name;
+    std::string html;
+    std::string text;
+    size_t cells;
+  };
+  const Case cases[] = {
+      {"the cell closed, then the table's end", divs(506) + "<table><tr><td><b>x</table><p>y",
+       "x y", 1},
+      {"the row closed, then the cell's, row's and table's ends",
+       // The table stays open, since no row is left to close, so the paragraph is put before it.
+       divs(507) + "<table><tr><td>a<b>x</td>y</tr>z</table><p>w", "w axyz", 1},
+      {"the cell closed, then a new cell", divs(505) + "<table><tr><td><b>x<td>y</table><p>z",
+       "x y z", 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto document = Document::parse(c.html);
+    EXPECT_EQ(document->root().select("body").get(0).text(true), c.text);
+    EXPECT_EQ(document->root().select("td").size(), c.cells);
+    const Elements paragraphs = document->root().select("p");
+    ASSERT_EQ(paragraphs.size(), 1u);
+    EXPECT_EQ(paragraphs.get(0).parent().tagName(), "div");
+  }
+}
+
 }  // namespace
 }  // namespace lumora::html

@@ -321,23 +321,22 @@ class TreeBuilder {
     --count_[static_cast<size_t>(doc_.tagOf(e))];
     doc_.setParserOpen(e, false);
   }
-  void popUntil(TagId id) {
-    while (!open_.empty()) {
-      const bool found = doc_.tagOf(open_.back()) == id;
-      pop();
-      if (found) return;
-    }
-  }
+  // These pop up to and including the nearest open element asked for. When none is open they
+  // leave the stack alone: the nesting limit can close an element that its insertion mode still
+  // counts on (a cell, say), and emptying the stack down to the root would leave no current node.
   template <typename... Ids>
   void popUntilOneOf(Ids... ids) {
-    while (!open_.empty()) {
+    if ((count_[static_cast<size_t>(ids)] + ...) == 0) return;
+    while (true) {
       const bool found = oneOf(doc_.tagOf(open_.back()), ids...);
       pop();
       if (found) return;
     }
   }
+  void popUntil(TagId id) { popUntilOneOf(id); }
   void popUntilElement(NodeId e) {
-    while (!open_.empty()) {
+    if (!isOpen(e)) return;
+    while (true) {
       const bool found = open_.back() == e;
       pop();
       if (found) return;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "lumora/platform/Text.h"
@@ -39,6 +40,8 @@ bool looksLikeCharsetName(std::string_view name) {
   return true;
 }
 
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
 class Converter {
  public:
   explicit Converter(const std::string& from) : handle_(iconv_open("UTF-8", from.c_str())) {}
@@ -49,8 +52,10 @@ class Converter {
   Converter& operator=(const Converter&) = delete;
   bool valid() const { return handle_ != reinterpret_cast<iconv_t>(-1); }
 
-  // False when the input holds a sequence that is invalid or cut off at the end.
-  bool convert(std::string_view bytes, std::string& out) {
+  // False when the input holds a sequence that is invalid or cut off at the end, unless
+  // `replace`: then each such sequence gives U+FFFD, one byte at a time, and the conversion
+  // goes on behind it.
+  bool convert(std::string_view bytes, std::string& out, bool replace = false) {
     out.resize(bytes.size() * 2 + 16);
     char* in = const_cast<char*>(bytes.data());  // iconv's signature; the input is not written
     size_t inLeft = bytes.size();
@@ -64,8 +69,19 @@ class Converter {
                                  : iconv(handle_, &in, &inLeft, &outPtr, &outLeft);
       written = out.size() - outLeft;
       if (rc == static_cast<size_t>(-1)) {
-        if (errno != E2BIG) return false;  // EILSEQ, or EINVAL for a sequence cut off
-        out.resize(out.size() * 2);
+        if (errno == E2BIG || (replace && outLeft < kReplacement.size())) {
+          out.resize(out.size() * 2);
+          continue;
+        }
+        if (!replace || flushing) return false;  // EILSEQ, or EINVAL for a sequence cut off
+        std::memcpy(out.data() + written, kReplacement.data(), kReplacement.size());
+        written += kReplacement.size();
+        if (errno == EINVAL) {  // cut off at the end: nothing follows it
+          inLeft = 0;
+        } else {
+          ++in;
+          --inLeft;
+        }
         continue;
       }
       if (flushing) break;
@@ -79,15 +95,27 @@ class Converter {
   iconv_t handle_;
 };
 
-}  // namespace
-
-Conversion toUtf8(std::string_view bytes, std::string_view name) {
-  if (!looksLikeCharsetName(name)) return {Outcome::unknownCharset, {}};
+// The name iconv knows the character set `name` by; nullopt for a name that cannot be one.
+std::optional<std::string> iconvNameOf(std::string_view name) {
+  if (!looksLikeCharsetName(name)) return std::nullopt;
   std::string iconvName(name);
   for (const auto& [alias, target] : kAliases) {
     if (text::equalsIgnoringCase(alias, name)) iconvName = target;
   }
-  if (text::equalsIgnoringCase(iconvName, "UTF-8") || text::equalsIgnoringCase(iconvName, "UTF8")) {
+  return iconvName;
+}
+
+bool isUtf8Name(std::string_view name) {
+  return text::equalsIgnoringCase(name, "UTF-8") || text::equalsIgnoringCase(name, "UTF8");
+}
+
+}  // namespace
+
+Conversion toUtf8(std::string_view bytes, std::string_view name) {
+  const std::optional<std::string> known = iconvNameOf(name);
+  if (!known) return {Outcome::unknownCharset, {}};
+  const std::string& iconvName = *known;
+  if (isUtf8Name(iconvName)) {
     if (!text::isValidUtf8(bytes)) return {Outcome::invalidBytes, {}};
     return {Outcome::converted, std::string(bytes)};
   }
@@ -101,6 +129,19 @@ Conversion toUtf8(std::string_view bytes, std::string_view name) {
   // converter gives back is checked, so none of them can hand on text that is not UTF-8.
   if (!text::isValidUtf8(result.text)) return {Outcome::invalidBytes, {}};
   return result;
+}
+
+std::optional<std::string> toUtf8Replacing(std::string_view bytes, std::string_view name) {
+  const std::optional<std::string> iconvName = iconvNameOf(name);
+  if (!iconvName) return std::nullopt;
+  if (isUtf8Name(*iconvName)) return text::repairedUtf8(bytes);
+  Converter converter(*iconvName);
+  if (!converter.valid()) return std::nullopt;
+  std::string out;
+  converter.convert(bytes, out, true);
+  // As above: what a converter gives back may still hold code points past U+10FFFF.
+  if (!text::isValidUtf8(out)) return text::repairedUtf8(out);
+  return out;
 }
 
 }  // namespace lumora::charset

@@ -2,6 +2,7 @@
 // knows iconv.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,5 +23,10 @@ struct Conversion {
 // UTF-8. Strict: a byte sequence that is not valid in the character set fails the whole
 // conversion, nothing is replaced or skipped.
 Conversion toUtf8(std::string_view bytes, std::string_view name);
+
+// The same conversion for a reader that takes what it can: a byte sequence that is not valid
+// in the character set becomes U+FFFD, and the conversion goes on behind it. nullopt only when
+// no character set goes by that name here.
+std::optional<std::string> toUtf8Replacing(std::string_view bytes, std::string_view name);
 
 }  // namespace lumora::charset

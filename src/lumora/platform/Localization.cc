@@ -1,5 +1,6 @@
 #include "lumora/platform/Localization.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <utility>
 
@@ -26,6 +27,34 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Instruction", "指令"},
     {"Copied", "已复制"},
     {"Copying…", "正在复制…"},
+    {"A new mail: the model gets your instruction alone", "新邮件：模型只收到你的指令"},
+    {"The model reads: 1 quoted passage ({characters} characters)",
+     "模型读取：1 段引用（{characters} 个字符）"},
+    {"The model reads: {count} quoted passages ({characters} characters)",
+     "模型读取：{count} 段引用（{characters} 个字符）"},
+    {"This mail quotes nothing: the model gets your instruction alone",
+     "这封邮件没有引用内容：模型只收到你的指令"},
+    {"The quoted passages cannot be read: {reason}", "无法读取引用内容：{reason}"},
+    {"The model reads: the message ({characters} characters)", "模型读取：这封邮件（{characters} 个字符）"},
+    {"The model reads: the message and 1 earlier message ({characters} characters)",
+     "模型读取：这封邮件及 1 封更早的邮件（{characters} 个字符）"},
+    {"The model reads: the message and {count} earlier messages ({characters} characters)",
+     "模型读取：这封邮件及 {count} 封更早的邮件（{characters} 个字符）"},
+    {"The model reads: the message from {sender} ({characters} characters)",
+     "模型读取：{sender} 的邮件（{characters} 个字符）"},
+    {"The model reads: the message from {sender} and 1 earlier message ({characters} characters)",
+     "模型读取：{sender} 的邮件及 1 封更早的邮件（{characters} 个字符）"},
+    {"The model reads: the message from {sender} and {count} earlier messages ({characters} "
+     "characters)",
+     "模型读取：{sender} 的邮件及 {count} 封更早的邮件（{characters} 个字符）"},
+    {"The model reads: your draft ({characters} characters)", "模型读取：你的草稿（{characters} 个字符）"},
+    {"The model reads: your draft and the message it answers ({characters} characters)",
+     "模型读取：你的草稿及所回复的邮件（{characters} 个字符）"},
+    {"This message holds no text: the model gets your instruction alone",
+     "这封邮件没有文字：模型只收到你的指令"},
+    {"The oldest part was left out to fit.", "为适应长度，最早的部分已略去。"},
+    {"Read the whole message", "读取整封邮件"},
+    {"Read only the quoted passages", "只读取引用内容"},
 };
 
 }  // namespace
@@ -65,5 +94,31 @@ std::string localized(std::string_view english, Language language) {
 }
 
 std::string localized(std::string_view english) { return localized(english, userLanguage()); }
+
+std::string withValues(std::string_view text,
+                       std::initializer_list<std::pair<std::string_view, std::string_view>> values) {
+  std::string out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    const size_t open = text.find('{', i);
+    if (open == std::string_view::npos) break;
+    const size_t close = text.find('}', open);
+    if (close == std::string_view::npos) break;
+    out.append(text.substr(i, open - i));
+    const std::string_view name = text.substr(open + 1, close - open - 1);
+    bool found = false;
+    for (const auto& [key, value] : values) {
+      if (key != name) continue;
+      out.append(value);
+      found = true;
+      break;
+    }
+    if (!found) out.append(text.substr(open, close - open + 1));
+    i = close + 1;
+  }
+  out.append(text.substr(std::min(i, text.size())));
+  return out;
+}
 
 }  // namespace lumora

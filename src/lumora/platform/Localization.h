@@ -2,8 +2,10 @@
 // the fallback. Lumora ships English and Simplified Chinese.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace lumora {
 
@@ -22,5 +24,10 @@ Language languageOf(std::string_view locale);
 // translation.
 std::string localized(std::string_view english);
 std::string localized(std::string_view english, Language language);
+
+// `text` with each "{name}" replaced by its value: the placeholders of a translated sentence,
+// so that a sentence is translated whole and never glued from pieces.
+std::string withValues(std::string_view text,
+                       std::initializer_list<std::pair<std::string_view, std::string_view>> values);
 
 }  // namespace lumora

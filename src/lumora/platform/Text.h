@@ -26,6 +26,15 @@ size_t codePointAt(std::string_view s, size_t i, char32_t& cp);
 // it, and CR LF as one. An approximation of extended grapheme clusters that needs no tables.
 size_t characterLengthAt(std::string_view s, size_t i);
 
+// The value of a hexadecimal digit (either case), or -1 for any other character.
+int hexDigitValue(char c);
+
+// The number of code points in `s`, well-formed UTF-8.
+size_t codePointCount(std::string_view s);
+
+// "1,240": a count for the user, its thousands grouped with commas.
+std::string groupedCount(size_t n);
+
 // ASCII-only case-insensitive comparison.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 bool startsWithIgnoringCase(std::string_view s, std::string_view prefix);

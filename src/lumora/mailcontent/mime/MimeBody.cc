@@ -19,12 +19,6 @@ std::string quotedName(std::string_view name) {
   return "“" + std::string(name.substr(0, cut)) + "…”";
 }
 
-int hexValue(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // Line ends ("\r?\n") taken out; a carriage return on its own stays.
 std::string withoutLineEnds(std::string_view text) {
@@ -87,7 +81,7 @@ std::string quotedPrintableDecoded(std::string_view text) {
         }
         break;
       case State::firstDigit: {
-        const int high = hexValue(first), low = hexValue(c);
+        const int high = text::hexDigitValue(first), low = text::hexDigitValue(c);
         if (high < 0 || low < 0) throw QuotedPrintableDecoderError();
         out += static_cast<char>(high * 16 + low);
         state = State::plain;

@@ -1,0 +1,508 @@
+#include "lumora/mailcontent/MailReader.h"
+
+#include <algorithm>
+#include <array>
+
+#include "lumora/mailcontent/html/Document.h"
+#include "lumora/mailcontent/reading/BodyText.h"
+#include "lumora/mailcontent/reading/Calendar.h"
+#include "lumora/mailcontent/reading/HeaderText.h"
+#include "lumora/mailcontent/reading/HtmlLines.h"
+#include "lumora/mailcontent/reading/MessageTree.h"
+#include "lumora/mailcontent/reading/ThreadSplit.h"
+#include "lumora/platform/Text.h"
+
+namespace lumora {
+namespace {
+
+using reading::Entity;
+using reading::MessageTree;
+using reading::TextLines;
+
+// The lines that mark the parts of the text, for the model.
+constexpr std::string_view kThreadHeading = "----- Earlier messages in the thread -----";
+constexpr std::string_view kAnsweredHeading = "----- The message being answered -----";
+constexpr std::string_view kDraftIntro = "The reply written so far:";
+constexpr std::string_view kAttachmentsIntro = "Attachments (named only): ";
+
+// Header values are shown, never the place for a whole text.
+constexpr size_t kLongestName = 200;
+constexpr size_t kLongestSubject = 400;
+constexpr size_t kLongestDate = 100;
+constexpr size_t kMostAttachmentsNamed = 20;
+
+size_t codePoints(std::string_view s) { return text::codePointCount(s); }
+
+// The byte length of the first `count` code points of `s` (all of it if it has fewer).
+size_t prefixBytes(std::string_view s, size_t count) {
+  size_t i = 0;
+  size_t seen = 0;
+  for (; i < s.size(); ++i) {
+    if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) {
+      if (seen == count) return i;
+      ++seen;
+    }
+  }
+  return s.size();
+}
+
+// At most `count` code points of `s`, cut at a line end when one is near.
+std::string_view cutText(std::string_view s, size_t count) {
+  const size_t bytes = prefixBytes(s, count);
+  if (bytes >= s.size()) return s;
+  const size_t lineEnd = s.rfind('\n', bytes);
+  if (lineEnd != std::string_view::npos && lineEnd >= bytes - bytes / 5) return s.substr(0, lineEnd);
+  return s.substr(0, bytes);
+}
+
+std::string grouped(size_t n) { return text::groupedCount(n); }
+
+// A header value for one line: control characters gone, blanks made one, at most `longest`
+// code points.
+std::string oneLine(std::string_view value, size_t longest) {
+  std::string out;
+  bool blank = false;
+  for (const char c : value) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b < 0x20 || b == 0x7F) {
+      blank = true;
+      continue;
+    }
+    if (c == ' ') {
+      blank = true;
+      continue;
+    }
+    if (blank && !out.empty()) out += ' ';
+    blank = false;
+    out += c;
+  }
+  if (codePoints(out) > longest) out = std::string(out.substr(0, prefixBytes(out, longest))) + "…";
+  return out;
+}
+
+// The fields a header block of a message has, one of which tells it from a text's first line
+// that merely holds a colon.
+bool isMessageField(std::string_view name) {
+  static constexpr std::array<std::string_view, 20> kNames{
+      "from",        "to",          "cc",           "bcc",         "subject",
+      "date",        "message-id",  "mime-version", "content-type", "content-transfer-encoding",
+      "received",    "return-path", "reply-to",     "in-reply-to", "references",
+      "sender",      "delivered-to", "user-agent",  "x-mailer",    "organization"};
+  const std::string lower = text::asciiLowercased(name);
+  return lower.starts_with("x-") || lower.starts_with("list-") ||
+         std::find(kNames.begin(), kNames.end(), lower) != kNames.end();
+}
+
+// The text begins with a header block: its first line is a field, and the block holds a field
+// that messages have.
+bool hasHeaderBlock(std::string_view raw) {
+  size_t start = reading::headerStart(raw);
+  bool first = true;
+  while (start < raw.size()) {
+    size_t end = raw.find('\n', start);
+    if (end == std::string_view::npos) end = raw.size();
+    std::string_view line = raw.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.empty()) return false;
+    const bool continuation = !first && (line[0] == ' ' || line[0] == '\t');
+    if (!continuation) {
+      if (!reading::isFieldLine(line)) return false;
+      const size_t colon = line.find(':');
+      std::string_view name = text::trimmed(line.substr(0, colon));
+      if (isMessageField(name)) return true;
+    }
+    first = false;
+    start = end + 1;
+  }
+  return false;
+}
+
+// What a leaf is to the reader.
+enum class Role : uint8_t {
+  attachment,  // named, never read
+  calendar,    // an invitation: read as its summary when nothing better is there
+  html,
+  prose,  // plain text
+};
+
+struct PartInfo {
+  std::string type;  // lower case; text/plain when the part says nothing
+  reading::StructuredValue contentType;
+  std::string disposition;
+  std::string fileName;
+  reading::TransferEncoding encoding = reading::TransferEncoding::identity;
+};
+
+PartInfo describe(const MessageTree& tree, const Entity& entity) {
+  PartInfo info;
+  const std::vector<reading::HeaderField> fields = reading::headerFields(tree.header(entity));
+  if (const auto* field = reading::findField(fields, "Content-Type")) {
+    info.contentType = reading::parseStructuredValue(field->body);
+    info.type = info.contentType.value;
+  }
+  if (info.type.empty() || info.type.find('/') == std::string::npos) info.type = "text/plain";
+  if (const auto* field = reading::findField(fields, "Content-Disposition")) {
+    reading::StructuredValue disposition = reading::parseStructuredValue(field->body);
+    info.disposition = disposition.value;
+    info.fileName = disposition.parameter("filename").value_or("");
+  }
+  if (info.fileName.empty()) info.fileName = info.contentType.parameter("name").value_or("");
+  if (const auto* field = reading::findField(fields, "Content-Transfer-Encoding"))
+    info.encoding = reading::transferEncodingOf(reading::unfolded(field->body));
+  return info;
+}
+
+Role roleOf(const PartInfo& info) {
+  const std::string& t = info.type;
+  if (info.disposition == "attachment") return Role::attachment;
+  const bool named = !info.fileName.empty() && info.disposition != "inline";
+  static constexpr std::array<std::string_view, 10> kProse{
+      "text/plain",           "text/enriched",   "text/richtext",
+      "text/markdown",        "text/x-markdown", "text/x-patch",
+      "text/x-diff",          "text/rfc822-headers", "message/delivery-status",
+      "message/disposition-notification"};
+  if (std::find(kProse.begin(), kProse.end(), t) != kProse.end())
+    return named ? Role::attachment : Role::prose;
+  if (t == "text/html") return named ? Role::attachment : Role::html;
+  if (t == "text/calendar" || t == "application/ics")
+    return named ? Role::attachment : Role::calendar;
+  // A multipart left a leaf has no boundary to split it by: its body is all there is to read.
+  if (t.starts_with("multipart/")) return Role::prose;
+  return Role::attachment;
+}
+
+// How good a text a part can give: prose before HTML before an invitation, 0 for none.
+uint8_t rank(Role role) {
+  switch (role) {
+    case Role::prose: return 3;
+    case Role::html: return 2;
+    case Role::calendar: return 1;
+    case Role::attachment: return 0;
+  }
+  return 0;
+}
+
+class Reader {
+ public:
+  explicit Reader(std::string_view raw) : tree_(raw) {}
+
+  void run(bool draft, MailReading& out) {
+    const std::vector<Entity>& entities = tree_.entities();
+    classify();
+    readHeader(entities[0], draft, out);
+    // Parts in document order.
+    std::vector<Visit> stack{{0, false, false}};
+    while (!stack.empty()) {
+      const Visit visit = stack.back();
+      stack.pop_back();
+      const Entity& e = entities[visit.id];
+      switch (e.kind) {
+        case Entity::Kind::leaf:
+          if (!visit.namesOnly || roles_[visit.id] == Role::attachment) leaf(visit, out);
+          break;
+        case Entity::Kind::message:
+          if (e.firstChild != reading::kNoEntity && !visit.namesOnly) {
+            attachedMessage(entities[e.firstChild]);
+            stack.push_back({e.firstChild, true, false});
+          }
+          break;
+        case Entity::Kind::multipart:
+          pushParts(visit, stack);
+          break;
+      }
+    }
+  }
+
+  TextLines& body() { return body_; }
+  TextLines& attachedThread() { return attached_; }
+  size_t attachedMessages() const { return attachedMessages_; }
+
+ private:
+  // Roles of the leaves, and the rank of the best text below each part, children first.
+  void classify() {
+    const std::vector<Entity>& entities = tree_.entities();
+    roles_.assign(entities.size(), Role::attachment);
+    ranks_.assign(entities.size(), 0);
+    kinds_.assign(entities.size(), {});
+    for (size_t i = entities.size(); i-- > 0;) {
+      const Entity& e = entities[i];
+      if (e.kind == Entity::Kind::leaf) {
+        roles_[i] = roleOf(describe(tree_, e));
+        ranks_[i] = rank(roles_[i]);
+        continue;
+      }
+      if (e.kind == Entity::Kind::message) continue;  // the thread, never the new text
+      kinds_[i] = describe(tree_, e).type;
+      uint8_t best = 0;
+      for (uint32_t c = e.firstChild; c != reading::kNoEntity; c = entities[c].nextSibling) {
+        best = std::max(best, ranks_[c]);
+        if (kinds_[i] == "multipart/related" || kinds_[i] == "multipart/signed") break;
+      }
+      ranks_[i] = best;
+    }
+  }
+
+  // One part to read: whether it belongs to the thread, and whether only its attachments are
+  // named (an alternative not read, whose images are still the message's).
+  struct Visit {
+    uint32_t id;
+    bool inThread;
+    bool namesOnly;
+  };
+
+  // The children of a multipart to visit, pushed so that they come off in their order.
+  void pushParts(const Visit& visit, std::vector<Visit>& stack) {
+    const std::vector<Entity>& entities = tree_.entities();
+    const std::string& kind = kinds_[visit.id];
+    const uint32_t first = entities[visit.id].firstChild;
+    if (first == reading::kNoEntity) return;
+    std::vector<Visit> parts;
+    if (kind == "multipart/alternative") {
+      // The best text; of equals the first, which is the plainest by the sender's order.
+      uint32_t best = first;
+      for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
+        if (ranks_[c] > ranks_[best]) best = c;
+      for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
+        parts.push_back({c, visit.inThread, visit.namesOnly || c != best});
+      stack.insert(stack.end(), parts.rbegin(), parts.rend());
+      return;
+    }
+    for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling) {
+      // Beside the first part of a multipart/related stand what it shows (the images of an
+      // HTML body), and beside the first of a multipart/signed its signature: named, as every
+      // part that is not text is, but never read as text.
+      const bool besideFirst =
+          c != first && (kind == "multipart/related" || kind == "multipart/signed");
+      parts.push_back({c, visit.inThread, visit.namesOnly || besideFirst});
+    }
+    stack.insert(stack.end(), parts.rbegin(), parts.rend());
+  }
+
+  void readHeader(const Entity& root, bool draft, MailReading& out) {
+    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(root));
+    const auto value = [&](std::string_view name) -> std::optional<std::string_view> {
+      if (const auto* field = reading::findField(fields, name)) return field->body;
+      return std::nullopt;
+    };
+    // A sent message carries a Date (RFC 5322 asks for one) and a Message-ID, and a received one
+    // Received fields: a header block with none of them is a draft being written.
+    out.draft = draft || (!value("Date") && !value("Message-ID") && !value("Received"));
+    const std::optional<std::string_view> from = value("From") ? value("From") : value("Sender");
+    if (!out.draft && from) {
+      const reading::Mailbox mailbox = reading::firstMailbox(*from);
+      out.senderName = oneLine(mailbox.name, kLongestName);
+      out.senderAddress = oneLine(mailbox.address, kLongestName);
+    }
+    if (out.draft) {
+      if (auto to = value("To")) {
+        const reading::Mailbox mailbox = reading::firstMailbox(*to);
+        out.recipient = oneLine(mailboxText(mailbox), kLongestName * 2);
+      }
+    }
+    if (auto subject = value("Subject"))
+      out.subject = oneLine(reading::decodedWords(reading::unfolded(*subject)), kLongestSubject);
+    if (auto date = value("Date"))
+      out.date = oneLine(reading::headerBytesAsText(reading::unfolded(*date)), kLongestDate);
+  }
+
+  // An attached message's own header lines, at the head of its part of the thread.
+  void attachedMessage(const Entity& message) {
+    ++attachedMessages_;
+    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(message));
+    if (!attached_.empty()) attached_.add("", 0);
+    const auto line = [&](std::string_view label, std::string_view value) {
+      if (value.empty()) return;
+      std::string text(label);
+      text += value;
+      attached_.add(text, 0);
+    };
+    if (const auto* from = reading::findField(fields, "From"))
+      line("From: ", oneLine(mailboxText(reading::firstMailbox(from->body)), kLongestName * 2));
+    if (const auto* date = reading::findField(fields, "Date"))
+      line("Date: ", oneLine(reading::headerBytesAsText(reading::unfolded(date->body)), kLongestDate));
+    if (const auto* subject = reading::findField(fields, "Subject"))
+      line("Subject: ", oneLine(reading::decodedWords(reading::unfolded(subject->body)),
+                                kLongestSubject));
+    attached_.add("", 0);
+  }
+
+  void leaf(const Visit& visit, MailReading& out) {
+    const Entity& e = tree_.entities()[visit.id];
+    const Role role = roles_[visit.id];
+    const PartInfo info = describe(tree_, e);
+    if (role == Role::attachment) {
+      out.attachments.push_back({oneLine(info.fileName, kLongestName), info.type});
+      return;
+    }
+    TextLines& lines = visit.inThread ? attached_ : body_;
+    if (!lines.empty()) lines.add("", 0);
+    std::string text = reading::decodedText(
+        reading::transferDecoded(tree_.body(e), info.encoding),
+        info.contentType.parameter("charset").value_or(""));
+    switch (role) {
+      case Role::prose: {
+        const bool flowed =
+            text::equalsIgnoringCase(info.contentType.parameter("format").value_or(""), "flowed");
+        const bool delSp =
+            text::equalsIgnoringCase(info.contentType.parameter("delsp").value_or(""), "yes");
+        reading::addPlainLines(text, flowed, delSp, lines);
+        break;
+      }
+      case Role::html: {
+        const auto document = html::Document::parse(std::move(text));
+        reading::addHtmlLines(*document, lines);
+        break;
+      }
+      case Role::calendar:
+        // Among alternatives an invitation is read only when no other text is there.
+        reading::addPlainLines(reading::calendarSummary(text), false, false, lines);
+        break;
+      case Role::attachment:
+        break;
+    }
+  }
+
+  static std::string mailboxText(const reading::Mailbox& mailbox) {
+    if (mailbox.name.empty()) return mailbox.address;
+    if (mailbox.address.empty()) return mailbox.name;
+    return mailbox.name + " <" + mailbox.address + ">";
+  }
+
+  MessageTree tree_;
+  std::vector<Role> roles_;
+  std::vector<uint8_t> ranks_;
+  std::vector<std::string> kinds_;  // the media type of each multipart
+  TextLines body_;
+  TextLines attached_;
+  size_t attachedMessages_ = 0;
+};
+
+std::string attachmentsLine(const std::vector<MailAttachment>& attachments) {
+  if (attachments.empty()) return {};
+  std::string line(kAttachmentsIntro);
+  const size_t named = std::min(attachments.size(), kMostAttachmentsNamed);
+  for (size_t i = 0; i < named; ++i) {
+    if (i > 0) line += ", ";
+    const MailAttachment& a = attachments[i];
+    line += a.name.empty() ? "unnamed" : a.name;
+    line += " (" + a.type + ")";
+  }
+  if (attachments.size() > named) line += ", and " + grouped(attachments.size() - named) + " more";
+  return line;
+}
+
+// The pieces of the text, joined with an empty line between those present.
+std::string joined(std::initializer_list<std::string_view> pieces) {
+  std::string out;
+  for (const std::string_view piece : pieces) {
+    if (piece.empty()) continue;
+    if (!out.empty()) out += "\n\n";
+    out += piece;
+  }
+  return out;
+}
+
+void compose(MailReading& r, size_t budget) {
+  std::string head;
+  const auto headLine = [&](std::string_view label, const std::string& value) {
+    if (value.empty()) return;
+    if (!head.empty()) head += '\n';
+    head += label;
+    head += value;
+  };
+  std::string sender = r.senderName;
+  if (!r.senderAddress.empty())
+    sender = sender.empty() ? r.senderAddress : sender + " <" + r.senderAddress + ">";
+  headLine("From: ", sender);
+  headLine("To: ", r.recipient);
+  headLine("Date: ", r.date);
+  headLine("Subject: ", r.subject);
+  const std::string attachments = attachmentsLine(r.attachments);
+  const std::string_view threadHeading = r.draft ? kAnsweredHeading : kThreadHeading;
+  const std::string_view intro = r.draft && !r.newText.empty() ? kDraftIntro : "";
+
+  const auto build = [&](std::string_view newText, std::string_view thread) {
+    std::string body = intro.empty() ? std::string(newText) : std::string(intro) + "\n" + std::string(newText);
+    std::string threadPart;
+    if (!thread.empty()) threadPart = std::string(threadHeading) + "\n" + std::string(thread);
+    return joined({head, body, attachments, threadPart});
+  };
+
+  std::string text = build(r.newText, r.thread);
+  if (codePoints(text) > budget) {
+    r.shortened = true;
+    // The oldest messages stand last in the thread: it is cut from its end.
+    const size_t fixed = codePoints(build(r.newText, ""));
+    const size_t threadCharacters = codePoints(r.thread);
+    std::string thread;
+    // Room for the heading, its line end, the empty line before it and the note.
+    const std::string sampleNote =
+        "[… " + grouped(threadCharacters) + " characters of older messages left out]";
+    const size_t overhead = codePoints(threadHeading) + 3 + codePoints(sampleNote) + 1;
+    if (fixed + overhead < budget) {
+      const std::string_view kept = cutText(r.thread, budget - fixed - overhead);
+      const size_t left = threadCharacters - codePoints(kept);
+      thread = std::string(kept);
+      if (!thread.empty()) thread += '\n';
+      thread += "[… " + grouped(left) + " characters of older messages left out]";
+      text = build(r.newText, thread);
+    } else {
+      // No room for any of the thread: then the new text is cut, the thread only noted.
+      const std::string threadNote =
+          threadCharacters > 0
+              ? "[… the earlier messages, " + grouped(threadCharacters) + " characters, left out]"
+              : "";
+      const size_t without = codePoints(build("", threadNote));
+      const size_t newCharacters = codePoints(r.newText);
+      const std::string sampleCut =
+          "[… the rest of this message, " + grouped(newCharacters) + " characters, left out]";
+      const size_t room = budget > without + codePoints(sampleCut) + 3
+                              ? budget - without - codePoints(sampleCut) - 3
+                              : 0;
+      const std::string_view kept = cutText(r.newText, room);
+      std::string newText(kept);
+      if (kept.size() < r.newText.size()) {
+        if (!newText.empty()) newText += '\n';
+        newText += "[… the rest of this message, " + grouped(newCharacters - codePoints(kept)) +
+                   " characters, left out]";
+      }
+      text = build(newText, threadNote);
+    }
+    // The header lines and the names alone never pass the least budget; should they, the
+    // text is cut where the budget ends.
+    if (codePoints(text) > budget) text.resize(prefixBytes(text, budget));
+  }
+  r.text = std::move(text);
+  r.characters = codePoints(r.text);
+}
+
+}  // namespace
+
+MailReading MailReader::read(std::string_view raw, size_t maxCharacters, bool draft) {
+  MailReading result;
+  TextLines body;
+  TextLines attached;
+  size_t attachedMessages = 0;
+  if (hasHeaderBlock(raw)) {
+    Reader reader(raw);
+    reader.run(draft, result);
+    body = std::move(reader.body());
+    attached = std::move(reader.attachedThread());
+    attachedMessages = reader.attachedMessages();
+  } else {
+    result.draft = true;
+    reading::addPlainLines(reading::decodedText(raw, ""), false, false, body);
+  }
+  reading::SplitText split = reading::splitThread(body);
+  result.newText = std::move(split.newText);
+  result.thread = std::move(split.thread);
+  result.earlierMessages = split.earlierMessages + attachedMessages;
+  if (!attached.empty()) {
+    const std::string more = reading::renderLines(attached, 0, attached.lines().size());
+    if (!more.empty()) result.thread = joined({result.thread, more});
+  }
+  compose(result, std::max(maxCharacters, kLeastMaxCharacters));
+  return result;
+}
+
+}  // namespace lumora

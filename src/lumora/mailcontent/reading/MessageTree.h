@@ -1,0 +1,63 @@
+// The MIME structure of a message as a reader needs it: which parts there are, how they nest,
+// and where each part's header and body stand in the message. Lenient where mail is sloppy: a
+// header without its empty line ends at the first line that is no field, a multipart without
+// its closing delimiter ends with its last part kept, a part with a malformed field is read as
+// far as it goes. Nothing here fails.
+//
+// One pass over the message, line by line; nothing recurses. Multiparts and attached messages
+// nest at most kMaxDepth deep: a part deeper than that is one leaf, so every line is compared
+// with a bounded number of open boundaries and the parse is linear in the message's length.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace lumora::reading {
+
+inline constexpr uint32_t kNoEntity = UINT32_MAX;
+
+// One part: a leaf, a multipart, or an attached message (message/rfc822), whose one child is
+// the attached message itself, header and all.
+struct Entity {
+  enum class Kind : uint8_t { leaf, multipart, message };
+  Kind kind = Kind::leaf;
+  uint32_t parent = kNoEntity;
+  uint32_t firstChild = kNoEntity;
+  uint32_t lastChild = kNoEntity;
+  uint32_t nextSibling = kNoEntity;
+  size_t headerBegin = 0;
+  size_t headerEnd = 0;  // without the empty line
+  size_t bodyBegin = 0;
+  size_t bodyEnd = 0;  // without the line end before the delimiter that ends it
+};
+
+class MessageTree {
+ public:
+  static constexpr uint32_t kMaxDepth = 64;
+
+  // Reads the structure of `message`, which must outlive the tree.
+  explicit MessageTree(std::string_view message);
+
+  // The message is entities()[0]; a parent always comes before its children.
+  const std::vector<Entity>& entities() const { return entities_; }
+  std::string_view header(const Entity& e) const {
+    return message_.substr(e.headerBegin, e.headerEnd - e.headerBegin);
+  }
+  std::string_view body(const Entity& e) const {
+    return message_.substr(e.bodyBegin, e.bodyEnd - e.bodyBegin);
+  }
+
+ private:
+  std::string_view message_;
+  std::vector<Entity> entities_;
+};
+
+// Where the message's own header begins: behind an mbox "From " line, if one leads.
+size_t headerStart(std::string_view message);
+
+// True when `line` (without its line end) is a header field: a name of printable characters,
+// perhaps blanks, then ":".
+bool isFieldLine(std::string_view line);
+
+}  // namespace lumora::reading

@@ -57,6 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 .quotedTexts = [](std::string_view m) { return MailParser::quotedTexts(m); },
                 .overrides = {},
                 .onServiceChosen = {},
+                .previewQuotedTexts = {},
+                .readMessage = {},
             };
           },
       .inChina = [] { return false; },

@@ -1,6 +1,7 @@
 #include "PanelSetup.h"
 
 #include "lumora/mailcontent/MailParser.h"
+#include "lumora/mailcontent/MailReader.h"
 #include "lumora/store/ConversationStore.h"
 #include "lumora/store/DefaultsStore.h"
 #include "lumora/store/UserSettings.h"
@@ -29,6 +30,17 @@ MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
       .quotedTexts = [](std::string_view message) { return MailParser::quotedTexts(message); },
       .overrides = {},
       .onServiceChosen = {},
+      .previewQuotedTexts =
+          [](std::string_view message) -> std::vector<std::string> {
+        std::optional<std::string> html = MailParser::htmlSource(message);
+        if (!html) return {};
+        return MailParser::blockquoteTexts(std::move(*html));
+      },
+      .readMessage =
+          [](std::string_view message) {
+            const int64_t budget = UserSettings::shared().mailReadingMaxCharacters.get();
+            return MailReader::read(message, static_cast<size_t>(budget));
+          },
   };
 }
 

@@ -32,7 +32,7 @@ using terminal::PanelScreen;
 using terminal::Terminal;
 
 constexpr const char* kPanelHelp =
-    "Usage: lumora panel [MESSAGE] [--no-mouse] [--debug]\n"
+    "Usage: lumora panel [MESSAGE] [--read quoted|message] [--no-mouse] [--debug]\n"
     "\n"
     "The compose assistant as a full-screen panel in this terminal: write the instruction,\n"
     "pick a conversation and a model, Generate, and copy the reply.\n"
@@ -40,6 +40,9 @@ constexpr const char* kPanelHelp =
     "  MESSAGE     the raw message being answered (a file, or - for standard input);\n"
     "              without it, standard input when that is not a terminal and not empty,\n"
     "              else a new mail\n"
+    "  --read quoted|message\n"
+    "              what the model reads of MESSAGE, for this run: its quoted passages, or\n"
+    "              the whole message (default: the setting mailReading, else quoted)\n"
     "  --no-mouse  leave the mouse to the terminal (for selecting text)\n"
     "  --debug     debug lines on standard error, written when the panel closes if standard\n"
     "              error is the terminal (also LUMORA_DEBUG=1)\n"
@@ -53,6 +56,9 @@ constexpr const char* kPanelHelp =
     "  typing          on a picker: open it filtered; in an open picker: filter it\n"
     "  Up, Down, Enter  in an open picker: move and choose; Esc closes it\n"
     "  Ctrl-G, F5       Generate\n"
+    "  Ctrl-R           switch what the model reads: the quoted passages or the whole\n"
+    "                   message (the line above the pickers says which; remembered in\n"
+    "                   mailReading unless --read was given)\n"
     "  Ctrl-A, Ctrl-E, Ctrl-K, Ctrl-U, Ctrl-W   line start, line end, delete to end, delete\n"
     "                   to start, delete word\n"
     "Result page:\n"
@@ -74,6 +80,7 @@ constexpr auto kIdleWait = 50ms;
 
 struct Options {
   std::optional<std::string> message;
+  std::optional<std::string> reading;
   bool mouse = true;
   bool debug = false;
 };
@@ -134,10 +141,16 @@ class HeldDebugLines {
 };
 
 int parse(const Args& args, Options& o) {
-  for (const std::string& a : args) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
     if (a == "--help" || a == "-h") {
       std::fputs(kPanelHelp, stdout);
       return -1;
+    } else if (a == "--read" || a.starts_with("--read=")) {
+      if (a == "--read" && i + 1 < args.size()) o.reading = args[++i];
+      if (a != "--read") o.reading = a.substr(7);
+      if (!o.reading || !MailExtensionView::readingNamed(*o.reading))
+        return usageError("--read takes quoted or message", kPanelHelp);
     } else if (a == "--no-mouse") {
       o.mouse = false;
     } else if (a == "--debug") {
@@ -229,8 +242,11 @@ int panelCommand(const Args& args) {
     {
       HeldDebugLines held;
       std::unique_ptr<Terminal> terminal = Terminal::open(options.mouse);
-      auto panel = MailExtensionView::make(
-          panelDependencies(executor, session, defaultTransport(), *clipboard.pasteboard));
+      MailExtensionView::Dependencies deps =
+          panelDependencies(executor, session, defaultTransport(), *clipboard.pasteboard);
+      if (options.reading)
+        deps.overrides[std::string(MailExtensionView::kReadingKey)] = *options.reading;
+      auto panel = MailExtensionView::make(std::move(deps));
       PanelScreen screen(*panel, {.inChina = [&features] { return features.inChina(); },
                                   .copyNote = clipboard.note,
                                   .language = userLanguage()});

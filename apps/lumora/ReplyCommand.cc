@@ -15,6 +15,7 @@
 #include "Support.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/panel/MailExtensionView.h"
+#include "lumora/panel/PanelDescription.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Redact.h"
@@ -24,7 +25,8 @@ namespace {
 
 constexpr const char* kReplyHelp =
     "Usage: lumora reply [MESSAGE] [--model NAME] [--instruction TEXT]\n"
-    "                    [--conversation UUID] [--dry-run] [--debug]\n"
+    "                    [--conversation UUID] [--read quoted|message] [--dry-run]\n"
+    "                    [--debug]\n"
     "\n"
     "Writes a reply with the chosen model and streams it to standard output.\n"
     "\n"
@@ -34,6 +36,11 @@ constexpr const char* kReplyHelp =
     "                       the default model)\n"
     "  --instruction TEXT   the instruction for this run\n"
     "  --conversation UUID  the stored conversation to use as preset for this run\n"
+    "  --read quoted|message\n"
+    "                       what the model reads of MESSAGE: its quoted passages, or the\n"
+    "                       whole message (sender, subject, date, the new text, then the\n"
+    "                       earlier thread; no signature, attachments named only)\n"
+    "                       (default: the setting mailReading, else quoted)\n"
     "  --dry-run            print the request as JSON instead of sending it\n"
     "  --debug              debug lines on standard error (also LUMORA_DEBUG=1)\n"
     "\n"
@@ -45,6 +52,7 @@ struct Options {
   std::optional<std::string> model;
   std::optional<std::string> instruction;
   std::optional<std::string> conversation;
+  std::optional<std::string> reading;
   bool dryRun = false;
   bool debug = false;
 };
@@ -159,6 +167,9 @@ int parse(const Args& args, Options& o) {
       if (!value(o.instruction)) return usageError("--instruction needs a text", kReplyHelp);
     } else if (is("--conversation")) {
       if (!value(o.conversation)) return usageError("--conversation needs a UUID", kReplyHelp);
+    } else if (is("--read")) {
+      if (!value(o.reading) || !MailExtensionView::readingNamed(*o.reading))
+        return usageError("--read takes quoted or message", kReplyHelp);
     } else if (a.size() > 1 && a[0] == '-') {
       return usageError("unknown option '" + a + "'", kReplyHelp);
     } else if (!o.message) {
@@ -226,6 +237,8 @@ int replyCommand(const Args& args) {
     if (options.conversation)
       deps.overrides[std::string(MailExtensionView::kSelectedConversationKey)] =
           *options.conversation;
+    if (options.reading)
+      deps.overrides[std::string(MailExtensionView::kReadingKey)] = *options.reading;
 
     auto panel = MailExtensionView::make(std::move(deps));
     // A dry run sends nothing and waits for nothing, so it needs no thread for the signals.
@@ -256,6 +269,11 @@ int replyCommand(const Args& args) {
     });
 
     panel->panelDidAppear();
+    // What the model will read, for the person at the terminal; scripts never see it.
+    if (isatty(STDERR_FILENO) == 1) {
+      const std::string line = PanelDescription::readingLine(*panel, userLanguage());
+      std::fprintf(stderr, "%s\n", redact::scrub(line).c_str());
+    }
     panel->startGeneration();
     // The panel posts each chunk of the reply to the executor on its own. Woken for every one,
     // this thread would sleep and wake, and write, once per record the server sends; so once

@@ -98,6 +98,7 @@ constexpr std::pair<PanelOperation, std::string_view> kOperationNames[] = {
     {PanelOperation::selectConversation, "selectConversation"},
     {PanelOperation::selectModel, "selectModel"},
     {PanelOperation::setConversationModel, "setConversationModel"},
+    {PanelOperation::switchReading, "switchReading"},
 };
 }  // namespace
 
@@ -131,6 +132,9 @@ std::string stateMessage(const PanelDescription& d) {
     state["conversationPicker"] = pickerJson(d.conversationPicker);
     state["modelPicker"] = pickerJson(d.modelPicker);
     state["generate"] = buttonJson(d.generate);
+    state["reading"] = {{"line", d.reading.line},
+                        {"wholeMessage", d.reading.wholeMessage},
+                        {"toggle", buttonJson(d.reading.toggle)}};
   } else {
     json buttons = json::array();
     for (const auto& button : d.buttons) buttons.push_back(buttonJson(button));
@@ -359,6 +363,12 @@ void NativeHost::operation(const json& request) {
     case PanelOperation::setConversationModel:
       if (needValue()) panel_->setPickedModel(*value);
       return;
+    case PanelOperation::switchReading:
+      // With a value, the reading it names; without, the other one.
+      if (!value) return panel_->switchReading();
+      if (const auto reading = MailExtensionView::readingNamed(*value))
+        return panel_->setReading(*reading);
+      return sendError("The reading \"" + *value + "\" is neither \"quoted\" nor \"message\".");
   }
 }
 

@@ -56,6 +56,9 @@ bool isGenerateKey(const Key& key) {
   return key.kind == Kind::generate || (key.kind == Kind::control && key.letter == 'g');
 }
 
+// Switches what the model reads: the quoted passages or the whole message.
+bool isReadingKey(const Key& key) { return key.kind == Kind::control && key.letter == 'r'; }
+
 }  // namespace
 
 PanelScreen::PanelScreen(MailExtensionView& panel, Settings settings)
@@ -92,6 +95,7 @@ void PanelScreen::run(PanelOperation operation) {
     case PanelOperation::stopGeneration: panel_.stopGeneration(); break;
     case PanelOperation::copyOutput: panel_.copyOutput(); break;
     case PanelOperation::leaveResult: panel_.leaveResult(); break;
+    case PanelOperation::switchReading: panel_.switchReading(); break;
     default: break;
   }
 }
@@ -146,6 +150,10 @@ PanelScreen::Outcome PanelScreen::handleInput(const PanelDescription& d, const K
   if (picker_.isOpen()) return handlePicker(d, key);
   if (isGenerateKey(key)) {
     run(d.generate.operation);
+    return Outcome::stay;
+  }
+  if (isReadingKey(key)) {
+    run(d.reading.toggle.operation);
     return Outcome::stay;
   }
   if (key.kind == Kind::tab || key.kind == Kind::backTab) {
@@ -293,6 +301,7 @@ void PanelScreen::handleClick(const PanelDescription& d, const Key& key) {
       break;
     }
     case Target::generate: run(d.generate.operation); break;
+    case Target::reading: run(d.reading.toggle.operation); break;
     case Target::button:
       if (hit->index < d.buttons.size()) run(d.buttons[hit->index].operation);
       break;
@@ -372,9 +381,10 @@ int PanelScreen::drawHeader(Canvas& canvas, const PanelDescription& d) {
 void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) {
   const int rows = canvas.rows();
   const int columns = canvas.columns();
+  const int readingRow = rows - 4;
   const int pickerRow = rows - 3;
   const int generateRow = rows - 2;
-  const int boxBottom = std::max(top + 2, rows - 4);
+  const int boxBottom = std::max(top + 2, rows - 5);
 
   // The instruction editor in its outline.
   const bool editing = focus_ == Focus::editor && !picker_.isOpen();
@@ -406,6 +416,11 @@ void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) 
     cursorRow_ = top + 1 + view.cursorRow;
     cursorColumn_ = 2 + view.cursorColumn;
   }
+
+  // What the model will read; a click on it switches the reading, as Ctrl-R does.
+  const int readingWidth =
+      canvas.write(readingRow, 1, d.reading.line, kDim, columns - 2);
+  hits_.push_back({readingRow, readingRow + 1, 0, 1 + readingWidth, Target::reading});
 
   // The two pickers side by side, then Generate.
   const int half = (columns - 2) / 2;
@@ -601,6 +616,7 @@ void PanelScreen::drawKeys(Canvas& canvas, const PanelDescription& d) {
     if (focus_ == Focus::generate) add("Enter", d.generate.label);
     add("Tab", "next field");
     add("Ctrl-G", d.generate.label);
+    add("Ctrl-R", d.reading.toggle.label);
     add(focus_ == Focus::generate ? "q" : "Ctrl-Q", "quit");
   }
   canvas.write(canvas.rows() - 1, 0, padded(keys, canvas.columns()), kReverse);

@@ -49,7 +49,7 @@ class PanelScreen {
 
  private:
   enum class Focus { editor, conversations, models, generate };
-  enum class Target { back, editor, conversations, models, generate, button, entry, list };
+  enum class Target { back, editor, conversations, models, generate, reading, button, entry, list };
   // Where a click lands: rows [top, bottom) and columns [from, to).
   struct Hit {
     int top, bottom, from, to;

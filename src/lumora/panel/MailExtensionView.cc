@@ -84,6 +84,80 @@ void MailExtensionView::setSelectedConversationId(const std::string& v) {
   store(kSelectedConversationKey, v);
 }
 
+std::string_view MailExtensionView::readingName(Reading reading) {
+  return reading == Reading::message ? "message" : "quoted";
+}
+
+std::optional<MailExtensionView::Reading> MailExtensionView::readingNamed(std::string_view name) {
+  if (name == "quoted") return Reading::quoted;
+  if (name == "message") return Reading::message;
+  return std::nullopt;
+}
+
+MailExtensionView::Reading MailExtensionView::reading() const {
+  // A stored word that names no reading, written by hand or by another version, reads as the
+  // default.
+  return readingNamed(stored(kReadingKey, "quoted")).value_or(Reading::quoted);
+}
+
+void MailExtensionView::setReading(Reading value) {
+  store(kReadingKey, std::string(readingName(value)));
+}
+
+void MailExtensionView::switchReading() {
+  setReading(reading() == Reading::quoted ? Reading::message : Reading::quoted);
+}
+
+const MailReading& MailExtensionView::messageReading(std::string_view raw) const {
+  if (!messageReading_)
+    messageReading_ = deps_.readMessage ? deps_.readMessage(raw) : MailReader::read(raw);
+  return *messageReading_;
+}
+
+const MailExtensionView::ReadingSummary& MailExtensionView::readingSummary() const {
+  const Reading now = reading();
+  std::optional<ReadingSummary>& slot = summaries_[now == Reading::message ? 1 : 0];
+  if (slot) return *slot;
+  ReadingSummary summary;
+  using Kind = ReadingSummary::Kind;
+  const Message* original = deps_.session.originalMessage();
+  const std::optional<std::string_view> raw = original ? original->rawData() : std::nullopt;
+  if (!raw) {
+    summary.kind = Kind::newMail;
+  } else if (now == Reading::quoted) {
+    summary.kind = Kind::noPassages;  // bytes that are not UTF-8 count as no message at all
+    if (text::isValidUtf8(*raw)) {
+      try {
+        const auto& read = deps_.previewQuotedTexts ? deps_.previewQuotedTexts : deps_.quotedTexts;
+        const std::vector<std::string> passages = read(*raw);
+        if (!passages.empty()) {
+          summary.kind = Kind::passages;
+          summary.passages = passages.size();
+          summary.characters = passages.size() - 1;  // the line ends that join them
+          for (const std::string& passage : passages)
+            summary.characters += text::codePointCount(passage);
+        }
+      } catch (...) {
+        summary.kind = Kind::unreadable;
+        summary.failure = describeFailure(std::current_exception());
+      }
+    }
+  } else {
+    const MailReading& message = messageReading(*raw);
+    if (message.text.empty()) {
+      summary.kind = Kind::emptyMessage;
+    } else {
+      summary.kind = message.draft ? Kind::draft : Kind::message;
+      summary.characters = message.characters;
+      summary.sender = message.senderName.empty() ? message.senderAddress : message.senderName;
+      summary.earlier = message.earlierMessages;
+      summary.shortened = message.shortened;
+    }
+  }
+  slot = std::move(summary);
+  return *slot;
+}
+
 std::shared_ptr<CDConversation> MailExtensionView::selectedConversation() const {
   const std::string wanted = selectedConversationId();
   for (const auto& c : conversations_)
@@ -273,11 +347,17 @@ void MailExtensionView::generate(const std::shared_ptr<Task>& task) {
   std::vector<ChatMessage> messages;
   std::unique_ptr<LLMClient> client;
   try {
-    // The message being answered. Bytes that are not UTF-8 count as no message at all.
+    // The message being answered. Its quoted passages: bytes that are not UTF-8 count as no
+    // message at all. The whole message: one passage, read from any bytes.
     if (const Message* original = deps_.session.originalMessage()) {
-      if (std::optional<std::string_view> raw = original->rawData();
-          raw && text::isValidUtf8(*raw))
-        passages = deps_.quotedTexts(*raw);
+      if (std::optional<std::string_view> raw = original->rawData()) {
+        if (reading() == Reading::message) {
+          const MailReading& message = messageReading(*raw);
+          if (!message.text.empty()) passages.push_back(message.text);
+        } else if (text::isValidUtf8(*raw)) {
+          passages = deps_.quotedTexts(*raw);
+        }
+      }
     }
 
     model = selectedModel();

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "lumora/chat/ChatEnvironment.h"
+#include "lumora/mailcontent/MailReader.h"
 #include "lumora/chat/ChatMessage.h"
 #include "lumora/chat/Service.h"
 #include "lumora/panel/ComposeSession.h"
@@ -48,6 +49,8 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   static constexpr std::string_view kPromptKey = "mailDefaultPrompt";
   static constexpr std::string_view kSelectedModelKey = "mailSelectedModel";
   static constexpr std::string_view kSelectedConversationKey = "mailSelectedConversationId";
+  // What the model reads of the message being answered: "quoted" or "message".
+  static constexpr std::string_view kReadingKey = "mailReading";
   static constexpr std::string_view kDefaultPrompt = "You're my assistant, please reply this email";
   // The least time between two saves of a conversation's edits.
   static constexpr std::chrono::seconds kSaveInterval{1};
@@ -72,6 +75,39 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
     std::map<std::string, std::string, std::less<>> overrides;
     // Told the service each run goes to, on the executor (the command's dry run shows it).
     std::function<void(const Service&)> onServiceChosen;
+    // The same passages as quotedTexts, read without its debug line: for saying what a run
+    // will send before it runs. Unset: quotedTexts.
+    std::function<std::vector<std::string>(std::string_view)> previewQuotedTexts;
+    // The whole-message reading of a raw message, within the budget the settings give. Unset:
+    // MailReader's own, with its default budget.
+    std::function<MailReading(std::string_view)> readMessage;
+  };
+
+  // What the model is given of the message being answered: its quoted passages (the default),
+  // or the whole message, new text apart from the earlier thread.
+  enum class Reading { quoted, message };
+  static std::string_view readingName(Reading reading);
+  // The reading named `name`; nullopt for any other word.
+  static std::optional<Reading> readingNamed(std::string_view name);
+
+  // What a run would send of the message, said before it runs.
+  struct ReadingSummary {
+    enum class Kind {
+      newMail,       // no message behind the mail: the instruction alone
+      passages,      // quoted: `passages` passages
+      noPassages,    // quoted: the message quotes nothing, the instruction alone
+      unreadable,    // quoted: the message cannot be read (`failure` says why)
+      message,       // message: the sender's message and `earlier` earlier ones
+      draft,         // message: a draft, with the message it answers when `earlier` > 0
+      emptyMessage,  // message: no text in it, the instruction alone
+    };
+    Kind kind = Kind::newMail;
+    size_t passages = 0;
+    size_t characters = 0;  // of the user's message as it goes
+    std::string sender;     // the sender's name, or address
+    size_t earlier = 0;
+    bool shortened = false;  // the message was cut to its budget
+    std::string failure;
   };
 
   static std::shared_ptr<MailExtensionView> make(Dependencies dependencies);
@@ -99,6 +135,14 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void setSelectedModel(const std::string& value);
   std::string selectedConversationId() const;
   void setSelectedConversationId(const std::string& value);
+  Reading reading() const;
+  void setReading(Reading value);
+  // From one reading to the other.
+  void switchReading();
+
+  // What the next run would send of the message, under the reading now chosen. The message is
+  // read once per reading and kept: a run sends what this said.
+  const ReadingSummary& readingSummary() const;
 
   // True when there is text to show, or a run is under way: the result page.
   bool showsResult() const { return !output_.empty() || generating_; }
@@ -138,6 +182,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
   void finish(const std::shared_ptr<Task>& task);
   void copied(const std::string& failure);
+  const MailReading& messageReading(std::string_view raw) const;
   void changed();
   void followEditedConversation();
   void endEditing();
@@ -158,6 +203,9 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   bool appeared_ = false;
   std::unique_ptr<Editing> editing_;  // while a conversation's editor is up
   bool savePosted_ = false;           // a save waits on the executor
+  // The message as each reading reads it, once asked for.
+  mutable std::optional<MailReading> messageReading_;
+  mutable std::optional<ReadingSummary> summaries_[2];
   std::jthread copier_;               // the latest copy; declared last, so joined first
 };
 

@@ -24,7 +24,8 @@ enum class PanelOperation {
   setInstruction,      // the instruction editor
   selectConversation,  // the conversation picker
   selectModel,         // the model picker (the stored selection)
-  setConversationModel // the model picker of a chosen conversation
+  setConversationModel,  // the model picker of a chosen conversation
+  switchReading,       // what the model reads: the quoted passages or the whole message
 };
 
 struct PanelDescription {
@@ -62,6 +63,13 @@ struct PanelDescription {
   Picker conversationPicker;
   Picker modelPicker;
   Button generate;
+  // What the model will read of the message, and the control that switches the reading.
+  struct Reading {
+    std::string line;
+    bool wholeMessage = false;  // the whole-message reading is chosen
+    Button toggle;              // switchReading, labelled with the reading it switches to
+  };
+  Reading reading;
 
   // The result page.
   ReplyText output;
@@ -70,6 +78,9 @@ struct PanelDescription {
   unsigned copyBounces = 0;
   // A copy is under way ("Copying…" beside the buttons); Copy does nothing meanwhile.
   bool copying = false;
+
+  // The line that says what the model reads, for `summary`.
+  static std::string readingLine(const MailExtensionView& panel, Language language);
 
   // `inChina` picks the model list; `language` the fixed words.
   static PanelDescription describe(const MailExtensionView& panel, bool inChina,

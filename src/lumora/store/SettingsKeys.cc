@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <vector>
 
 #include "lumora/platform/Errors.h"
 
@@ -95,7 +96,38 @@ constexpr SettingKey kKeys[] = {
     // What one process takes in: the message answered, and the reply, in MiB.
     plain("maxMessageMiB", kOwn, kNumber, "64"),
     plain("maxReplyMiB", kOwn, kNumber, "16"),
+    // What the model reads of the message answered, and the most characters of the whole
+    // message it is given.
+    {"mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},
+    {"mailReadingMaxCharacters", kOwn, kInteger, "60000", {}, false, {}, 1000},
 };
+
+std::optional<json> decodeSettingType(const SettingKey& entry, const json& stored);
+json parseSettingTextType(const SettingKey& entry, std::string_view text);
+
+// The choices of `entry` one by one.
+std::vector<std::string_view> choicesOf(const SettingKey& entry) {
+  std::vector<std::string_view> words;
+  std::string_view rest = entry.choices;
+  while (!rest.empty()) {
+    const size_t bar = rest.find('|');
+    words.push_back(rest.substr(0, bar));
+    if (bar == std::string_view::npos) break;
+    rest.remove_prefix(bar + 1);
+  }
+  return words;
+}
+
+// The value fits the key's choices and least value.
+bool withinBounds(const SettingKey& entry, const json& value) {
+  if (!entry.choices.empty() && value.is_string()) {
+    const auto words = choicesOf(entry);
+    return std::find(words.begin(), words.end(), value.get_ref<const std::string&>()) !=
+           words.end();
+  }
+  if (value.is_number_integer()) return value.get<int64_t>() >= entry.least;
+  return true;
+}
 
 bool isStringList(const json& value) {
   return value.is_array() &&
@@ -110,6 +142,14 @@ bool isStringDictionary(const json& value) {
 }  // namespace
 
 std::optional<json> decodeSetting(const SettingKey& entry, const json& stored) {
+  std::optional<json> value = decodeSettingType(entry, stored);
+  if (value && !withinBounds(entry, *value)) return std::nullopt;
+  return value;
+}
+
+namespace {
+
+std::optional<json> decodeSettingType(const SettingKey& entry, const json& stored) {
   switch (entry.type) {
     case SettingType::string:
       if (auto text = defaults::asString(stored)) return json(std::move(*text));
@@ -136,11 +176,9 @@ std::optional<json> decodeSetting(const SettingKey& entry, const json& stored) {
   return std::nullopt;
 }
 
-namespace {
-
 [[noreturn]] void refuse(const SettingKey& entry) {
   throw DecodingError("The setting \"" + std::string(entry.key) + "\" takes " +
-                      std::string(describeSettingType(entry.type)) + ".");
+                      describeSetting(entry) + ".");
 }
 
 bool isUtf8(std::string_view text) {
@@ -181,7 +219,30 @@ std::string_view describeSettingType(SettingType type) {
   return "";
 }
 
+std::string describeSetting(const SettingKey& entry) {
+  if (!entry.choices.empty()) {
+    const auto words = choicesOf(entry);
+    std::string out;
+    for (size_t i = 0; i < words.size(); ++i) {
+      if (i > 0) out += i + 1 == words.size() ? " or " : ", ";
+      out += words[i];
+    }
+    return out;
+  }
+  if (entry.type == SettingType::integer && entry.least != INT64_MIN)
+    return "a whole number of at least " + std::to_string(entry.least);
+  return std::string(describeSettingType(entry.type));
+}
+
 json parseSettingText(const SettingKey& entry, std::string_view text) {
+  json value = parseSettingTextType(entry, text);
+  if (!withinBounds(entry, value)) refuse(entry);
+  return value;
+}
+
+namespace {
+
+json parseSettingTextType(const SettingKey& entry, std::string_view text) {
   const char* first = text.data();
   const char* last = first + text.size();
   switch (entry.type) {
@@ -217,6 +278,8 @@ json parseSettingText(const SettingKey& entry, std::string_view text) {
   }
   refuse(entry);
 }
+
+}  // namespace
 
 json settingDefault(const SettingKey& entry, bool inChina) {
   const std::string_view text =

@@ -10,6 +10,7 @@
 // Pure functions over constant data; thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
@@ -42,6 +43,10 @@ struct SettingKey {
   std::string_view defaultText;       // the default in text form
   std::string_view chinaDefaultText;  // the default for users in China; empty: defaultText
   bool credential = false;            // shown masked, never in clear
+  // A string key that takes only these words, separated by "|"; empty: any text.
+  std::string_view choices = {};
+  // An integer key's least value.
+  int64_t least = INT64_MIN;
 };
 
 // Every key: the fields of UserSettings in their order, then the keys that their readers read
@@ -82,5 +87,8 @@ nlohmann::json parseSettingText(const SettingKey& entry, std::string_view text);
 
 // "true or false", "a whole number", ...: what a key of `type` takes, for messages and help.
 std::string_view describeSettingType(SettingType type);
+
+// What `entry` takes, its choices or its least value included: "quoted or message".
+std::string describeSetting(const SettingKey& entry);
 
 }  // namespace lumora

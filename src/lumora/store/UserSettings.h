@@ -204,6 +204,8 @@ class UserSettings : private detail::SettingBinder {
   StringSetting clipboardCommand{bind("clipboardCommand")};
   DoubleSetting maxMessageMiB{bind("maxMessageMiB")};
   DoubleSetting maxReplyMiB{bind("maxReplyMiB")};
+  StringSetting mailReading{bind("mailReading")};
+  IntegerSetting mailReadingMaxCharacters{bind("mailReadingMaxCharacters")};
 
   // The two limits in bytes. A value that is not a positive number of at most 1 TiB, or a
   // settings file that cannot be read, gives the default.

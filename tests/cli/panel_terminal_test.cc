@@ -292,6 +292,50 @@ TEST_F(PanelTerminalTest, PickGenerateStopRegenerateCopyBack) {
 
 // A terminal type without cursor addressing still gets the panel, in plain ANSI; a failure
 // shows above the page, and Ctrl-C leaves with the interrupted status.
+// The line that says what the model reads, Ctrl-R to read the whole message instead, and the
+// same line from `lumora reply` when its standard error is the terminal.
+TEST_F(PanelTerminalTest, TheReadingLineAndItsSwitch) {
+  const auto path = home_ / "mars.eml";
+  std::ofstream(path, std::ios::binary) << marsMessage();
+  server_.enqueue(Response::stream(sseRecord("Friday it is.", "stop") + "data: [DONE]\n\n", 64));
+
+  Tmux tmux(tmuxProgram_, home_.path());
+  openPanel(tmux, path.string());
+  ASSERT_TRUE(tmux.waitFor("The model reads: 1 quoted passage (30 characters)")) << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Ctrl-R Read the whole message")) << tmux.last();
+  tmux.keys({"C-r"});
+  ASSERT_TRUE(tmux.waitFor("The model reads: the message from Ann and 1 earlier message"))
+      << tmux.last();
+  EXPECT_TRUE(has(tmux.last(), "Ctrl-R Read only the quoted passages")) << tmux.last();
+  // The instruction is untouched by the key.
+  EXPECT_TRUE(has(tmux.last(), "You're my assistant, please reply this email")) << tmux.last();
+  tmux.keys({"C-g"});
+  ASSERT_TRUE(tmux.waitFor("Friday it is.")) << tmux.last();
+  ASSERT_EQ(server_.requests().size(), 1u);
+  const auto messages = nlohmann::json::parse(server_.requests()[0].body)["messages"];
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[1]["content"],
+            "From: Ann <ann@example.org>\nDate: Mon, 23 Nov 2026 10:00:00 +0000\n"
+            "Subject: Trip to Mars\n\nSure!\n\n----- Earlier messages in the thread -----\n"
+            "> Shall we have lunch on Friday?");
+  tmux.keys({"C-q"});
+  ASSERT_TRUE(tmux.waitFor("[exit 0]")) << tmux.last();
+  EXPECT_EQ(lumora({"settings", "get", "mailReading"}).out, "message\n");
+  tmux.close();
+
+  // `lumora reply` says it on the terminal, before the request.
+  Tmux reply(tmuxProgram_, home_.path());
+  std::string command = "env";
+  for (const auto& [name, value] : environment())
+    if (name != "LUMORA_DEBUG") command += " " + name + "=" + quoted(value);
+  command += " " + quoted(LUMORA_BINARY) + " reply --read quoted --dry-run " +
+             quoted(path.string()) + " >/dev/null; echo \"[exit $?]\"; sleep 60";
+  ASSERT_EQ(reply.start(command).status, 0);
+  ASSERT_TRUE(reply.waitFor("[exit 0]")) << reply.last();
+  EXPECT_TRUE(has(reply.last(), "The model reads: 1 quoted passage (30 characters)"))
+      << reply.last();
+}
+
 TEST_F(PanelTerminalTest, DumbTerminalErrorsAndInterrupt) {
   server_.enqueue(Response::json(
       401, R"({"error":{"message":"Incorrect API key provided.","code":"invalid_api_key"}})"));

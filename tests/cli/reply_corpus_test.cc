@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "lumora/mailcontent/MailReader.h"
 #include "support/Fixtures.h"
 #include "support/LumoraHome.h"
 
@@ -101,6 +102,62 @@ TEST_F(ReplyCorpusTest, EveryMessageRunsToARequestOrAClearFailure) {
   }
   EXPECT_EQ(requests + failures, 301u);
   EXPECT_GE(requests, 250u);
+}
+
+// The whole-message reading through the command, on our own messages: the instruction as the
+// system message and the reading as the one user message; the quoted reading, asked for or not,
+// sends what it always sent.
+TEST_F(ReplyCorpusTest, TheWholeMessageReadingThroughTheCommand) {
+  const std::filesystem::path dir =
+      std::filesystem::path(LUMORA_SOURCE_DIR) / "tests/mailcontent/reading/messages";
+  size_t read = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().extension() != ".eml") continue;
+    SCOPED_TRACE(entry.path().filename().string());
+    ++read;
+    const std::string file = entry.path().string();
+    const testing::ProcessResult whole =
+        home_.run({"reply", "--model", "gpt-4o", "--read", "message", "--dry-run", file});
+    ASSERT_EQ(whole.status, 0) << whole.err;
+    EXPECT_EQ(whole.err, "");  // the reading line is for a terminal only
+    const auto messages = nlohmann::json::parse(whole.out)["body"]["messages"];
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0]["role"], "system");
+    EXPECT_EQ(messages[0]["content"], kInstruction);
+    EXPECT_EQ(messages[1]["role"], "user");
+    EXPECT_EQ(messages[1]["content"], MailReader::read(testing::readFile(entry.path())).text);
+
+    const testing::ProcessResult quoted =
+        home_.run({"reply", "--model", "gpt-4o", "--read", "quoted", "--dry-run", file});
+    const testing::ProcessResult plain = home_.run({"reply", "--model", "gpt-4o", "--dry-run", file});
+    EXPECT_EQ(quoted.status, plain.status);
+    EXPECT_EQ(quoted.out, plain.out);
+    EXPECT_EQ(quoted.err, plain.err);
+  }
+  EXPECT_GE(read, 30u);
+}
+
+TEST_F(ReplyCorpusTest, TheReadingComesFromTheSettingAndAnUnknownOneSendsNothing) {
+  const std::string file = (std::filesystem::path(LUMORA_SOURCE_DIR) /
+                            "tests/mailcontent/reading/messages/01-plain-question.eml")
+                               .string();
+  ASSERT_EQ(home_.run({"settings", "set", "mailReading", "message"}).status, 0);
+  const auto body = [](const testing::ProcessResult& r) {
+    return nlohmann::json::parse(r.out)["body"]["messages"];
+  };
+  const auto stored = body(home_.run({"reply", "--model", "gpt-4o", "--dry-run", file}));
+  EXPECT_EQ(stored.size(), 2u);
+  EXPECT_EQ(stored.back()["content"], MailReader::read(testing::readFile(file)).text);
+  // The option wins over the setting.
+  const auto quoted = body(home_.run({"reply", "--model", "gpt-4o", "--read=quoted", "--dry-run", file}));
+  EXPECT_EQ(quoted.size(), 1u);
+  EXPECT_EQ(quoted[0]["content"], kInstruction);
+  for (const std::string bad : {"--read=whole", "--read"}) {
+    const testing::ProcessResult r = home_.run({"reply", bad, "--dry-run", file});
+    EXPECT_EQ(r.status, 2) << bad;
+    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(r.err.starts_with("lumora: --read takes quoted or message\n")) << r.err;
+  }
 }
 
 }  // namespace

@@ -211,6 +211,127 @@ TEST_F(PanelTest, AParserFailureIsShownAndNothingIsSent) {
   EXPECT_FALSE(panel->generating());
 }
 
+// A reply in Latin-1 8bit, which the quoted reading leaves alone (its bytes are not UTF-8) and
+// the whole-message reading reads.
+const std::string kLatin1Reply =
+    "From: Carla Mendes <carla@example.org>\r\nDate: Tue, 3 Nov 2026 09:12:44 +0100\r\n"
+    "Subject: Rechnung\r\nContent-Type: text/plain; charset=iso-8859-1\r\n"
+    "Content-Transfer-Encoding: 8bit\r\n\r\nK\xf6nnen Sie bis Freitag zahlen?\r\n\r\n"
+    "On Mon, 2 Nov 2026, Sam Lee <sam@example.org> wrote:\r\n> Die Rechnung folgt.\r\n";
+
+TEST_F(PanelTest, TheWholeMessageGoesAsOneUserMessageUnderTheInstruction) {
+  struct Case {
+    const char* name;
+    std::optional<CDConversation::Fields> conversation;
+    std::string conversationId;
+    std::string system;  // empty: no system message
+  };
+  const Case cases[] = {
+      {"no conversation", std::nullopt, "", "You're my assistant, please reply this email"},
+      {"a conversation with an instruction",
+       CDConversation::Fields{.id = kConversationId, .systemPrompt = "Be brief."},
+       kConversationId, "Be brief."},
+      {"a conversation without one", CDConversation::Fields{.id = kConversationId},
+       kConversationId, ""},
+  };
+  const MailReading expected = MailReader::read(kLatin1Reply);
+  ASSERT_NE(expected.newText.find("Können Sie bis Freitag zahlen?"), std::string::npos);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    conversations_.set(c.conversation);
+    own_.set("mailSelectedConversationId", c.conversationId);
+    own_.set("mailReading", "message");
+    passages_ = {"never asked for"};
+    auto panel = makePanel(kLatin1Reply, true);
+    panel->panelDidAppear();
+    generate(*panel);
+    const std::string system =
+        c.system.empty() ? "" : "system: " + c.system + "\n";
+    EXPECT_EQ(brief(lastBody()["messages"]), system + "user: " + expected.text + "\n");
+  }
+  // With no message behind the mail the reading changes nothing: the instruction alone.
+  conversations_.set(std::nullopt);
+  own_.set("mailSelectedConversationId", "");
+  auto panel = makePanel();
+  panel->panelDidAppear();
+  generate(*panel);
+  EXPECT_EQ(brief(lastBody()["messages"]), "user: You're my assistant, please reply this email\n");
+}
+
+TEST_F(PanelTest, TheReadingLineSaysWhatARunWillSend) {
+  struct Case {
+    const char* name;
+    std::optional<std::string> raw;  // none: a new mail
+    const char* reading;
+    std::vector<std::string> passages;
+    bool parserFails;
+    std::string line;
+    std::string toggle;
+  };
+  const std::string draft = "Hi Carla,\n\nOn Tue, Carla Mendes wrote:\n> Are you coming?\n";
+  const Case cases[] = {
+      {"new mail", std::nullopt, "quoted", {}, false,
+       "A new mail: the model gets your instruction alone", "Read the whole message"},
+      {"two passages", "x", "quoted", {"abc", "dé"}, false,
+       "The model reads: 2 quoted passages (6 characters)", "Read the whole message"},
+      {"one passage", "x", "quoted", {"a"}, false,
+       "The model reads: 1 quoted passage (1 characters)", "Read the whole message"},
+      {"nothing quoted", kLatin1Reply, "quoted", {"not UTF-8, never asked"}, false,
+       "This mail quotes nothing: the model gets your instruction alone", "Read the whole message"},
+      {"unreadable", "x", "quoted", {}, true,
+       "The quoted passages cannot be read: The message could not be read.",
+       "Read the whole message"},
+      {"the whole message", kLatin1Reply, "message", {}, false,
+       "The model reads: the message from Carla Mendes and 1 earlier message (" +
+           std::to_string(MailReader::read(kLatin1Reply).characters) + " characters)",
+       "Read only the quoted passages"},
+      {"a draft", draft, "message", {}, false,
+       "The model reads: your draft and the message it answers (" +
+           std::to_string(MailReader::read(draft).characters) + " characters)",
+       "Read only the quoted passages"},
+      {"an empty message", "", "message", {}, false,
+       "This message holds no text: the model gets your instruction alone",
+       "Read only the quoted passages"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    own_.set("mailReading", c.reading);
+    passages_ = c.passages;
+    parserFailure_ = c.parserFails ? std::make_exception_ptr(
+                                         DecodingError("The message could not be read."))
+                                   : nullptr;
+    auto panel = makePanel(c.raw, c.raw.has_value());
+    panel->panelDidAppear();
+    const PanelDescription d = PanelDescription::describe(*panel, false, Language::english);
+    EXPECT_EQ(d.reading.line, c.line);
+    EXPECT_EQ(d.reading.toggle.label, c.toggle);
+    EXPECT_EQ(d.reading.toggle.operation, PanelOperation::switchReading);
+  }
+  parserFailure_ = nullptr;
+}
+
+TEST_F(PanelTest, SwitchingTheReadingIsRememberedUnlessChosenForThisRunOnly) {
+  auto panel = makePanel(kLatin1Reply, true);
+  panel->panelDidAppear();
+  EXPECT_EQ(panel->reading(), MailExtensionView::Reading::quoted);
+  panel->switchReading();
+  EXPECT_EQ(panel->reading(), MailExtensionView::Reading::message);
+  EXPECT_EQ(own_.string("mailReading"), "message");
+  panel->switchReading();
+  EXPECT_EQ(own_.string("mailReading"), "quoted");
+  // A word that names no reading, written by another program, reads as the default.
+  own_.set("mailReading", "everything");
+  EXPECT_EQ(panel->reading(), MailExtensionView::Reading::quoted);
+
+  own_.remove("mailReading");
+  overrides_ = {{"mailReading", "message"}};
+  auto once = makePanel(kLatin1Reply, true);
+  EXPECT_EQ(once->reading(), MailExtensionView::Reading::message);
+  once->switchReading();
+  EXPECT_EQ(once->reading(), MailExtensionView::Reading::quoted);
+  EXPECT_FALSE(own_.string("mailReading").has_value());
+}
+
 TEST_F(PanelTest, TheModelIsFilledInOnlyWhenEmpty) {
   auto panel = makePanel();
   panel->panelDidAppear();

@@ -55,6 +55,8 @@ TEST_F(SettingsCommandTest, GetPrintsWhatTheSystemReads) {
       {"openAICompatibleModels", "[]\n"},
       {"azureModels", "{}\n"},
       {"defaultModel", "gpt-3.5-turbo\n"},
+      {"mailReading", "quoted\n"},
+      {"mailReadingMaxCharacters", "60000\n"},
   };
   for (const auto& [key, shown] : unset) {
     const ProcessResult r = settings({"get", key});
@@ -74,6 +76,8 @@ TEST_F(SettingsCommandTest, SetStoresTheValueFormOfTheKeysTypeInItsStore) {
       {"set", "azureModels", R"({"gpt-4": "prod"})"},
       {"set", "whisperLanguage", "--", "--fr"},
       {"set", "mailSelectedModel", "gpt-4"},
+      {"set", "mailReading", "message"},
+      {"set", "mailReadingMaxCharacters", "20000"},
   };
   for (const auto& args : sets) {
     const ProcessResult r = settings(args);
@@ -81,7 +85,11 @@ TEST_F(SettingsCommandTest, SetStoresTheValueFormOfTheKeysTypeInItsStore) {
     EXPECT_EQ(r.out + r.err, "");
   }
   EXPECT_EQ(json::parse(readFile(ownFile())),
-            json({{"fontSize", -1}, {"temperature", 0.5}, {"mailSelectedModel", "gpt-4"}}));
+            json({{"fontSize", -1},
+                  {"temperature", 0.5},
+                  {"mailSelectedModel", "gpt-4"},
+                  {"mailReading", "message"},
+                  {"mailReadingMaxCharacters", 20000}}));
   EXPECT_EQ(json::parse(readFile(sharedFile())), json({{"customApiDomainSendKey", true},
                                                        {"openAICompatibleModels", R"(["a", "b"])"},
                                                        {"azureModels", {{"gpt-4", "prod"}}},
@@ -165,6 +173,10 @@ TEST_F(SettingsCommandTest, UsageErrorsChangeNothing) {
       {{"set", "openAICompatibleModels", "a,b"},
        "lumora: The setting \"openAICompatibleModels\" takes a JSON list of strings, such as "
        "[\"llama3\", \"mixtral\"]."},
+      {{"set", "mailReading", "whole"},
+       "lumora: The setting \"mailReading\" takes quoted or message."},
+      {{"set", "mailReadingMaxCharacters", "999"},
+       "lumora: The setting \"mailReadingMaxCharacters\" takes a whole number of at least 1000."},
   };
   for (const Row& row : rows) {
     const ProcessResult r = settings(row.args);

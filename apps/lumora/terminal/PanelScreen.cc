@@ -381,10 +381,15 @@ int PanelScreen::drawHeader(Canvas& canvas, const PanelDescription& d) {
 void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) {
   const int rows = canvas.rows();
   const int columns = canvas.columns();
-  const int readingRow = rows - 4;
+  // What the model reads: on one row, or two when the line is long (a sender's long name).
+  const std::string& readingText = d.reading.line;
+  const auto readingLines = wrapLines(readingText, columns - 2);
   const int pickerRow = rows - 3;
+  const bool roomForTwo = pickerRow - 3 >= top + 2;  // the editor keeps a row of text
+  const int readingRows = readingLines.size() > 1 && roomForTwo ? 2 : 1;
   const int generateRow = rows - 2;
-  const int boxBottom = std::max(top + 2, rows - 5);
+  const int readingRow = pickerRow - readingRows;
+  const int boxBottom = std::max(top + 2, readingRow - 1);
 
   // The instruction editor in its outline.
   const bool editing = focus_ == Focus::editor && !picker_.isOpen();
@@ -417,10 +422,15 @@ void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) 
     cursorColumn_ = 2 + view.cursorColumn;
   }
 
-  // What the model will read; a click on it switches the reading, as Ctrl-R does.
-  const int readingWidth =
-      canvas.write(readingRow, 1, d.reading.line, kDim, columns - 2);
-  hits_.push_back({readingRow, readingRow + 1, 0, 1 + readingWidth, Target::reading});
+  // A click on the reading line switches the reading, as Ctrl-R does.
+  for (int i = 0; i < readingRows && i < static_cast<int>(readingLines.size()); ++i) {
+    const auto& line = readingLines[static_cast<size_t>(i)];
+    std::string shown(readingText.substr(line.begin, line.contentEnd - line.begin));
+    if (i + 1 == readingRows && readingLines.size() > static_cast<size_t>(readingRows))
+      shown = truncated(shown + " …", columns - 2);
+    canvas.write(readingRow + i, 1, shown, kDim, columns - 2);
+  }
+  hits_.push_back({readingRow, readingRow + readingRows, 0, columns, Target::reading});
 
   // The two pickers side by side, then Generate.
   const int half = (columns - 2) / 2;

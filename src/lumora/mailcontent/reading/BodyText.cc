@@ -189,8 +189,10 @@ void addPlainLines(std::string_view text, bool flowed, bool delSp, TextLines& ou
     if (depth == 0 && !body.empty() && body.front() == ' ') body.remove_prefix(1);
     const bool signatureMark = body == "-- ";
     const bool soft = !signatureMark && !body.empty() && body.back() == ' ';
-    if (open && openDepth != depth) {
-      out.endLine(openDepth);  // a paragraph ends where the depth changes
+    // A paragraph ends where the depth changes, and before a signature's mark, which a
+    // sender's program may have left a soft break in front of.
+    if (open && (openDepth != depth || signatureMark)) {
+      out.endLine(openDepth);
       open = false;
     }
     if (soft && delSp) body.remove_suffix(1);

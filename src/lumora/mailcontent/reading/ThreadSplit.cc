@@ -387,6 +387,7 @@ std::string renderLines(const TextLines& lines, size_t begin, size_t end) {
   // An empty line waiting for the next line with text, and its depth.
   bool blank = false;
   uint32_t blankDepth = 0;
+  uint32_t previousDepth = 0;
   const auto marks = [&](uint32_t depth) {
     for (uint32_t d = 0; d < std::min(depth, kMostQuoteMarks); ++d) out += d == 0 ? ">" : " >";
   };
@@ -403,12 +404,13 @@ std::string renderLines(const TextLines& lines, size_t begin, size_t end) {
     if (!out.empty()) {
       out += '\n';
       if (blank) {
-        // Inside a quotation an empty line keeps the quotation's marks.
-        marks(std::min(blankDepth, line.depth));
+        // Inside a quotation an empty line keeps the marks of the quotation it stands in.
+        marks(std::min({blankDepth, line.depth, previousDepth}));
         out += '\n';
       }
     }
     blank = false;
+    previousDepth = line.depth;
     marks(line.depth);
     if (line.depth > 0) out += ' ';
     out += t;

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "NativeHost.h"
+#include "lumora/mailcontent/MailReader.h"
 #include "lumora/platform/Base64.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
@@ -172,6 +173,51 @@ TEST_F(NativeHostTest, OpensOnTheMessageSentInPiecesAndDrawsTheInputPage) {
 
   generate(FakeAnswer{.pieces = {sseRecord("ok")}});
   EXPECT_EQ(received_, message);  // the parser saw the message byte for byte
+}
+
+// The page learns what the model reads and switches the reading; the next run sends it.
+TEST_F(NativeHostTest, TheReadingLineAndItsSwitch) {
+  const std::string message =
+      "From: Carla Mendes <carla@example.org>\r\nDate: Tue, 3 Nov 2026 09:12:44 +0100\r\n"
+      "Subject: Offsite\r\n\r\nCould you send the agenda?\r\n";
+  receive(json{{"type", "open"}, {"messageSize", message.size()}});
+  receive(json{{"type", "messageData"}, {"data", base64::encode(message)}});
+  auto states = takeOfType("state");
+  ASSERT_FALSE(states.empty());
+  EXPECT_EQ(states.back()["reading"]["line"], "The model reads: 1 quoted passage (18 characters)");
+  EXPECT_EQ(states.back()["reading"]["wholeMessage"], false);
+  EXPECT_EQ(states.back()["reading"]["toggle"],
+            (json{{"label", "Read the whole message"}, {"symbol", ""},
+                  {"operation", "switchReading"}}));
+
+  const std::string whole = MailReader::read(message).text;
+  const std::string line = "The model reads: the message from Carla Mendes (" +
+                           std::to_string(MailReader::read(message).characters) + " characters)";
+  struct Step {
+    json operation;
+    bool wholeMessage;
+  };
+  const Step steps[] = {
+      {{{"type", "operation"}, {"name", "switchReading"}}, true},
+      {{{"type", "operation"}, {"name", "switchReading"}, {"value", "quoted"}}, false},
+      {{{"type", "operation"}, {"name", "switchReading"}, {"value", "message"}}, true},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.operation.dump());
+    receive(step.operation);
+    const json state = stateWhen([](const json&) { return true; });
+    EXPECT_EQ(state["reading"]["wholeMessage"], step.wholeMessage);
+    if (step.wholeMessage) {
+      EXPECT_EQ(state["reading"]["line"], line);
+    }
+    EXPECT_EQ(own_.string("mailReading"), step.wholeMessage ? "message" : "quoted");
+  }
+  receive(json{{"type", "operation"}, {"name", "switchReading"}, {"value", "all"}});
+  EXPECT_EQ(lastError(), "The reading \"all\" is neither \"quoted\" nor \"message\".");
+
+  generate(FakeAnswer{.pieces = {sseRecord("ok")}});
+  const auto body = json::parse(transport_.requests().back().body);
+  EXPECT_EQ(body["messages"].back()["content"], whole);
 }
 
 TEST_F(NativeHostTest, ChineseUserInterfaceGetsChineseWords) {

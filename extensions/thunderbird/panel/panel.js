@@ -83,6 +83,18 @@ function fillPicker(select, picker) {
   select.selectedIndex = index;
 }
 
+// What the model will read of the message, and the control that switches to the other reading.
+// The control's label is what a press does, so it carries no aria-pressed: with the whole
+// message on, a screen reader would say "Read only the quoted passages, pressed", the opposite.
+// The line, which describes the control and is announced as it changes, says which reading is on.
+function showReading(reading) {
+  $("reading").hidden = !reading; // a host from before the choice sends none
+  if (!reading) return;
+  $("readingLine").textContent = reading.line;
+  $("readingToggle").textContent = reading.toggle.label;
+  $("readingToggle").dataset.operation = reading.toggle.operation;
+}
+
 function render(next) {
   const previous = state;
   state = next;
@@ -105,6 +117,7 @@ function render(next) {
     fillPicker($("conversation"), next.conversationPicker);
     fillPicker($("model"), next.modelPicker);
     $("generate").textContent = next.generate.label;
+    showReading(next.reading);
     if (!previous || previous.page !== "input") $("instruction").focus();
   } else {
     const [copy, second] = next.buttons;
@@ -212,6 +225,7 @@ $("generate").addEventListener("click", () => {
   flushInstruction();
   operation("startGeneration");
 });
+$("readingToggle").addEventListener("click", (event) => operation(event.currentTarget.dataset.operation));
 $("copy").addEventListener("click", () => operation("copyOutput"));
 $("second").addEventListener("click", (event) => operation(event.currentTarget.dataset.operation));
 $("output").addEventListener("scroll", () => {

@@ -1,9 +1,10 @@
 // The end-to-end driver, a background script of the test build of the add-on only (run.py
 // builds it from the add-on's own files plus this folder). It plays the user: opens the panel
-// on a reply, lets the panel's driver press its buttons, sends mail to a refused and an allowed
-// recipient, and reports every observation to the harness over loopback HTTP.
+// on a reply, lets the panel's driver press its buttons, opens the panel once more, sends mail
+// to a refused and an allowed recipient, and reports every observation to the harness over
+// loopback HTTP.
 "use strict";
-/* global messenger, openPanel, lastRefusal, TAG_KEY */
+/* global messenger, openPanel, panels, lastRefusal, TAG_KEY */
 
 const e2e = (() => {
   let config = null;
@@ -26,7 +27,8 @@ const e2e = (() => {
 
   messenger.runtime.onMessage.addListener((message) => {
     if (!message) return undefined;
-    if (message.type === "e2e-mode") return Promise.resolve(config);
+    // A panel opened after the first one's driver is done is the one opened again.
+    if (message.type === "e2e-mode") return Promise.resolve({ ...config, reopened: panelResults.length > 0 });
     if (message.type === "e2e-panel") {
       report("progress", { stage: "the panel's driver is done" });
       panelResults.push(message);
@@ -95,6 +97,10 @@ const e2e = (() => {
     openPanel(compose);
     await until("the panel's driver", () => panelResults.length > 0, 120);
     await report("progress", { stage: "after the panel" });
+    // Once it has closed, the panel again on the same reply: it starts with the reading chosen.
+    await until("the panel to close", () => !panels.has(compose.id), 20);
+    openPanel(compose);
+    await until("the panel opened again", () => panelResults.length > 1, 60);
 
     // The recipient rule: the annotation on an open compose window, and the refusal on send.
     const refused = await sendAndSee(config.refusedRecipient);

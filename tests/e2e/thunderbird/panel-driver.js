@@ -18,6 +18,26 @@
     }
     throw new Error("timed out");
   };
+  // The reading line and its control as the page shows them.
+  const reading = () => ({
+    line: $("readingLine").textContent,
+    control: $("readingToggle").textContent,
+    shown: $("reading").getClientRects().length > 0,
+  });
+  if (config.reopened) {
+    // The panel opened again after the reading was switched: it only says what it shows.
+    const again = { step: "reopened" };
+    try {
+      await until(() => state && state.page === "input", 30);
+      again.reading = reading();
+    } catch (e) {
+      again.failure = `${e}\nstate: ${JSON.stringify(state)}`;
+    }
+    await fetch(config.report, { method: "POST", body: JSON.stringify(again) });
+    await messenger.runtime.sendMessage({ type: "e2e-panel" }).catch((e) => progress(`not told: ${e}`));
+    window.close();
+    return;
+  }
   const result = { runs: [] };
   try {
     // Every piece of reply from the host, counted and timed after the page has shown it (the
@@ -33,6 +53,7 @@
     });
     await until(() => state && state.page === "input", 30);
     progress("input page");
+    result.readingAtStart = reading();
     result.instruction = $("instruction").value;
     result.model = $("model").value;
 
@@ -48,6 +69,7 @@
       $(button).click();
       await until(() => writingSeen && state.page === "result" && state.header.title !== "Writing...");
       progress(`${button} done`);
+      if (button === "generate") result.readingOnResult = reading().shown;
       result.runs.push({
         button,
         text: textNode.data,
@@ -72,6 +94,11 @@
     model.dispatchEvent(new Event("change"));
     await until(() => state.modelPicker.selection === config.pickedModel, 10);
     progress("model picked");
+
+    // The whole message instead of its quoted passages, for the runs from here on.
+    $("readingToggle").click();
+    await until(() => state.reading.wholeMessage, 10);
+    result.readingSwitched = reading();
 
     // A slow reply, stopped after its first words: they stay.
     outputs = 0;

@@ -6,8 +6,9 @@ holding a message to answer and one whose subject names Mars, an identity to sen
 add-on installed with the end-to-end driver beside its own files. `lumora integrate thunderbird`
 installs the native host's manifest in the test's home. The driver opens the panel on a reply,
 Generates and Regenerates from a loopback server through lumora-native-host, copies the reply,
-and sends to a refused and to an allowed recipient; this script checks what it reports, the X
-clipboard, the outbox, and compares the panel's latency with `lumora reply` on the same
+switches the reading to the whole message and opens the panel again, and sends to a refused and
+to an allowed recipient; this script checks what it reports, the requests, the X clipboard, the
+outbox and the settings, and compares the panel's latency with `lumora reply` on the same
 streams.
 
 With --rounds N the panel runs the two streams N times each, and the latencies are medians:
@@ -350,8 +351,8 @@ def main():
     failures = []
     results = {}
     try:
-        for step, timeout in [("started", 90), ("colour", 60), ("panel", 150), ("refusal", 60),
-                              ("allowed", 60), ("done", 30)]:
+        for step, timeout in [("started", 90), ("colour", 60), ("panel", 150), ("reopened", 60),
+                              ("refusal", 60), ("allowed", 60), ("done", 30)]:
             r = harness.wait_for(step, timeout)
             if r is None or r["step"] == "failed":
                 failures.append(f"step {step}: " + (json.dumps(r) if r else "no report in time"))
@@ -425,6 +426,40 @@ def main():
                                {"role": "user", "content": "Could you send me three books for the spring?\n"
                                                            "Something light, please — no thrillers."}],
                   json.dumps(messages))
+    # What the model reads: the quoted passages until the panel's control switches to the whole
+    # message, which the next request carries and the next panel starts with. The count in the
+    # line is that of the request's user message: the line says what is really sent.
+    def user_message(number):
+        if len(harness.requests) <= number:
+            return ""
+        return next((m["content"] for m in harness.requests[number]["messages"] if m["role"] == "user"), "")
+
+    if "panel" in results:
+        p = results["panel"]
+        quoted, whole = user_message(0), user_message(slow)
+        check("the input page says the model reads the quoted passages, beside the control to switch",
+              p.get("readingAtStart") == {"line": f"The model reads: 2 quoted passages ({len(quoted)} characters)",
+                                          "control": "Read the whole message", "shown": True},
+              p.get("readingAtStart"))
+        check("the reading is not on the result page", p.get("readingOnResult") is False, p.get("readingOnResult"))
+        switched = {"line": "The model reads: the message from Ann Example and 1 earlier message "
+                            f"({len(whole)} characters)",
+                    "control": "Read only the quoted passages", "shown": True}
+        check("the control switched the line to the whole message", p.get("readingSwitched") == switched,
+              p.get("readingSwitched"))
+        check("the next Generate sent the whole message: sender, new text and the quoted thread",
+              whole.startswith("From: Ann Example <ann@example.org>\n") and "\nHere is my answer.\n" in whole
+              and "> Could you send me three books for the spring?" in whole, json.dumps(whole))
+        if "reopened" in results:
+            r = results["reopened"]
+            check("a panel opened again starts with the whole message", r.get("reading") == switched, r)
+    settings = os.path.join(env["XDG_CONFIG_HOME"], "lumora", "tech.zorvel.lumora.json")
+    try:
+        with open(settings) as f:
+            stored = json.load(f).get("mailReading")
+    except (OSError, ValueError) as e:
+        stored = repr(e)
+    check("the reading was kept in the setting mailReading", stored == "message", stored)
     if "refusal" in results:
         r = results["refusal"]
         check("sending to the reserved domain was refused", "refused" in r["outcome"], r)

@@ -58,6 +58,7 @@ TEST(HeaderParameters, ValuesAreUnquotedAndRfc2231IsJoinedAndDecoded) {
       {"application/pdf; name=\"a \\\"b\\\".pdf\"", "application/pdf", "name", "a \"b\".pdf"},
       {"text/plain (a comment); charset=us-ascii", "text/plain", "charset", "us-ascii"},
       {"application/pdf; name=\"never closed", "application/pdf", "name", "never closed"},
+      {"\xFF/x; name=a", "\xC3\xBF/x", "name", "a"},  // bytes no media type has, as text
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.body);
@@ -227,6 +228,12 @@ TEST(MessageStructure, NestingStopsAtItsLimit) {
   EXPECT_EQ(tree.entities().back().kind, Entity::Kind::leaf);
 }
 
+std::string repeated(std::string_view piece, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += piece;
+  return out;
+}
+
 std::string htmlText(const std::string& html) {
   const auto document = html::Document::parse(html);
   TextLines lines;
@@ -248,6 +255,8 @@ TEST(HtmlText, BlocksListsTablesAndWhatIsLeftOut) {
       {"see <a href=\"https://example.org\">the <b>agenda</b></a>.", "see the agenda."},
       {"a<blockquote>b<blockquote>c</blockquote>d</blockquote>e", "a\n\n> b\n>\n> > c\n>\n> d\n\ne"},
       {"<p>&nbsp;</p><p>x</p><p>&nbsp;</p>", "x"},
+      // Indentation stops deepening at eight lists: nesting must not make lines of blanks.
+      {repeated("<ul>", 300) + "<li>deep", std::string(14, ' ') + "- deep"},
   };
   for (const auto& [html, expected] : cases) EXPECT_EQ(htmlText(html), expected) << html;
 }

@@ -281,7 +281,9 @@ StructuredValue parseStructuredValue(std::string_view body) {
       if (text[i] == '"') quoted = !quoted;
       ++i;
     }
-    result.value = text::asciiLowercased(plainPhrase(withoutComments(text.substr(0, i))));
+    // A media type is ASCII by rule; what a sender writes instead is shown, never trusted.
+    result.value =
+        headerBytesAsText(text::asciiLowercased(plainPhrase(withoutComments(text.substr(0, i)))));
     std::erase(result.value, ' ');
   }
   // Parameters as written, then RFC 2231's sections joined.

@@ -1,5 +1,6 @@
 #include "lumora/mailcontent/reading/HtmlLines.h"
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -114,6 +115,9 @@ Marks marksOf(const html::Document& document, NodeId element) {
   }
   return marks;
 }
+
+// The deepest list whose items are indented further than the one around it.
+constexpr size_t kDeepestIndent = 8;
 
 class Walk {
  public:
@@ -307,7 +311,10 @@ class Walk {
     if (attribution_ > 0) lineFlags_ |= TextLines::attribution;
     if (itemPending_) {
       itemPending_ = false;
-      for (size_t i = 1; i < lists_.size(); ++i) out_.append("  ");
+      // Nested lists indent, up to a depth that no real list reaches, so that a thousand
+      // nested lists cannot make every item a line of blanks.
+      const size_t indent = std::min(lists_.size(), kDeepestIndent) - 1;
+      for (size_t i = 0; i < indent; ++i) out_.append("  ");
       if (!lists_.empty() && lists_.back() > 0) {
         out_.append(std::to_string(lists_.back()++));
         out_.append(". ");

@@ -257,6 +257,7 @@ TEST(HtmlText, BlocksListsTablesAndWhatIsLeftOut) {
       {"<p>&nbsp;</p><p>x</p><p>&nbsp;</p>", "x"},
       // Indentation stops deepening at eight lists: nesting must not make lines of blanks.
       {repeated("<ul>", 300) + "<li>deep", std::string(14, ' ') + "- deep"},
+      {"<li>an item outside any list", "- an item outside any list"},
   };
   for (const auto& [html, expected] : cases) EXPECT_EQ(htmlText(html), expected) << html;
 }

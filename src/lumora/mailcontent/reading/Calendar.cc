@@ -100,16 +100,16 @@ std::string when(const Property& p) {
   const std::string_view v = p.value;
   std::string out;
   if (v.size() >= 8 && allDigits(v.substr(0, 8))) {
-    out = std::string(v.substr(0, 4)) + "-" + std::string(v.substr(4, 2)) + "-" +
-          std::string(v.substr(6, 2));
+    out.append(v.substr(0, 4)).append("-").append(v.substr(4, 2)).append("-").append(v.substr(6, 2));
     if (v.size() >= 13 && v[8] == 'T' && allDigits(v.substr(9, 4))) {
-      out += " " + std::string(v.substr(9, 2)) + ":" + std::string(v.substr(11, 2));
-      if (v.ends_with('Z')) out += " UTC";
+      out.append(" ").append(v.substr(9, 2)).append(":").append(v.substr(11, 2));
+      if (v.ends_with('Z')) out.append(" UTC");
     }
   } else {
-    out = std::string(v);
+    out.append(v);
   }
-  if (const std::string zone = parameter(p.params, "TZID"); !zone.empty()) out += " (" + zone + ")";
+  if (const std::string zone = parameter(p.params, "TZID"); !zone.empty())
+    out.append(" (").append(zone).append(")");
   return out;
 }
 

@@ -313,8 +313,7 @@ class Walk {
       itemPending_ = false;
       // Nested lists indent, up to a depth that no real list reaches, so that a thousand
       // nested lists cannot make every item a line of blanks.
-      const size_t indent = std::min(lists_.size(), kDeepestIndent) - 1;
-      for (size_t i = 0; i < indent; ++i) out_.append("  ");
+      for (size_t i = 1; i < std::min(lists_.size(), kDeepestIndent); ++i) out_.append("  ");
       if (!lists_.empty() && lists_.back() > 0) {
         out_.append(std::to_string(lists_.back()++));
         out_.append(". ");

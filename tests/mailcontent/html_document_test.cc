@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lumora/mailcontent/html/Document.h"
+#include "support/Fixtures.h"
 
 namespace lumora::html {
 namespace {
@@ -87,6 +88,32 @@ TEST(HtmlDocument, ElementsOfUnknownTagsKeepTheirNames) {
   EXPECT_EQ(quotes.get(1).tagName(), "x-quote");
   EXPECT_EQ(quotes.get(1).text(true), "c");
   EXPECT_EQ(document->root().tagName(), "#root");
+}
+
+// A reader of the text keeps only class and id; the text of every element is the same, in the
+// corpus's HTML replies as in markup made for it.
+TEST(HtmlDocument, KeepingClassAndIdAloneChangesNoText) {
+  std::vector<std::string> sources = {
+      "<div class=\"a b\" id=\"x\" style=\"color:red\"><a href=\"u\">link</a></div>",
+      "<font style=a>1<font style=b>2<font style=c>3<font style=d>4</font></font></font></font>"
+      "<p>after</p>",
+  };
+  for (const std::string& file : testing::mailCorpusFiles("html-fragment"))
+    sources.push_back(testing::readFile(testing::mailCorpusDir() / file));
+  for (const std::string& source : sources) {
+    const auto all = Document::parse(source);
+    const auto light = Document::parse(source, Document::Attributes::classAndId);
+    EXPECT_EQ(light->root().text(false), all->root().text(false));
+    Elements divs = light->root().select("div");
+    for (size_t i = 0; i < divs.size(); ++i)
+      for (const Attribute& a : divs.get(i).attributes())
+        EXPECT_TRUE(a.name == "class" || a.name == "id") << a.name;
+  }
+  const auto light = Document::parse(sources[0], Document::Attributes::classAndId);
+  const Node div = light->root().select("div").get(0);
+  ASSERT_EQ(div.attributes().size(), 2u);
+  EXPECT_EQ(div.attributes()[0], (Attribute{"class", "a b"}));
+  EXPECT_EQ(div.attributes()[1], (Attribute{"id", "x"}));
 }
 
 }  // namespace

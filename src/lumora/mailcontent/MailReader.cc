@@ -117,6 +117,16 @@ bool hasHeaderBlock(std::string_view raw) {
   return false;
 }
 
+// The multiparts whose parts are read otherwise than in turn.
+enum class Multipart : uint8_t { alternative, related, signedPart, other };
+
+Multipart multipartOf(std::string_view type) {
+  if (type == "multipart/alternative") return Multipart::alternative;
+  if (type == "multipart/related") return Multipart::related;
+  if (type == "multipart/signed") return Multipart::signedPart;
+  return Multipart::other;
+}
+
 // What a leaf is to the reader.
 enum class Role : uint8_t {
   attachment,  // named, never read
@@ -223,7 +233,7 @@ class Reader {
     const std::vector<Entity>& entities = tree_.entities();
     roles_.assign(entities.size(), Role::attachment);
     ranks_.assign(entities.size(), 0);
-    kinds_.assign(entities.size(), {});
+    kinds_.assign(entities.size(), Multipart::other);
     for (size_t i = entities.size(); i-- > 0;) {
       const Entity& e = entities[i];
       if (e.kind == Entity::Kind::leaf) {
@@ -232,11 +242,11 @@ class Reader {
         continue;
       }
       if (e.kind == Entity::Kind::message) continue;  // the thread, never the new text
-      kinds_[i] = describe(tree_, e).type;
+      kinds_[i] = multipartOf(describe(tree_, e).type);
       uint8_t best = 0;
       for (uint32_t c = e.firstChild; c != reading::kNoEntity; c = entities[c].nextSibling) {
         best = std::max(best, ranks_[c]);
-        if (kinds_[i] == "multipart/related" || kinds_[i] == "multipart/signed") break;
+        if (kinds_[i] == Multipart::related || kinds_[i] == Multipart::signedPart) break;
       }
       ranks_[i] = best;
     }
@@ -253,11 +263,11 @@ class Reader {
   // The children of a multipart to visit, pushed so that they come off in their order.
   void pushParts(const Visit& visit, std::vector<Visit>& stack) {
     const std::vector<Entity>& entities = tree_.entities();
-    const std::string& kind = kinds_[visit.id];
+    const Multipart kind = kinds_[visit.id];
     const uint32_t first = entities[visit.id].firstChild;
     if (first == reading::kNoEntity) return;
     std::vector<Visit> parts;
-    if (kind == "multipart/alternative") {
+    if (kind == Multipart::alternative) {
       // The best text; of equals the first, which is the plainest by the sender's order.
       uint32_t best = first;
       for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
@@ -272,7 +282,7 @@ class Reader {
       // HTML body), and beside the first of a multipart/signed its signature: named, as every
       // part that is not text is, but never read as text.
       const bool besideFirst =
-          c != first && (kind == "multipart/related" || kind == "multipart/signed");
+          c != first && (kind == Multipart::related || kind == Multipart::signedPart);
       parts.push_back({c, visit.inThread, visit.namesOnly || besideFirst});
     }
     stack.insert(stack.end(), parts.rbegin(), parts.rend());
@@ -336,9 +346,19 @@ class Reader {
     }
     TextLines& lines = visit.inThread ? attached_ : body_;
     if (!lines.empty()) lines.add("", 0);
-    std::string text = reading::decodedText(
-        reading::transferDecoded(tree_.body(e), info.encoding),
-        info.contentType.parameter("charset").value_or(""));
+    // The text is read where it stands in the message when it needs no decoding: a large body
+    // is then held once, not three times.
+    std::string owned;
+    std::string_view text = tree_.body(e);
+    if (info.encoding != reading::TransferEncoding::identity) {
+      owned = reading::transferDecoded(text, info.encoding);
+      text = owned;
+    }
+    if (auto converted =
+            reading::convertedText(text, info.contentType.parameter("charset").value_or(""))) {
+      owned = std::move(*converted);
+      text = owned;
+    }
     switch (role) {
       case Role::prose: {
         const bool flowed =
@@ -349,7 +369,9 @@ class Reader {
         break;
       }
       case Role::html: {
-        const auto document = html::Document::parse(std::move(text));
+        constexpr auto kept = html::Document::Attributes::classAndId;
+        const auto document = owned.empty() ? html::Document::parseUnowned(text, kept)
+                                            : html::Document::parse(std::move(owned), kept);
         reading::addHtmlLines(*document, lines);
         break;
       }
@@ -371,7 +393,7 @@ class Reader {
   MessageTree tree_;
   std::vector<Role> roles_;
   std::vector<uint8_t> ranks_;
-  std::vector<std::string> kinds_;  // the media type of each multipart
+  std::vector<Multipart> kinds_;  // the kind of each multipart
   TextLines body_;
   TextLines attached_;
   size_t attachedMessages_ = 0;
@@ -402,76 +424,114 @@ std::string joined(std::initializer_list<std::string_view> pieces) {
   return out;
 }
 
-void compose(MailReading& r, size_t budget) {
-  std::string head;
-  const auto headLine = [&](std::string_view label, const std::string& value) {
-    if (value.empty()) return;
-    if (!head.empty()) head += '\n';
-    head += label;
-    head += value;
-  };
-  std::string sender = r.senderName;
-  if (!r.senderAddress.empty())
-    sender = sender.empty() ? r.senderAddress : sender + " <" + r.senderAddress + ">";
-  headLine("From: ", sender);
-  headLine("To: ", r.recipient);
-  headLine("Date: ", r.date);
-  headLine("Subject: ", r.subject);
-  const std::string attachments = attachmentsLine(r.attachments);
-  const std::string_view threadHeading = r.draft ? kAnsweredHeading : kThreadHeading;
-  const std::string_view intro = r.draft && !r.newText.empty() ? kDraftIntro : "";
-
-  const auto build = [&](std::string_view newText, std::string_view thread) {
-    std::string body = intro.empty() ? std::string(newText) : std::string(intro) + "\n" + std::string(newText);
-    std::string threadPart;
-    if (!thread.empty()) threadPart = std::string(threadHeading) + "\n" + std::string(thread);
-    return joined({head, body, attachments, threadPart});
-  };
-
-  std::string text = build(r.newText, r.thread);
-  if (codePoints(text) > budget) {
-    r.shortened = true;
-    // The oldest messages stand last in the thread: it is cut from its end.
-    const size_t fixed = codePoints(build(r.newText, ""));
-    const size_t threadCharacters = codePoints(r.thread);
-    std::string thread;
-    // Room for the heading, its line end, the empty line before it and the note.
-    const std::string sampleNote =
-        "[… " + grouped(threadCharacters) + " characters of older messages left out]";
-    const size_t overhead = codePoints(threadHeading) + 3 + codePoints(sampleNote) + 1;
-    if (fixed + overhead < budget) {
-      const std::string_view kept = cutText(r.thread, budget - fixed - overhead);
-      const size_t left = threadCharacters - codePoints(kept);
-      thread = std::string(kept);
-      if (!thread.empty()) thread += '\n';
-      thread += "[… " + grouped(left) + " characters of older messages left out]";
-      text = build(r.newText, thread);
-    } else {
-      // No room for any of the thread: then the new text is cut, the thread only noted.
-      const std::string threadNote =
-          threadCharacters > 0
-              ? "[… the earlier messages, " + grouped(threadCharacters) + " characters, left out]"
-              : "";
-      const size_t without = codePoints(build("", threadNote));
-      const size_t newCharacters = codePoints(r.newText);
-      const std::string sampleCut =
-          "[… the rest of this message, " + grouped(newCharacters) + " characters, left out]";
-      const size_t room = budget > without + codePoints(sampleCut) + 3
-                              ? budget - without - codePoints(sampleCut) - 3
-                              : 0;
-      const std::string_view kept = cutText(r.newText, room);
-      std::string newText(kept);
-      if (kept.size() < r.newText.size()) {
-        if (!newText.empty()) newText += '\n';
-        newText += "[… the rest of this message, " + grouped(newCharacters - codePoints(kept)) +
-                   " characters, left out]";
-      }
-      text = build(newText, threadNote);
-    }
-    // The header lines and the names alone never pass the least budget; should they, the
-    // text is cut where the budget ends.
-    if (codePoints(text) > budget) text.resize(prefixBytes(text, budget));
+// The text's pieces, and how long a text they make, counted without making it: a long thread is
+// counted once and copied once, however the budget cuts it.
+class Layout {
+ public:
+  explicit Layout(const MailReading& r)
+      : attachments_(attachmentsLine(r.attachments)),
+        intro_(r.draft && !r.newText.empty() ? kDraftIntro : ""),
+        heading_(r.draft ? kAnsweredHeading : kThreadHeading) {
+    std::string sender = r.senderName;
+    if (!r.senderAddress.empty())
+      sender = sender.empty() ? r.senderAddress : sender + " <" + r.senderAddress + ">";
+    line("From: ", sender);
+    line("To: ", r.recipient);
+    line("Date: ", r.date);
+    line("Subject: ", r.subject);
   }
+
+  // The code points of the text with a new text and a thread of these many code points.
+  size_t length(size_t newText, size_t thread) const {
+    size_t total = 0;
+    size_t pieces = 0;
+    const auto piece = [&](bool present, size_t length) {
+      if (!present) return;
+      total += length;
+      ++pieces;
+    };
+    piece(!head_.empty(), codePoints(head_));
+    piece(!intro_.empty() || newText > 0,
+          intro_.empty() ? newText : codePoints(intro_) + 1 + newText);
+    piece(!attachments_.empty(), codePoints(attachments_));
+    piece(thread > 0, codePoints(heading_) + 1 + thread);
+    return total + (pieces > 0 ? 2 * (pieces - 1) : 0);
+  }
+
+  std::string build(std::string_view newText, std::string_view thread) const {
+    std::string body;
+    if (!intro_.empty()) body.append(intro_).append("\n");
+    body.append(newText);
+    std::string threadPart;
+    if (!thread.empty()) threadPart.append(heading_).append("\n").append(thread);
+    return joined({head_, body, attachments_, threadPart});
+  }
+
+ private:
+  void line(std::string_view label, const std::string& value) {
+    if (value.empty()) return;
+    if (!head_.empty()) head_ += '\n';
+    head_.append(label).append(value);
+  }
+
+  std::string head_;
+  std::string attachments_;
+  std::string_view intro_;
+  std::string_view heading_;
+};
+
+std::string olderLeftOut(size_t characters) {
+  return "[… " + grouped(characters) + " characters of older messages left out]";
+}
+std::string threadLeftOut(size_t characters) {
+  return "[… the earlier messages, " + grouped(characters) + " characters, left out]";
+}
+std::string restLeftOut(size_t characters) {
+  return "[… the rest of this message, " + grouped(characters) + " characters, left out]";
+}
+
+// `kept` of a text, with its note of what was left out on a line of its own.
+std::string withNote(std::string_view kept, const std::string& note) {
+  std::string out(kept);
+  if (!out.empty()) out += '\n';
+  out += note;
+  return out;
+}
+
+void compose(MailReading& r, size_t budget) {
+  const Layout layout(r);
+  const size_t newCharacters = codePoints(r.newText);
+  const size_t threadCharacters = codePoints(r.thread);
+  if (layout.length(newCharacters, threadCharacters) <= budget) {
+    r.text = layout.build(r.newText, r.thread);
+    r.characters = codePoints(r.text);
+    return;
+  }
+  r.shortened = true;
+  std::string text;
+  // The oldest messages stand last in the thread: it is cut from its end, its note counted at
+  // its longest.
+  const size_t fixed = layout.length(newCharacters, 0);
+  const size_t overhead = layout.length(newCharacters, codePoints(olderLeftOut(threadCharacters)) + 1) - fixed;
+  if (threadCharacters > 0 && fixed + overhead < budget) {
+    const std::string_view kept = cutText(r.thread, budget - fixed - overhead);
+    text = layout.build(r.newText,
+                        withNote(kept, olderLeftOut(threadCharacters - codePoints(kept))));
+  } else {
+    // No room for any of the thread: then the new text is cut, the thread only noted.
+    const std::string threadNote = threadCharacters > 0 ? threadLeftOut(threadCharacters) : "";
+    const size_t without = layout.length(0, codePoints(threadNote));
+    const size_t note = codePoints(restLeftOut(newCharacters)) + 1;
+    const size_t room = budget > without + note + 2 ? budget - without - note - 2 : 0;
+    const std::string_view kept = cutText(r.newText, room);
+    text = kept.size() < r.newText.size()
+               ? layout.build(withNote(kept, restLeftOut(newCharacters - codePoints(kept))),
+                              threadNote)
+               : layout.build(r.newText, threadNote);
+  }
+  // The header lines and the names alone never pass the least budget; should they, the text is
+  // cut where the budget ends.
+  if (codePoints(text) > budget) text.resize(prefixBytes(text, budget));
   r.text = std::move(text);
   r.characters = codePoints(r.text);
 }
@@ -491,9 +551,11 @@ MailReading MailReader::read(std::string_view raw, size_t maxCharacters, bool dr
     attachedMessages = reader.attachedMessages();
   } else {
     result.draft = true;
-    reading::addPlainLines(reading::decodedText(raw, ""), false, false, body);
+    const std::optional<std::string> converted = reading::convertedText(raw, "");
+    reading::addPlainLines(converted ? std::string_view(*converted) : raw, false, false, body);
   }
   reading::SplitText split = reading::splitThread(body);
+  body = TextLines();  // the lines are split: their memory goes before the text is made
   result.newText = std::move(split.newText);
   result.thread = std::move(split.thread);
   result.earlierMessages = split.earlierMessages + attachedMessages;

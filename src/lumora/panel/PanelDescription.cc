@@ -55,7 +55,7 @@ std::string PanelDescription::readingLine(const MailExtensionView& panel, Langua
       }
       break;
   }
-  if (s.shortened) line += " " + localized("The oldest part was left out to fit.", language);
+  if (s.shortened) line.append(" ").append(localized("The oldest part was left out to fit.", language));
   return line;
 }
 

@@ -11,7 +11,8 @@ namespace lumora::html {
 
 // ---- the store ---------------------------------------------------------------------------
 
-Document::Document(std::string owned, std::string_view unowned) : ownedSource_(std::move(owned)) {
+Document::Document(std::string owned, std::string_view unowned, Attributes kept)
+    : ownedSource_(std::move(owned)), kept_(kept) {
   // The view is taken here, once the string has its place: a short string's characters live
   // inside the string object itself.
   source_ = unowned.data() ? unowned : std::string_view(ownedSource_);
@@ -68,12 +69,28 @@ std::string_view Document::contentOf(const Record& r) const {
   return {};
 }
 
+std::vector<Attribute> Document::keptOf(const std::vector<Attribute>& attributes) const {
+  if (kept_ == Attributes::all) return attributes;
+  std::vector<Attribute> kept;
+  for (const Attribute& a : attributes)
+    if (a.name == "class" || a.name == "id") kept.push_back(a);
+  return kept;
+}
+
 NodeId Document::makeElement(TagId id, std::string_view name,
                              const std::vector<Attribute>& attributes) {
   uint32_t extra = kNone;
-  if (id == TagId::unknown || !attributes.empty()) {
-    extra = static_cast<uint32_t>(extras_.size());
-    extras_.push_back({id == TagId::unknown ? std::string(name) : std::string(), attributes});
+  if (kept_ == Attributes::all) {
+    if (id == TagId::unknown || !attributes.empty()) {
+      extra = static_cast<uint32_t>(extras_.size());
+      extras_.push_back({id == TagId::unknown ? std::string(name) : std::string(), attributes});
+    }
+  } else {
+    std::vector<Attribute> kept = keptOf(attributes);
+    if (id == TagId::unknown || !kept.empty()) {
+      extra = static_cast<uint32_t>(extras_.size());
+      extras_.push_back({id == TagId::unknown ? std::string(name) : std::string(), std::move(kept)});
+    }
   }
   return add(NodeKind::element, id, extra, kNoNode);
 }
@@ -83,8 +100,9 @@ NodeId Document::makeCopy(NodeId element) {
   return add(NodeKind::element, r.tag, r.a, kNoNode);
 }
 
-void Document::addMissingAttributes(NodeId element, const std::vector<Attribute>& attributes) {
+void Document::addMissingAttributes(NodeId element, const std::vector<Attribute>& offered) {
   Record& r = at(element);
+  const std::vector<Attribute> attributes = keptOf(offered);
   for (const Attribute& attribute : attributes) {
     if (r.a == kNone) {
       r.a = static_cast<uint32_t>(extras_.size());

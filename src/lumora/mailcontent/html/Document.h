@@ -96,13 +96,20 @@ class Elements {
 
 class Document {
  public:
+  // Which attributes the tree keeps. A reader of the text alone needs only class and id (which
+  // tell the parts of a mail apart); inline styles, which fill much mail, are then not stored.
+  // The tree's elements and text are the same either way; only the list of active formatting
+  // elements, which compares attributes, may count more elements alike.
+  enum class Attributes { all, classAndId };
+
   // Parses any text into a document; nothing is an error but a source or a tree too large for
   // 32-bit offsets and indices (4 GiB), which throws std::length_error. The document keeps
   // `html`, moved in: the text that stands in it verbatim is read from there.
-  static std::unique_ptr<Document> parse(std::string html);
+  static std::unique_ptr<Document> parse(std::string html, Attributes kept = Attributes::all);
   // The same without taking the source: `html` must stay alive, unchanged, as long as the
   // document does. For callers that hold the source anyway, so that it is not held twice.
-  static std::unique_ptr<Document> parseUnowned(std::string_view html);
+  static std::unique_ptr<Document> parseUnowned(std::string_view html,
+                                                Attributes kept = Attributes::all);
   // As the children of a `context` element (a lower-case tag name), for fragments.
   static std::unique_ptr<Document> parseFragment(std::string html, std::string_view context);
 
@@ -212,7 +219,9 @@ class Document {
     std::string name, publicId, systemId;
   };
 
-  Document(std::string owned, std::string_view unowned);
+  Document(std::string owned, std::string_view unowned, Attributes kept = Attributes::all);
+  // `attributes`, or the ones of them this document keeps.
+  std::vector<Attribute> keptOf(const std::vector<Attribute>& attributes) const;
 
   // Calls visit(id, record) on `root` and every node below it, parents before children,
   // without recursion.
@@ -231,6 +240,7 @@ class Document {
   std::vector<std::unique_ptr<Record[]>> blocks_;
   NodeId count_ = 0;
   std::vector<Extra> extras_;
+  Attributes kept_ = Attributes::all;
   std::vector<Doctype> doctypes_;
 };
 

@@ -1965,15 +1965,15 @@ class TreeBuilder {
 
 }  // namespace
 
-std::unique_ptr<Document> Document::parse(std::string html) {
-  std::unique_ptr<Document> document(new Document(std::move(html), {}));
+std::unique_ptr<Document> Document::parse(std::string html, Attributes kept) {
+  std::unique_ptr<Document> document(new Document(std::move(html), {}, kept));
   TreeBuilder(*document, document->source()).parseDocument();
   return document;
 }
 
-std::unique_ptr<Document> Document::parseUnowned(std::string_view html) {
+std::unique_ptr<Document> Document::parseUnowned(std::string_view html, Attributes kept) {
   // A view of no characters names the owned source; an empty one of its own is the same.
-  std::unique_ptr<Document> document(new Document({}, html));
+  std::unique_ptr<Document> document(new Document({}, html, kept));
   TreeBuilder(*document, document->source()).parseDocument();
   return document;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "lumora/platform/Charset.h"
 #include "lumora/platform/Text.h"
@@ -101,11 +102,20 @@ bool asciiMayDiffer(std::string_view lower) {
          lower.starts_with("hz") || lower.starts_with("csiso2022") || lower == "unicode";
 }
 
-// Text with no character set that can be trusted: UTF-8 if it is, else windows-1252.
-std::string guessedText(std::string_view bytes) {
-  if (text::isValidUtf8(bytes)) return std::string(bytes);
+// Text with no character set that can be trusted, and not UTF-8: windows-1252.
+std::string latinText(std::string_view bytes) {
   if (auto text = charset::toUtf8Replacing(bytes, "WINDOWS-1252")) return std::move(*text);
   return text::repairedUtf8(bytes);
+}
+
+bool namesNoCharset(std::string_view lower) {
+  return lower.empty() || lower == "us-ascii" || lower == "ascii" || lower == "unknown-8bit" ||
+         lower == "x-unknown" || lower == "default";
+}
+
+bool namesLatin1(std::string_view lower) {
+  return lower == "iso-8859-1" || lower == "iso8859-1" || lower == "latin1" || lower == "l1" ||
+         lower == "iso_8859-1" || lower == "cp819" || lower == "ibm819";
 }
 
 }  // namespace
@@ -129,20 +139,29 @@ std::string transferDecoded(std::string_view body, TransferEncoding encoding) {
   return std::string(body);
 }
 
-std::string decodedText(std::string_view bytes, std::string_view charset) {
+std::optional<std::string> convertedText(std::string_view bytes, std::string_view charset) {
   const std::string lower = text::asciiLowercased(text::trimmed(charset));
-  if (!asciiMayDiffer(lower) && isAscii(bytes)) return std::string(bytes);
-  if (lower.empty() || lower == "us-ascii" || lower == "ascii" || lower == "unknown-8bit" ||
-      lower == "x-unknown" || lower == "default")
-    return guessedText(bytes);
+  if (!asciiMayDiffer(lower) && isAscii(bytes)) return std::nullopt;
+  if (namesNoCharset(lower)) {
+    if (text::isValidUtf8(bytes)) return std::nullopt;
+    return latinText(bytes);
+  }
   // The labels of Latin-1 name windows-1252 in practice: its characters 0x80 to 0x9F (curly
   // quotes, the euro sign) are what such mail holds there, never control characters.
-  if (lower == "iso-8859-1" || lower == "iso8859-1" || lower == "latin1" || lower == "l1" ||
-      lower == "iso_8859-1" || lower == "cp819" || lower == "ibm819") {
-    if (auto text = charset::toUtf8Replacing(bytes, "WINDOWS-1252")) return std::move(*text);
+  if (namesLatin1(lower)) return latinText(bytes);
+  if (lower == "utf-8" || lower == "utf8") {
+    if (text::isValidUtf8(bytes)) return std::nullopt;
+    return text::repairedUtf8(bytes);
   }
-  if (auto text = charset::toUtf8Replacing(bytes, lower)) return std::move(*text);
-  return guessedText(bytes);  // a name no converter here goes by
+  if (auto text = charset::toUtf8Replacing(bytes, lower)) return text;
+  // A name no converter here goes by.
+  if (text::isValidUtf8(bytes)) return std::nullopt;
+  return latinText(bytes);
+}
+
+std::string decodedText(std::string_view bytes, std::string_view charset) {
+  std::optional<std::string> converted = convertedText(bytes, charset);
+  return converted ? std::move(*converted) : std::string(bytes);
 }
 
 namespace {

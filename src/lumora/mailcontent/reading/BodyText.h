@@ -4,6 +4,7 @@
 // decoded becomes U+FFFD.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,10 @@ std::string transferDecoded(std::string_view body, TransferEncoding encoding);
 // senders that do not say mostly write); ISO-8859-1 is read as windows-1252, its superset in
 // practice; undecodable bytes become U+FFFD.
 std::string decodedText(std::string_view bytes, std::string_view charset);
+
+// The same, for a reader that can use the bytes where they stand: nullopt when they already are
+// that text (ASCII, or valid UTF-8 where UTF-8 or nothing is named), so no copy is made.
+std::optional<std::string> convertedText(std::string_view bytes, std::string_view charset);
 
 // Adds the lines of plain text to `out`, each with its quotation depth ("> > text" and
 // ">> text" are both two deep) and the markers taken off. With `flowed` (RFC 3676), a line

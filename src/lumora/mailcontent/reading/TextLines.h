@@ -1,10 +1,15 @@
 // The lines of a message's text as the reader finds them: each with how deep it is quoted and
 // what the sending program marked about it. Plain text and HTML both become these lines, and
 // the thread is told apart from the new text on them alone.
+//
+// The text is kept in blocks that never move, and the lines in a deque: a 10 MB body grows them
+// without the copy and the doubled room that one growing buffer would hold at its peak.
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <cstring>
+#include <deque>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -21,43 +26,74 @@ class TextLines {
   };
 
   struct Line {
-    size_t begin = 0;
-    size_t end = 0;
+    const char* data = nullptr;
+    size_t size = 0;
     uint32_t depth = 0;  // how many quotations the line stands in
     uint8_t flags = 0;
   };
 
+  TextLines() = default;
+  TextLines(TextLines&&) noexcept = default;
+  TextLines& operator=(TextLines&&) noexcept = default;
+
   // A whole line.
   void add(std::string_view text, uint32_t depth, uint8_t flags = 0) {
-    text_.append(text);
+    append(text);
     endLine(depth, flags);
   }
   // A line built in pieces: append() to it, then endLine().
-  void append(std::string_view piece) { text_.append(piece); }
-  void append(char c) { text_.push_back(c); }
+  void append(std::string_view piece) {
+    if (piece.empty()) return;
+    room(piece.size());
+    std::memcpy(block_ + used_, piece.data(), piece.size());
+    used_ += piece.size();
+  }
+  void append(char c) { append(std::string_view(&c, 1)); }
   void endLine(uint32_t depth, uint8_t flags = 0) {
-    lines_.push_back({lineStart_, text_.size(), depth, flags});
-    lineStart_ = text_.size();
+    const size_t size = used_ - lineStart_;
+    lines_.push_back({size > 0 ? block_ + lineStart_ : nullptr, size, depth, flags});
+    lineStart_ = used_;
   }
   // The text of the line being built.
   std::string_view pending() const {
-    return std::string_view(text_).substr(lineStart_);
+    return block_ ? std::string_view(block_ + lineStart_, used_ - lineStart_) : std::string_view();
   }
   // Drops `count` bytes from the end of the line being built.
-  void dropPending(size_t count) {
-    text_.resize(text_.size() - count);
-  }
+  void dropPending(size_t count) { used_ -= count; }
 
-  const std::vector<Line>& lines() const { return lines_; }
-  std::string_view text(const Line& line) const {
-    return std::string_view(text_).substr(line.begin, line.end - line.begin);
-  }
+  // Lines are read by index; a deque's blocks never move either.
+  const std::deque<Line>& lines() const { return lines_; }
+  static std::string_view text(const Line& line) { return {line.data, line.size}; }
   bool empty() const { return lines_.empty(); }
 
  private:
-  std::string text_;
-  size_t lineStart_ = 0;
-  std::vector<Line> lines_;
+  static constexpr size_t kBlockSize = 64 * 1024;
+
+  // Makes room for `more` bytes behind the line being built, in a new block when the current
+  // one is full: the line so far moves with it, so a line never spans two blocks.
+  void room(size_t more) {
+    if (used_ + more <= capacity_) return;
+    const size_t line = used_ - lineStart_;
+    // A line longer than a block gets a block of its own, growing by doubling.
+    size_t size = kBlockSize;
+    while (size < line + more) size *= 2;
+    auto block = std::make_unique_for_overwrite<char[]>(size);
+    if (line > 0) std::memcpy(block.get(), block_ + lineStart_, line);
+    // A block that held only this growing line is not kept: nothing points into it.
+    if (lineStart_ == 0 && !blocks_.empty()) blocks_.pop_back();
+    blocks_.push_back(std::move(block));
+    block_ = blocks_.back().get();
+    capacity_ = size;
+    used_ = line;
+    lineStart_ = 0;
+  }
+
+  std::vector<std::unique_ptr<char[]>> blocks_;
+  char* block_ = nullptr;  // the block being written
+  size_t capacity_ = 0;
+  size_t used_ = 0;
+  size_t lineStart_ = 0;  // where the line being built begins in the block
+  std::deque<Line> lines_;
 };
 
 }  // namespace lumora::reading

@@ -101,6 +101,57 @@ bool isOneOf(std::string_view name, const std::array<std::string_view, N>& names
                      [&](std::string_view n) { return text::equalsIgnoringCase(name, n); });
 }
 
+// Lines made into text as they come: each trimmed at its end, quoted ones marked with one "> "
+// per level (at most kMostQuoteMarks), runs of empty lines made one, none at either end.
+class Rendering {
+ public:
+  // Room for the lines of `ranges`, so that a long thread is written without regrowing.
+  void reserveFor(const TextLines& lines, const std::vector<std::pair<size_t, size_t>>& ranges) {
+    size_t bytes = 0;
+    for (const auto& [begin, end] : ranges)
+      for (size_t i = begin; i < end; ++i) {
+        const Line& line = lines.lines()[i];
+        bytes += line.size + 2 + 2 * std::min(line.depth, kMostQuoteMarks);
+      }
+    out_.reserve(bytes);
+  }
+
+  void line(std::string_view t, uint32_t depth) {
+    while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\r'))
+      t.remove_suffix(1);
+    if (text::trimmed(t).empty()) {
+      if (!blank_) blankDepth_ = depth;
+      blank_ = true;
+      return;
+    }
+    if (!out_.empty()) {
+      out_ += '\n';
+      if (blank_) {
+        // Inside a quotation an empty line keeps the marks of the quotation it stands in.
+        marks(std::min({blankDepth_, depth, previousDepth_}));
+        out_ += '\n';
+      }
+    }
+    blank_ = false;
+    previousDepth_ = depth;
+    marks(depth);
+    if (depth > 0) out_ += ' ';
+    out_ += t;
+  }
+
+  std::string take() { return std::move(out_); }
+
+ private:
+  void marks(uint32_t depth) {
+    for (uint32_t d = 0; d < std::min(depth, kMostQuoteMarks); ++d) out_ += d == 0 ? ">" : " >";
+  }
+
+  std::string out_;
+  bool blank_ = false;  // an empty line waits for the next line with text
+  uint32_t blankDepth_ = 0;
+  uint32_t previousDepth_ = 0;
+};
+
 class Splitter {
  public:
   explicit Splitter(const TextLines& lines) : lines_(lines), all_(lines.lines()) {}
@@ -303,7 +354,8 @@ class Splitter {
   // The lines [begin, end) without the signature: from a "-- " line (or a line marked as
   // signature) on, up to the next quoted line.
   std::string newText(const std::vector<std::pair<size_t, size_t>>& ranges) const {
-    TextLines kept;
+    Rendering out;
+    out.reserveFor(lines_, ranges);
     bool inSignature = false;
     for (const auto& [begin, end] : ranges) {
       for (size_t i = begin; i < end; ++i) {
@@ -311,35 +363,32 @@ class Splitter {
         if (line.depth > 0) inSignature = false;
         if (line.depth == 0 && isSignatureMark(lines_, i)) inSignature = true;
         if (inSignature || (line.flags & TextLines::signature)) continue;
-        kept.add(lines_.text(line), line.depth, line.flags);
+        out.line(lines_.text(line), line.depth);
       }
     }
-    return renderLines(kept, 0, kept.lines().size());
+    return out.take();
   }
 
   // The thread's lines, without the signatures quoted in it.
   std::string renderThread(const std::vector<std::pair<size_t, size_t>>& ranges) const {
-    TextLines kept;
+    Rendering out;
+    out.reserveFor(lines_, ranges);
     for (const auto& [begin, end] : ranges) {
-      if (!kept.empty()) kept.add("", 0);
-      keepThread(begin, end, kept);
-    }
-    return renderLines(kept, 0, kept.lines().size());
-  }
-
-  void keepThread(size_t begin, size_t end, TextLines& kept) const {
-    uint32_t signatureDepth = 0;
-    bool inSignature = false;
-    for (size_t i = begin; i < end; ++i) {
-      const Line& line = all_[i];
-      if (inSignature && (line.depth != signatureDepth || startsMessage(i))) inSignature = false;
-      if (!inSignature && isSignatureMark(lines_, i)) {
-        inSignature = true;
-        signatureDepth = line.depth;
+      out.line("", 0);  // the ranges stand apart
+      uint32_t signatureDepth = 0;
+      bool inSignature = false;
+      for (size_t i = begin; i < end; ++i) {
+        const Line& line = all_[i];
+        if (inSignature && (line.depth != signatureDepth || startsMessage(i))) inSignature = false;
+        if (!inSignature && isSignatureMark(lines_, i)) {
+          inSignature = true;
+          signatureDepth = line.depth;
+        }
+        if (inSignature || (line.flags & TextLines::signature)) continue;
+        out.line(lines_.text(line), line.depth);
       }
-      if (inSignature || (line.flags & TextLines::signature)) continue;
-      kept.add(lines_.text(line), line.depth, line.flags);
     }
+    return out.take();
   }
 
   // The line begins an earlier message: an attribution, a separator or a header block.
@@ -372,7 +421,7 @@ class Splitter {
   }
 
   const TextLines& lines_;
-  const std::vector<Line>& all_;
+  const std::deque<Line>& all_;
 };
 
 }  // namespace
@@ -383,39 +432,10 @@ bool looksLikeAttribution(std::string_view line) {
 }
 
 std::string renderLines(const TextLines& lines, size_t begin, size_t end) {
-  std::string out;
-  // An empty line waiting for the next line with text, and its depth.
-  bool blank = false;
-  uint32_t blankDepth = 0;
-  uint32_t previousDepth = 0;
-  const auto marks = [&](uint32_t depth) {
-    for (uint32_t d = 0; d < std::min(depth, kMostQuoteMarks); ++d) out += d == 0 ? ">" : " >";
-  };
-  for (size_t i = begin; i < end; ++i) {
-    const Line& line = lines.lines()[i];
-    std::string_view t = lines.text(line);
-    while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\r'))
-      t.remove_suffix(1);
-    if (text::trimmed(t).empty()) {
-      if (!blank) blankDepth = line.depth;
-      blank = true;
-      continue;
-    }
-    if (!out.empty()) {
-      out += '\n';
-      if (blank) {
-        // Inside a quotation an empty line keeps the marks of the quotation it stands in.
-        marks(std::min({blankDepth, line.depth, previousDepth}));
-        out += '\n';
-      }
-    }
-    blank = false;
-    previousDepth = line.depth;
-    marks(line.depth);
-    if (line.depth > 0) out += ' ';
-    out += t;
-  }
-  return out;
+  Rendering out;
+  out.reserveFor(lines, {{begin, end}});
+  for (size_t i = begin; i < end; ++i) out.line(lines.text(lines.lines()[i]), lines.lines()[i].depth);
+  return out.take();
 }
 
 SplitText splitThread(const TextLines& lines) { return Splitter(lines).run(); }

@@ -197,7 +197,7 @@ class Reader {
   explicit Reader(std::string_view raw) : tree_(raw) {}
 
   void run(bool draft, MailReading& out) {
-    const std::vector<Entity>& entities = tree_.entities();
+    const std::deque<Entity>& entities = tree_.entities();
     classify();
     readHeader(entities[0], draft, out);
     // Parts in document order.
@@ -230,7 +230,7 @@ class Reader {
  private:
   // Roles of the leaves, and the rank of the best text below each part, children first.
   void classify() {
-    const std::vector<Entity>& entities = tree_.entities();
+    const std::deque<Entity>& entities = tree_.entities();
     roles_.assign(entities.size(), Role::attachment);
     ranks_.assign(entities.size(), 0);
     kinds_.assign(entities.size(), Multipart::other);
@@ -262,7 +262,7 @@ class Reader {
 
   // The children of a multipart to visit, pushed so that they come off in their order.
   void pushParts(const Visit& visit, std::vector<Visit>& stack) {
-    const std::vector<Entity>& entities = tree_.entities();
+    const std::deque<Entity>& entities = tree_.entities();
     const Multipart kind = kinds_[visit.id];
     const uint32_t first = entities[visit.id].firstChild;
     if (first == reading::kNoEntity) return;

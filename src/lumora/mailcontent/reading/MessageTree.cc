@@ -36,7 +36,7 @@ std::string_view content(std::string_view line) {
 
 class Parse {
  public:
-  Parse(std::string_view message, std::vector<Entity>& entities)
+  Parse(std::string_view message, std::deque<Entity>& entities)
       : message_(message), entities_(entities) {}
 
   void run() {
@@ -194,7 +194,7 @@ class Parse {
   }
 
   std::string_view message_;
-  std::vector<Entity>& entities_;
+  std::deque<Entity>& entities_;
   std::vector<uint32_t> depths_;  // beside the entities: only the parse needs them
   std::vector<Frame> frames_;     // the open multiparts, innermost last
   uint32_t current_ = kNoEntity;  // the part being read

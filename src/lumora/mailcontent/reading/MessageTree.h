@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string_view>
 #include <vector>
 
@@ -39,8 +40,9 @@ class MessageTree {
   // Reads the structure of `message`, which must outlive the tree.
   explicit MessageTree(std::string_view message);
 
-  // The message is entities()[0]; a parent always comes before its children.
-  const std::vector<Entity>& entities() const { return entities_; }
+  // The message is entities()[0]; a parent always comes before its children. A deque, so that
+  // a million parts grow it without a copy of all of them.
+  const std::deque<Entity>& entities() const { return entities_; }
   std::string_view header(const Entity& e) const {
     return message_.substr(e.headerBegin, e.headerEnd - e.headerBegin);
   }
@@ -50,7 +52,7 @@ class MessageTree {
 
  private:
   std::string_view message_;
-  std::vector<Entity> entities_;
+  std::deque<Entity> entities_;
 };
 
 // Where the message's own header begins: behind an mbox "From " line, if one leads.

@@ -18,13 +18,13 @@ targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
   targets=(line_rules claude_lines generative_language ollama_lines reka_lines cloud_lines
     error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset
-    html_tokenizer html_tree mail_parser store_files native_messages)
+    html_tokenizer html_tree mail_parser mail_reader store_files native_messages)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 fuzz_one() {
   local t=$1 seconds=$2
   local work="build-fuzz/corpus/$t" artifacts="build-fuzz/artifacts/$t/"
   mkdir -p "$work" "$artifacts"
-  local seeds=("fuzz/corpus/$t" "fuzz/regressions/$t") dicts=()
+  local seeds=("fuzz/corpus/$t" "fuzz/regressions/$t") dicts=() limits=()
   case "$t" in
     line_rules | error_body)
       seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible)
@@ -46,11 +46,19 @@ fuzz_one() {
     mail_parser)
       seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users)
       dicts=(mime html) ;;
+    mail_reader)
+      # A whole message is read in time linear in its length: an input taking seconds is a
+      # fault, so the run stops at 20 seconds and reports the slowest inputs above one.
+      seeds+=(../shared/fixtures/mail-corpus/list-archive-openbmc ../shared/fixtures/mail-corpus/list-archive-usrp-users
+        ../shared/fixtures/mail-corpus/mikel-mail ../shared/fixtures/mail-corpus/enmime
+        ../shared/fixtures/mail-corpus/stalwart-mail-parser ../shared/fixtures/mail-corpus/james-mime4j
+        ../shared/fixtures/mail-corpus/zbateson-mail-mime-parser ../shared/fixtures/mail-corpus/mailgun-talon)
+      dicts=(mime html) limits=(-timeout=20 -report_slow_units=1) ;;
   esac
   local existing=() s
   for s in "${seeds[@]}"; do [ -d "$s" ] && existing+=("$s"); done
   # libFuzzer takes one dictionary, so a target reading two formats gets both in one file.
-  local options=() d
+  local options=("${limits[@]}") d
   if [ ${#dicts[@]} -gt 0 ]; then
     mkdir -p build-fuzz/dict
     for d in "${dicts[@]}"; do cat "fuzz/dict/$d.dict"; done >"build-fuzz/dict/$t.dict"

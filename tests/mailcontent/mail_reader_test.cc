@@ -250,6 +250,18 @@ TEST(MailReaderBudget, TheOldestPartOfTheThreadGoesFirstThenTheEndOfTheNewText) 
   }
 }
 
+// An invitation whose only text is its calendar: read as its summary, with a character that a
+// fold of the line splits in two read whole.
+TEST(MailReaderCalendar, AnInvitationAloneIsReadAsItsSummary) {
+  const MailReading r = MailReader::read(
+      "From: Carla <carla@example.org>\r\nDate: Tue, 3 Nov 2026 09:12:44 +0100\r\n"
+      "Content-Type: text/calendar; method=REQUEST; charset=utf-8\r\n\r\n"
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:Caf\xC3\r\n \xA9 au lait\r\n"
+      "DTSTART:20261112T140000Z\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  EXPECT_EQ(r.newText, "Calendar invitation: Café au lait\nWhen: 2026-11-12 14:00 UTC");
+  EXPECT_TRUE(r.attachments.empty());
+}
+
 TEST(MailReaderBudget, ABudgetBelowTheLeastIsRaisedToIt) {
   const std::string raw = replyWithThread(std::string(3000, 'y'), quotedLines("z", 100));
   const MailReading r = MailReader::read(raw, 10);

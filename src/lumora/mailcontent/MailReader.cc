@@ -354,8 +354,16 @@ class Reader {
       owned = reading::transferDecoded(text, info.encoding);
       text = owned;
     }
-    if (auto converted =
-            reading::convertedText(text, info.contentType.parameter("charset").value_or(""))) {
+    const std::string charset = info.contentType.parameter("charset").value_or("");
+    if (role == Role::calendar) {
+      // An invitation's lines are unfolded before its characters are decoded: a fold may fall
+      // inside a character, which iCalendar allows.
+      const std::string summary = reading::calendarSummary(text);
+      const std::optional<std::string> converted = reading::convertedText(summary, charset);
+      reading::addPlainLines(converted ? *converted : summary, false, false, lines);
+      return;
+    }
+    if (auto converted = reading::convertedText(text, charset)) {
       owned = std::move(*converted);
       text = owned;
     }
@@ -375,10 +383,7 @@ class Reader {
         reading::addHtmlLines(*document, lines);
         break;
       }
-      case Role::calendar:
-        // Among alternatives an invitation is read only when no other text is there.
-        reading::addPlainLines(reading::calendarSummary(text), false, false, lines);
-        break;
+      case Role::calendar:  // read above
       case Role::attachment:
         break;
     }

@@ -59,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 .onServiceChosen = {},
                 .previewQuotedTexts = {},
                 .readMessage = {},
+                .inserter = nullptr,
             };
           },
       .inChina = [] { return false; },

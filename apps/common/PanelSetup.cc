@@ -37,10 +37,11 @@ MailExtensionView::Dependencies panelDependencies(MainExecutor& executor,
         return MailParser::blockquoteTexts(std::move(*html));
       },
       .readMessage =
-          [](std::string_view message) {
+          [](std::string_view message, bool draft) {
             const int64_t budget = UserSettings::shared().mailReadingMaxCharacters.get();
-            return MailReader::read(message, static_cast<size_t>(budget));
+            return MailReader::read(message, static_cast<size_t>(budget), draft);
           },
+      .inserter = nullptr,
   };
 }
 

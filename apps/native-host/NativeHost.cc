@@ -99,6 +99,7 @@ constexpr std::pair<PanelOperation, std::string_view> kOperationNames[] = {
     {PanelOperation::selectModel, "selectModel"},
     {PanelOperation::setConversationModel, "setConversationModel"},
     {PanelOperation::switchReading, "switchReading"},
+    {PanelOperation::insertOutput, "insertOutput"},
 };
 }  // namespace
 
@@ -126,6 +127,8 @@ std::string stateMessage(const PanelDescription& d) {
       {"error", d.errorLine ? json(*d.errorLine) : json(nullptr)},
       {"copyBounces", d.copyBounces},
       {"copying", d.copying},
+      {"inserting", d.inserting},
+      {"insertions", d.insertions},
   };
   if (input) {
     state["instruction"] = d.instruction;
@@ -143,51 +146,68 @@ std::string stateMessage(const PanelDescription& d) {
   return dump(state);
 }
 
-void AddOnPasteboard::setString(const std::string& text) {
+std::optional<std::string> AddOnExchange::run(const std::string& text) {
   {
     std::lock_guard lock(mutex_);
-    if (closed_) throw PasteboardError("The panel was closed before the reply was copied.");
+    if (closed_) return words_.closed;
     waiting_ = true;
     answer_.reset();
   }
-  const bool sent = sendPieces(send_, text, [](std::string_view piece, bool last, bool) {
-    return json{{"type", "copy"}, {"text", piece}, {"more", !last}};
+  const bool sent = sendPieces(send_, text, [this](std::string_view piece, bool last, bool) {
+    return json{{"type", words_.type}, {"text", piece}, {"more", !last}};
   });
   std::unique_lock lock(mutex_);
   const bool done =
       sent && answered_.wait_for(lock, timeout_, [this] { return answer_.has_value() || closed_; });
   waiting_ = false;
-  if (!sent || closed_) throw PasteboardError("The panel was closed before the reply was copied.");
+  if (!sent || closed_) return words_.closed;
   if (!done) {
     const auto ms = timeout_.count();
-    throw PasteboardError(
-        "Thunderbird did not confirm the copy within " +
-        (ms % 1000 == 0 ? std::to_string(ms / 1000) + " seconds." : std::to_string(ms) + " ms."));
+    return words_.noAnswer + " " +
+           (ms % 1000 == 0 ? std::to_string(ms / 1000) + " seconds." : std::to_string(ms) + " ms.");
   }
-  if (!answer_->empty()) throw PasteboardError("The clipboard did not take the reply: " + *answer_);
+  if (!answer_->empty()) return words_.refused + " " + *answer_;
+  return std::nullopt;
 }
 
-void AddOnPasteboard::answered(std::string failure) {
+void AddOnExchange::answered(std::string failure) {
   std::lock_guard lock(mutex_);
   if (!waiting_) return;  // an answer nobody waits for: late, after a timeout
   answer_ = std::move(failure);
   answered_.notify_all();
 }
 
-void AddOnPasteboard::close() {
+void AddOnExchange::close() {
   std::lock_guard lock(mutex_);
   closed_ = true;
   answered_.notify_all();
 }
 
+AddOnPasteboard::AddOnPasteboard(std::function<bool(std::string_view)> send,
+                                 std::chrono::milliseconds timeout)
+    : exchange_({"copy", "The panel was closed before the reply was copied.",
+                 "Thunderbird did not confirm the copy within",
+                 "The clipboard did not take the reply:"},
+                std::move(send), timeout) {}
+
+AddOnInserter::AddOnInserter(std::function<bool(std::string_view)> send,
+                             std::chrono::milliseconds timeout)
+    : exchange_({"insert", "The panel was closed before the reply was inserted.",
+                 "Thunderbird did not confirm the insertion within",
+                 "The reply could not be inserted:"},
+                std::move(send), timeout) {}
+
 NativeHost::NativeHost(Environment environment)
-    : env_(std::move(environment)), pasteboard_(env_.send, env_.copyTimeout) {}
+    : env_(std::move(environment)),
+      pasteboard_(env_.send, env_.copyTimeout),
+      inserter_(env_.send, env_.copyTimeout) {}
 
 NativeHost::~NativeHost() { close(); }
 
 void NativeHost::close() {
   closed_ = true;
   pasteboard_.close();
+  inserter_.close();
   if (!panel_) return;
   // The compose window's panel is gone: its run stops here, and the worker is waited for.
   panel_.reset();
@@ -250,6 +270,9 @@ void NativeHost::handle(const json& request) {
   } else if (type == "copied") {
     const std::string* error = stringField(request, "error");
     pasteboard_.answered(error ? (error->empty() ? "unknown error" : *error) : "");
+  } else if (type == "inserted") {
+    const std::string* error = stringField(request, "error");
+    inserter_.answered(error ? (error->empty() ? "unknown error" : *error) : "");
   } else if (type == "checkRecipients") {
     const auto addresses = stringsField(request, "addresses");
     if (!addresses) return sendError("\"addresses\" must be a list of strings.");
@@ -325,7 +348,10 @@ void NativeHost::appear() {
   messageSize_.reset();
   if (env_.panelOpening) env_.panelOpening();
   ComposeSessionHandler().mailComposeSessionDidBegin(*session_);
-  panel_ = MailExtensionView::make(env_.panelDependencies(*session_, pasteboard_));
+  MailExtensionView::Dependencies dependencies = env_.panelDependencies(*session_, pasteboard_);
+  // The compose window that opened the panel takes the reply.
+  dependencies.inserter = &inserter_;
+  panel_ = MailExtensionView::make(std::move(dependencies));
   panel_->setObserver([this] { scheduleFlush(); });
   panel_->panelDidAppear();
   scheduleFlush();
@@ -363,6 +389,8 @@ void NativeHost::operation(const json& request) {
     case PanelOperation::setConversationModel:
       if (needValue()) panel_->setPickedModel(*value);
       return;
+    case PanelOperation::insertOutput:
+      return panel_->insertOutput();
     case PanelOperation::switchReading:
       // With a value, the reading it names; without, the other one.
       if (!value) return panel_->switchReading();

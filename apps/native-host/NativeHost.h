@@ -9,12 +9,15 @@
 //   operation    {"name": NAME, "value": TEXT}: a control of the panel was used; NAME is one of
 //                the operations of the state below
 //   copied       {"error": null or TEXT}: the answer to a copy
+//   inserted     {"error": null or TEXT}: the answer to an insert
 //   checkRecipients {"addresses": [...]}, headers {}, colour {"subjects": [...]}: the host rules
 // To the add-on:
 //   state        the panel as the page draws it, without the reply text; sent when it changes
 //   output       {"reset": BOOL, "text": TEXT}: the reply's new text, appended, or replacing
 //                all of it when "reset"; never the whole text per chunk
 //   copy         {"text": TEXT, "more": BOOL}: put the text (the pieces joined) on the clipboard
+//   insert       {"text": TEXT, "more": BOOL}: put the text into the compose window's body, after
+//                what the user wrote and before the quoted original
 //   recipients   {"annotations": {ADDRESS: TEXT}, "refusal": null or TEXT}
 //   headers      {"headers": {NAME: [VALUE]}}
 //   colours      {"colours": ["red" or null, ...]}, one per subject
@@ -60,21 +63,34 @@ PanelOperation operationNamed(std::string_view name);
 // The "state" message for a description.
 std::string stateMessage(const PanelDescription& description);
 
-// Copy, as the add-on does it: the text goes over the port and the add-on writes the clipboard,
-// answering with "copied". Runs on the panel's copy thread, which waits for that answer.
-class AddOnPasteboard final : public Pasteboard {
+// A text the add-on is to act on (put on the clipboard, insert into the draft), sent over the
+// port in pieces of `type`; the calling thread, the panel's own for the action, waits for the
+// add-on's answer.
+class AddOnExchange {
  public:
-  AddOnPasteboard(std::function<bool(std::string_view)> send, std::chrono::milliseconds timeout)
-      : send_(std::move(send)), timeout_(timeout) {}
-  void clearContents() override {}
-  // Throws PasteboardError with the add-on's reason, or when it does not answer in time.
-  void setString(const std::string& text) override;
-  // The add-on's answer: empty when the text is on the clipboard.
+  struct Words {
+    std::string type;     // of the pieces: "copy", "insert"
+    std::string closed;   // the port closed before the answer
+    std::string noAnswer; // "Thunderbird did not confirm the copy within", and the time after
+    std::string refused;  // before the add-on's reason
+  };
+  AddOnExchange(Words words, std::function<bool(std::string_view)> send,
+                std::chrono::milliseconds timeout)
+      : words_(std::move(words)), send_(std::move(send)), timeout_(timeout) {}
+  // Sends `text` and waits. Throws an `Failure` (an Error) with the words above.
+  template <typename Failure>
+  void exchange(const std::string& text) {
+    if (std::optional<std::string> failure = run(text)) throw Failure(*failure);
+  }
+  // The add-on's answer: empty when it did what it was asked.
   void answered(std::string failure);
-  // The port is gone: a copy still waiting fails now.
+  // The port is gone: an exchange still waiting fails now.
   void close();
 
  private:
+  std::optional<std::string> run(const std::string& text);
+
+  Words words_;
   std::function<bool(std::string_view)> send_;
   std::chrono::milliseconds timeout_;
   std::mutex mutex_;
@@ -82,6 +98,35 @@ class AddOnPasteboard final : public Pasteboard {
   std::optional<std::string> answer_;
   bool waiting_ = false;
   bool closed_ = false;
+};
+
+// Copy, as the add-on does it: the text goes over the port and the add-on writes the clipboard,
+// answering with "copied".
+class AddOnPasteboard final : public Pasteboard {
+ public:
+  AddOnPasteboard(std::function<bool(std::string_view)> send, std::chrono::milliseconds timeout);
+  void clearContents() override {}
+  // Throws PasteboardError with the add-on's reason, or when it does not answer in time.
+  void setString(const std::string& text) override { exchange_.exchange<PasteboardError>(text); }
+  void answered(std::string failure) { exchange_.answered(std::move(failure)); }
+  void close() { exchange_.close(); }
+
+ private:
+  AddOnExchange exchange_;
+};
+
+// Insert, as the add-on does it: the text goes over the port and the add-on puts it into the
+// compose window's body, answering with "inserted".
+class AddOnInserter final : public DraftInserter {
+ public:
+  AddOnInserter(std::function<bool(std::string_view)> send, std::chrono::milliseconds timeout);
+  // Throws InsertError with the add-on's reason, or when it does not answer in time.
+  void insert(const std::string& reply) override { exchange_.exchange<InsertError>(reply); }
+  void answered(std::string failure) { exchange_.answered(std::move(failure)); }
+  void close() { exchange_.close(); }
+
+ private:
+  AddOnExchange exchange_;
 };
 
 class NativeHost {
@@ -125,6 +170,7 @@ class NativeHost {
 
   Environment env_;
   AddOnPasteboard pasteboard_;
+  AddOnInserter inserter_;
   Language language_ = Language::english;
   bool opened_ = false;
   bool closed_ = false;

@@ -346,6 +346,45 @@ TEST_F(NativeHostTest, CopyGoesThroughTheAddOnAndWaitsForItsAnswer) {
   EXPECT_EQ(state["error"], "The clipboard did not take the reply: clipboard access denied");
 }
 
+// Insert goes the way Copy does, as "insert" pieces answered by "inserted"; the button comes
+// with the finished reply.
+TEST_F(NativeHostTest, InsertGoesThroughTheAddOnAndWaitsForItsAnswer) {
+  receive(json{{"type", "open"}});
+  std::string reply;
+  while (reply.size() < kTextPieceBytes + 10) reply += "line ";
+  json state;
+  for (json& m : generate(FakeAnswer{.pieces = {sseRecord(reply)}}))
+    if (m["type"] == "state") state = std::move(m);
+  ASSERT_EQ(state["buttons"].size(), 3u);
+  EXPECT_EQ(state["buttons"][1],
+            (json{{"label", "Insert"}, {"symbol", "text.insert"}, {"operation", "insertOutput"}}));
+
+  const auto insertAndAnswer = [&](const json& answer) {
+    receive(json{{"type", "operation"}, {"name", "insertOutput"}});
+    std::string inserted;
+    bool whole = false;
+    EXPECT_TRUE(executor_.runUntil(
+        [&] {
+          for (const json& m : take()) {
+            if (m["type"] != "insert") continue;
+            inserted += m["text"].get<std::string>();
+            whole = !m["more"].get<bool>();
+          }
+          return whole;
+        },
+        5s));
+    EXPECT_EQ(inserted, reply);
+    receive(answer);
+    return stateWhen([](const json& s) { return !s["inserting"].get<bool>(); });
+  };
+  state = insertAndAnswer(json{{"type", "inserted"}, {"error", nullptr}});
+  EXPECT_EQ(state["insertions"], 1);
+  EXPECT_TRUE(state["error"].is_null());
+  state = insertAndAnswer(json{{"type", "inserted"}, {"error", "the compose window was closed"}});
+  EXPECT_EQ(state["insertions"], 1);
+  EXPECT_EQ(state["error"], "The reply could not be inserted: the compose window was closed");
+}
+
 TEST_F(NativeHostTest, ACopyWithoutAnswerEndsAtItsTimeoutOrAtClose) {
   copyTimeout_ = 50ms;
   host_ = std::make_unique<NativeHost>(environment());

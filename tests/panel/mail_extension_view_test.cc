@@ -47,6 +47,9 @@ class PanelTest : public ::testing::Test {
             },
         .overrides = overrides_,
         .onServiceChosen = {},
+        .previewQuotedTexts = {},
+        .readMessage = {},
+        .inserter = inserter_,
     };
     return MailExtensionView::make(std::move(deps));
   }
@@ -118,6 +121,7 @@ class PanelTest : public ::testing::Test {
   std::vector<std::string> passages_;
   std::exception_ptr parserFailure_;
   decltype(MailExtensionView::Dependencies::overrides) overrides_;
+  DraftInserter* inserter_ = nullptr;
 };
 
 // The messages of the last request, a line each: "role: content".
@@ -484,6 +488,62 @@ TEST_F(PanelTest, CopyPutsTheReplyOnThePasteboardAndFlipsTheAnimation) {
   copy(*panel);
   EXPECT_EQ(pasteboard_.text(), "Copied text");
   EXPECT_FALSE(panel->copyAnimating());
+}
+
+// Insert: offered only with an inserter and a finished reply; the whole reply goes to the
+// draft on a thread of its own; a draft that refuses it says why in the error line.
+TEST_F(PanelTest, InsertPutsTheFinishedReplyIntoTheDraft) {
+  class Draft final : public DraftInserter {
+   public:
+    std::vector<std::string> inserted;
+    std::string refusal;
+    void insert(const std::string& reply) override {
+      if (!refusal.empty()) throw InsertError(refusal);
+      inserted.push_back(reply);
+    }
+  } draft;
+  const auto offered = [](const MailExtensionView& panel) {
+    const PanelDescription d = PanelDescription::describe(panel, false, Language::english);
+    return std::any_of(d.buttons.begin(), d.buttons.end(), [](const auto& b) {
+      return b.operation == PanelOperation::insertOutput && b.label == "Insert";
+    });
+  };
+  const auto insert = [&](MailExtensionView& panel) {
+    panel.insertOutput();
+    ASSERT_TRUE(executor_.runUntil([&] { return !panel.inserting(); }, std::chrono::seconds(5)));
+  };
+
+  // Without an inserter there is no Insert, and the operation does nothing.
+  auto plain = makePanel();
+  generate(*plain, FakeAnswer{.pieces = {sseRecord("Dear Ann")}});
+  EXPECT_FALSE(offered(*plain));
+  plain->insertOutput();
+  EXPECT_FALSE(plain->inserting());
+
+  inserter_ = &draft;
+  auto panel = makePanel();
+  // While the reply streams it is not finished: no Insert.
+  auto gate = std::make_shared<Gate>();
+  transport_.enqueue(FakeAnswer{.pieces = {sseRecord("Dear Ann,"), sseRecord(" see you.")},
+                                .bodyGate = gate});
+  panel->startGeneration();
+  ASSERT_TRUE(executor_.runUntil([&] { return !panel->output().empty(); }, std::chrono::seconds(5)));
+  EXPECT_FALSE(offered(*panel));
+  panel->insertOutput();
+  EXPECT_FALSE(panel->inserting());
+  gate->open();
+  settle(*panel);
+  EXPECT_TRUE(offered(*panel));
+  insert(*panel);
+  EXPECT_EQ(draft.inserted, std::vector<std::string>{"Dear Ann, see you."});
+  EXPECT_EQ(panel->insertions(), 1u);
+  EXPECT_EQ(panel->errorMessage(), "");
+
+  draft.refusal = "The compose window is gone.";
+  insert(*panel);
+  EXPECT_EQ(panel->insertions(), 1u);
+  EXPECT_EQ(panel->errorMessage(), "The compose window is gone.");
+  inserter_ = nullptr;
 }
 
 // A clipboard helper that takes its time does not hold the panel: the copy goes on beside it,

@@ -31,6 +31,7 @@ char buttonKey(PanelOperation operation) {
     case PanelOperation::copyOutput: return 'c';
     case PanelOperation::stopGeneration: return 's';
     case PanelOperation::startGeneration: return 'r';
+    case PanelOperation::insertOutput: return 'i';
     default: return 0;
   }
 }
@@ -96,6 +97,7 @@ void PanelScreen::run(PanelOperation operation) {
     case PanelOperation::copyOutput: panel_.copyOutput(); break;
     case PanelOperation::leaveResult: panel_.leaveResult(); break;
     case PanelOperation::switchReading: panel_.switchReading(); break;
+    case PanelOperation::insertOutput: panel_.insertOutput(); break;
     default: break;
   }
 }

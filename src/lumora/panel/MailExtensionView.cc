@@ -109,8 +109,13 @@ void MailExtensionView::switchReading() {
 }
 
 const MailReading& MailExtensionView::messageReading(std::string_view raw) const {
-  if (!messageReading_)
-    messageReading_ = deps_.readMessage ? deps_.readMessage(raw) : MailReader::read(raw);
+  if (!messageReading_) {
+    const Message* original = deps_.session.originalMessage();
+    const bool draft = original && original->isDraft();
+    messageReading_ = deps_.readMessage
+                          ? deps_.readMessage(raw, draft)
+                          : MailReader::read(raw, MailReader::kDefaultMaxCharacters, draft);
+  }
   return *messageReading_;
 }
 
@@ -304,6 +309,36 @@ void MailExtensionView::copyOutput() {
       if (auto self = weak.lock()) self->copied(failure);
     });
   });
+}
+
+void MailExtensionView::insertOutput() {
+  if (!deps_.inserter || inserting_ || generating_ || output_.empty()) return;
+  inserting_ = true;
+  // The previous Insert has posted its end, so its thread is finishing or finished.
+  if (inserter_.joinable()) inserter_.join();
+  changed();
+  inserter_ = std::jthread([weak = weak_from_this(), &executor = deps_.executor,
+                            inserter = deps_.inserter, text = output_.str()] {
+    std::string failure;
+    try {
+      inserter->insert(text);
+    } catch (...) {
+      failure = describeFailure(std::current_exception());
+    }
+    executor.post([weak, failure = std::move(failure)] {
+      if (auto self = weak.lock()) self->inserted(failure);
+    });
+  });
+}
+
+void MailExtensionView::inserted(const std::string& failure) {
+  inserting_ = false;
+  if (failure.empty()) {
+    ++insertions_;
+  } else {
+    errorMessage_ = failure;
+  }
+  changed();
 }
 
 void MailExtensionView::copied(const std::string& failure) {

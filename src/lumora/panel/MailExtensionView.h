@@ -78,9 +78,12 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
     // The same passages as quotedTexts, read without its debug line: for saying what a run
     // will send before it runs. Unset: quotedTexts.
     std::function<std::vector<std::string>(std::string_view)> previewQuotedTexts;
-    // The whole-message reading of a raw message, within the budget the settings give. Unset:
-    // MailReader's own, with its default budget.
-    std::function<MailReading(std::string_view)> readMessage;
+    // The whole-message reading of a raw message (a draft, with the flag), within the budget
+    // the settings give. Unset: MailReader's own, with its default budget.
+    std::function<MailReading(std::string_view, bool draft)> readMessage;
+    // Where Insert puts the reply; none: the front-end cannot write into the draft, and the
+    // panel offers no Insert.
+    DraftInserter* inserter = nullptr;
   };
 
   // What the model is given of the message being answered: its quoted passages (the default),
@@ -125,6 +128,11 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   bool copying() const { return copying_; }
   // How many times Copy was used: each use flips copyAnimating and adds one here.
   unsigned copyBounces() const { return copyBounces_; }
+  // Insert: whether the front-end can put the reply into the draft, whether it is doing so now,
+  // and how many times it has.
+  bool canInsert() const { return deps_.inserter != nullptr; }
+  bool inserting() const { return inserting_; }
+  unsigned insertions() const { return insertions_; }
   // True once the latest run has ended, whichever way: its last change has been made.
   bool latestRunEnded() const;
 
@@ -166,6 +174,10 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   // may take seconds, and the panel goes on meanwhile (copying() says so). When it ends,
   // copyAnimating flips; when no clipboard took the text, errorMessage says why instead.
   void copyOutput();
+  // Insert: the finished reply into the draft, on a thread of its own as Copy is. Does nothing
+  // while a run is under way (the reply is not finished), with no reply, or without an
+  // inserter. When the draft could not take it, errorMessage says why.
+  void insertOutput();
 
   // Called on the executor after every change of state.
   void setObserver(std::function<void()> observer) { observer_ = std::move(observer); }
@@ -182,6 +194,7 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);
   void finish(const std::shared_ptr<Task>& task);
   void copied(const std::string& failure);
+  void inserted(const std::string& failure);
   const MailReading& messageReading(std::string_view raw) const;
   void changed();
   void followEditedConversation();
@@ -203,6 +216,9 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   bool appeared_ = false;
   std::unique_ptr<Editing> editing_;  // while a conversation's editor is up
   bool savePosted_ = false;           // a save waits on the executor
+  bool inserting_ = false;
+  unsigned insertions_ = 0;
+  std::jthread inserter_;  // the latest Insert
   // The message as each reading reads it, once asked for.
   mutable std::optional<MailReading> messageReading_;
   mutable std::optional<ReadingSummary> summaries_[2];

@@ -101,6 +101,9 @@ PanelDescription PanelDescription::describe(const MailExtensionView& panel, bool
     d.output = panel.output();
     d.buttons.push_back({word("Copy"), "rectangle.portrait.on.rectangle.portrait",
                          PanelOperation::copyOutput});
+    // Insert takes the finished reply only: not while it is still being written.
+    if (panel.canInsert() && !panel.generating() && !panel.output().empty())
+      d.buttons.push_back({word("Insert"), "text.insert", PanelOperation::insertOutput});
     if (panel.generating()) {
       d.buttons.push_back({word("Stop"), "stop", PanelOperation::stopGeneration});
     } else {
@@ -110,6 +113,8 @@ PanelDescription PanelDescription::describe(const MailExtensionView& panel, bool
   }
   d.copyBounces = panel.copyBounces();
   d.copying = panel.copying();
+  d.inserting = panel.inserting();
+  d.insertions = panel.insertions();
   return d;
 }
 

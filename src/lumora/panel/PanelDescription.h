@@ -26,6 +26,7 @@ enum class PanelOperation {
   selectModel,         // the model picker (the stored selection)
   setConversationModel,  // the model picker of a chosen conversation
   switchReading,       // what the model reads: the quoted passages or the whole message
+  insertOutput,        // Insert: the finished reply into the mail being written
 };
 
 struct PanelDescription {
@@ -73,11 +74,14 @@ struct PanelDescription {
 
   // The result page.
   ReplyText output;
-  std::vector<Button> buttons;  // Copy, then Stop or Regenerate
+  std::vector<Button> buttons;  // Copy, Insert (where the draft can take it), Stop or Regenerate
   // Changes at every copy; a front-end bounces the Copy symbol when it does.
   unsigned copyBounces = 0;
   // A copy is under way ("Copying…" beside the buttons); Copy does nothing meanwhile.
   bool copying = false;
+  // The same for Insert; `insertions` changes at every reply put into the draft.
+  bool inserting = false;
+  unsigned insertions = 0;
 
   // The line that says what the model reads, for `summary`.
   static std::string readingLine(const MailExtensionView& panel, Language language);

@@ -55,6 +55,9 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"The oldest part was left out to fit.", "为适应长度，最早的部分已略去。"},
     {"Read the whole message", "读取整封邮件"},
     {"Read only the quoted passages", "只读取引用内容"},
+    {"Insert", "插入"},
+    {"Inserting…", "正在插入…"},
+    {"Inserted", "已插入"},
 };
 
 }  // namespace

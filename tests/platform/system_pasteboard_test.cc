@@ -101,14 +101,18 @@ TEST_F(SystemPasteboardTest, TheFirstWayThatWorksGetsTheText) {
       {"an empty WAYLAND_DISPLAY is no Wayland session",
        {{"WAYLAND_DISPLAY", ""}, {"DISPLAY", ":1"}}, allWork, "", "xclip", ""},
       {"no graphical session: OSC 52", {}, allWork, "", "tty", kOsc52},
-      {"under tmux: OSC 52 wrapped for tmux", {{"TMUX", "/tmp/tmux-0/default,1,0"}}, allWork, "",
-       "tty", kOsc52Tmux},
+      {"under tmux: tmux's own buffer", {{"TMUX", "/tmp/tmux-0/default,1,0"}},
+       {{"tmux", Helper::works}}, "", "tmux", ""},
+      {"under a tmux that cannot: OSC 52 wrapped for tmux", {{"TMUX", "/tmp/tmux-0/default,1,0"}},
+       {{"tmux", Helper::fails}}, "", "tty", kOsc52Tmux},
+      {"a graphical session before tmux", everything, allWork, "", "wl-copy", ""},
   };
   // What each program is given before the text, one argument a line.
   const std::map<std::string, std::string> arguments = {
       {"wl-copy", "--type\ntext/plain;charset=utf-8\n"},
       {"xclip", "-selection\nclipboard\n"},
       {"xsel", "--clipboard\n--input\n"},
+      {"tmux", "load-buffer\n-w\n-\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -117,10 +121,15 @@ TEST_F(SystemPasteboardTest, TheFirstWayThatWorksGetsTheText) {
     const int terminal = open(tty.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     SystemPasteboard::Options o = options(c.environment, terminal);
     o.configuredCommand = [&] { return c.setting; };
-    SystemPasteboard(o).setString(kText);
+    SystemPasteboard pasteboard(o);
+    pasteboard.setString(kText);
     close(terminal);
+    // Only a program that took the text is "Copied"; a sequence sent to the terminal is not
+    // known to have arrived.
+    EXPECT_EQ(pasteboard.lastDelivery(), c.used == "tty" ? SystemPasteboard::Delivery::terminal
+                                                         : SystemPasteboard::Delivery::program);
 
-    for (const char* name : {"command", "setting", "wl-copy", "xclip", "xsel"}) {
+    for (const char* name : {"command", "setting", "wl-copy", "xclip", "xsel", "tmux"}) {
       const auto given = arguments.find(name);
       const std::string expected = (given == arguments.end() ? "" : given->second) + kText;
       EXPECT_EQ(received(name), c.used == name ? expected : "(not run)") << name;
@@ -151,7 +160,11 @@ TEST_F(SystemPasteboardTest, WhenNothingWorksTheErrorSaysWhatWasTriedAndWhatToDo
     std::map<std::string, Helper> helpers;
     int terminal;
     std::string tried;
+    bool terminalTakesOsc52 = true;
   };
+  // A terminal that would show the sequence as text is never written to.
+  const auto tty = dir_ / "tty";
+  const int shown = open(tty.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   const std::string noSession =
       "there is no graphical session (neither WAYLAND_DISPLAY nor DISPLAY is set); ";
   const Case cases[] = {
@@ -161,12 +174,18 @@ TEST_F(SystemPasteboardTest, WhenNothingWorksTheErrorSaysWhatWasTriedAndWhatToDo
        {{"xclip", Helper::fails}}, SystemPasteboard::kNoTerminal,
        "the clipboard command failed (exit status 4); wl-copy is not installed; xclip failed "
        "(exit status 1); xsel is not installed; there is no terminal for OSC 52"},
+      {{{"TMUX", "/tmp/t,1,0"}}, {{"tmux", Helper::fails}}, shown,
+       noSession + "tmux failed (exit status 1); this terminal shows OSC 52 as text instead of "
+                   "taking it",
+       false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.tried);
     install(c.helpers);
     try {
-      SystemPasteboard(options(c.environment, c.terminal)).setString(kText);
+      SystemPasteboard::Options o = options(c.environment, c.terminal);
+      o.terminalTakesOsc52 = c.terminalTakesOsc52;
+      SystemPasteboard(o).setString(kText);
       ADD_FAILURE() << "copied";
     } catch (const PasteboardError& e) {
       const std::string text = e.what();
@@ -174,6 +193,8 @@ TEST_F(SystemPasteboardTest, WhenNothingWorksTheErrorSaysWhatWasTriedAndWhatToDo
     }
   }
   close(gone[1]);
+  close(shown);
+  EXPECT_EQ(testing::readFile(tty), "");
 }
 
 TEST_F(SystemPasteboardTest, HelpersThatStopReadingAndProgramsOnThePath) {

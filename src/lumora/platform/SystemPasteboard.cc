@@ -81,6 +81,7 @@ void SystemPasteboard::setString(const std::string& text) {
     const subprocess::RunResult result = subprocess::runWithInput(argv, text, runOptions);
     if (result.succeeded()) {
       debug::line({"[debug] copied with", what});
+      lastDelivery_ = Delivery::program;
       return true;
     }
     notes.push_back(what + " " + whyNot(result, options_.timeLimit));
@@ -110,6 +111,23 @@ void SystemPasteboard::setString(const std::string& text) {
     return;
   if (!wayland && !x11)
     notes.push_back("there is no graphical session (neither WAYLAND_DISPLAY nor DISPLAY is set)");
+  // tmux answers for its own buffer, and passes the text on to its terminal's clipboard as its
+  // set-clipboard option says; an OSC 52 sequence written through it says nothing back.
+  const bool tmux = isSet("TMUX");
+  if (tmux && program("tmux", {"load-buffer", "-w", "-"})) return;
+  // Why nothing worked, and what would.
+  const auto failure = [&] {
+    return PasteboardError(
+        "Could not copy to the clipboard: " + joined(notes) +
+        ". Install wl-clipboard (Wayland) or xclip or xsel (X11), " +
+        (options_.terminalTakesOsc52 ? "use a terminal that supports OSC 52, " : "") +
+        "or set LUMORA_CLIPBOARD_COMMAND or the setting \"clipboardCommand\" to a command that "
+        "takes the text on its standard input.");
+  };
+  if (!options_.terminalTakesOsc52) {
+    notes.push_back("this terminal shows OSC 52 as text instead of taking it");
+    throw failure();
+  }
 
   int terminal = options_.terminal;
   const bool ownTerminal = terminal == kControllingTerminal;
@@ -117,7 +135,7 @@ void SystemPasteboard::setString(const std::string& text) {
   if (terminal < 0) {
     notes.push_back("there is no terminal for OSC 52");
   } else {
-    const std::string sequence = osc52(text, isSet("TMUX"));
+    const std::string sequence = osc52(text, tmux);
     std::unique_lock<std::mutex> drawing;
     if (options_.terminalLock) drawing = std::unique_lock(*options_.terminalLock);
     const subprocess::WriteEnd written = subprocess::writeAll(
@@ -126,15 +144,12 @@ void SystemPasteboard::setString(const std::string& text) {
     if (ownTerminal) close(terminal);
     if (written == subprocess::WriteEnd::written) {
       debug::line({"[debug] copied with OSC 52"});
+      lastDelivery_ = Delivery::terminal;
       return;
     }
     notes.push_back("the terminal did not take the OSC 52 sequence");
   }
-  throw PasteboardError(
-      "Could not copy to the clipboard: " + joined(notes) +
-      ". Install wl-clipboard (Wayland) or xclip or xsel (X11), use a terminal that supports "
-      "OSC 52, or set LUMORA_CLIPBOARD_COMMAND or the setting \"clipboardCommand\" to a command "
-      "that takes the text on its standard input.");
+  throw failure();
 }
 
 }  // namespace lumora

@@ -3,12 +3,16 @@
 //     "clipboardCommand"), run by /bin/sh with the text on its standard input;
 //  2. wl-copy, in a Wayland session (WAYLAND_DISPLAY set);
 //  3. xclip, then xsel, in an X session (DISPLAY set);
-//  4. the terminal's OSC 52 sequence, written to the terminal (wrapped for tmux under tmux),
-//     which reaches the user's own clipboard over SSH too.
+//  4. under tmux, tmux itself (`tmux load-buffer -w -`): its paste buffer, and the clipboard
+//     of the terminal tmux runs in where tmux's set-clipboard allows;
+//  5. the terminal's OSC 52 sequence, written to the terminal (wrapped for tmux under tmux),
+//     which reaches the user's own clipboard over SSH too, where the terminal takes it. Nothing
+//     comes back to say so: the front-end tells the user it was sent, not that it arrived.
 // A helper that is missing, fails or hangs past its time limit gives way to the next.
 // Nothing is ever read from the clipboard.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -39,7 +43,18 @@ class SystemPasteboard final : public Pasteboard {
     std::mutex* terminalLock = nullptr;
     // How long one helper (or the terminal) may take before the next way is tried.
     std::chrono::milliseconds timeLimit{5000};
+    // False when the terminal is known to show an OSC 52 sequence as text instead of taking
+    // it (a mail client's own terminal emulator): then none is written.
+    bool terminalTakesOsc52 = true;
   };
+
+  // How the last copy reached a clipboard.
+  enum class Delivery {
+    none,      // no copy has succeeded
+    program,   // a clipboard program, or tmux, took the text and said so
+    terminal,  // the OSC 52 sequence was written; the terminal does not answer
+  };
+  Delivery lastDelivery() const { return lastDelivery_.load(); }
 
   SystemPasteboard() : SystemPasteboard(Options{}) {}
   explicit SystemPasteboard(Options options);
@@ -58,6 +73,7 @@ class SystemPasteboard final : public Pasteboard {
   bool isSet(const std::string& name) const;
 
   Options options_;
+  std::atomic<Delivery> lastDelivery_{Delivery::none};
 };
 
 }  // namespace lumora

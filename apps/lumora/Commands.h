@@ -17,6 +17,7 @@ using Args = std::vector<std::string>;
 
 int replyCommand(const Args& args);
 int panelCommand(const Args& args);
+int composeCommand(const Args& args);
 int settingsCommand(const Args& args);
 int modelsCommand(const Args& args);
 int routeCommand(const Args& args);

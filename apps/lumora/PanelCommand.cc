@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 
 #include "Clipboard.h"
@@ -23,6 +24,7 @@
 #include "lumora/store/Features.h"
 #include "terminal/PanelScreen.h"
 #include "terminal/Terminal.h"
+#include "TerminalPanel.h"
 
 namespace lumora::cli {
 namespace {
@@ -63,12 +65,17 @@ constexpr const char* kPanelHelp =
     "                   to start, delete word\n"
     "Result page:\n"
     "  s Stop (while writing)   r Regenerate   c Copy   b or Esc Back\n"
+    "  i Insert the finished reply into the draft (under lumora compose)\n"
     "  Up, Down, PgUp, PgDn, Home, End, Space   scroll\n"
     "Anywhere: Ctrl-Q quits, stopping a run (q too, on the result page and on Generate);\n"
     "Ctrl-C quits with status 130. The mouse can click controls and scroll.\n"
     "\n"
-    "Copy runs LUMORA_CLIPBOARD_COMMAND (such as \"wl-copy\") with the reply on its standard\n"
-    "input; without it the reply is kept in memory only.\n"
+    "Copy puts the reply on the clipboard by the first way that works: the command in\n"
+    "LUMORA_CLIPBOARD_COMMAND or the setting clipboardCommand (the reply on its standard\n"
+    "input), wl-copy, xclip or xsel in a graphical session, tmux (load-buffer -w) under tmux,\n"
+    "else the terminal's OSC 52 sequence. \"Copied\" means a program or tmux took it; \"Sent to\n"
+    "the terminal's clipboard\" means the sequence went out, which the terminal does not\n"
+    "confirm. When nothing worked, the error line says what to install or set.\n"
     "\n"
     "Exit status: 0 quit, 1 failed (reason on standard error), 2 usage error, 130 Ctrl-C,\n"
     "SIGINT, SIGTERM or SIGHUP.\n";
@@ -176,12 +183,13 @@ void useUtf8Locale() {
 // Runs the executor and the terminal until the user leaves; returns the exit status. Each
 // drawing holds `drawing`, which a copy's OSC 52 sequence waits for.
 int runPanel(MainExecutor& executor, Terminal& terminal, PanelScreen& screen, bool& changed,
-             std::mutex& drawing) {
+             std::mutex& drawing, const std::function<bool()>& done) {
   using Clock = std::chrono::steady_clock;
   Clock::time_point drawn{};
   while (true) {
     executor.drain();
     if (gSignalled) return kExitInterrupted;
+    if (done && done()) return kExitOk;
     const Clock::time_point now = Clock::now();
     const std::optional<Clock::time_point> due = screen.nextChange();
     if (due && now >= *due) changed = true;
@@ -215,6 +223,49 @@ int runPanel(MainExecutor& executor, Terminal& terminal, PanelScreen& screen, bo
 
 }  // namespace
 
+int runTerminalPanel(TerminalPanelRun run) {
+  useUtf8Locale();
+  watchSignals();
+  try {
+    MainExecutor executor;
+    const SimpleComposeSession session =
+        run.message ? SimpleComposeSession(std::move(run.message), run.draft)
+                    : SimpleComposeSession();
+    std::mutex drawing;
+    PanelPasteboard clipboard = makePasteboard(drawing);
+    Features& features = Features::shared(&executor);
+    SessionMarks marks(session);
+    {
+      HeldDebugLines held;
+      std::unique_ptr<Terminal> terminal = Terminal::open(run.mouse);
+      MailExtensionView::Dependencies deps =
+          panelDependencies(executor, session, defaultTransport(), *clipboard.pasteboard);
+      if (run.reading)
+        deps.overrides[std::string(MailExtensionView::kReadingKey)] = *run.reading;
+      deps.inserter = run.inserter;
+      auto panel = MailExtensionView::make(std::move(deps));
+      PanelScreen screen(*panel, {.inChina = [&features] { return features.inChina(); },
+                                  .copyNote = clipboard.note,
+                                  .language = userLanguage()});
+      bool changed = true;
+      panel->setObserver([&changed] { changed = true; });
+      panel->panelDidAppear();
+      // With a draft to write into, the panel's work is done once the reply is in it.
+      const auto done = [&panel] { return panel->insertions() > 0; };
+      const int status = runPanel(executor, *terminal, screen, changed, drawing,
+                                  run.inserter ? std::function<bool()>(done) : nullptr);
+      // A run still going is stopped here, and its worker waited for, before the terminal
+      // is given back.
+      panel.reset();
+      executor.drain();
+      return status;
+    }
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
+    return kExitFailed;
+  }
+}
+
 int panelCommand(const Args& args) {
   Options options;
   if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
@@ -228,42 +279,8 @@ int panelCommand(const Args& args) {
     // mail, not an empty message.
     if (options.message || !bytes->empty()) raw = std::move(*bytes);
   }
-  useUtf8Locale();
-  watchSignals();
-
-  try {
-    MainExecutor executor;
-    const SimpleComposeSession session =
-        raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
-    std::mutex drawing;
-    PanelPasteboard clipboard = makePasteboard(drawing);
-    Features& features = Features::shared(&executor);
-    SessionMarks marks(session);
-    {
-      HeldDebugLines held;
-      std::unique_ptr<Terminal> terminal = Terminal::open(options.mouse);
-      MailExtensionView::Dependencies deps =
-          panelDependencies(executor, session, defaultTransport(), *clipboard.pasteboard);
-      if (options.reading)
-        deps.overrides[std::string(MailExtensionView::kReadingKey)] = *options.reading;
-      auto panel = MailExtensionView::make(std::move(deps));
-      PanelScreen screen(*panel, {.inChina = [&features] { return features.inChina(); },
-                                  .copyNote = clipboard.note,
-                                  .language = userLanguage()});
-      bool changed = true;
-      panel->setObserver([&changed] { changed = true; });
-      panel->panelDidAppear();
-      const int status = runPanel(executor, *terminal, screen, changed, drawing);
-      // A run still going is stopped here, and its worker waited for, before the terminal
-      // is given back.
-      panel.reset();
-      executor.drain();
-      return status;
-    }
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());
-    return kExitFailed;
-  }
+  return runTerminalPanel(
+      {.message = std::move(raw), .reading = options.reading, .mouse = options.mouse});
 }
 
 }  // namespace lumora::cli

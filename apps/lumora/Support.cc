@@ -20,6 +20,16 @@ int usageError(const std::string& message, const char* help) {
   return kExitUsage;
 }
 
+bool runsLumora(std::string_view command) {
+  const size_t start = command.find_first_not_of(" \t");
+  if (start == std::string_view::npos) return true;
+  std::string_view program = command.substr(start);
+  program = program.substr(0, program.find_first_of(" \t"));
+  const size_t slash = program.rfind('/');
+  if (slash != std::string_view::npos) program.remove_prefix(slash + 1);
+  return program == "lumora";
+}
+
 std::optional<std::string> readMessage(const std::string& path) {
   const size_t limit = UserSettings::shared().maxMessageBytes();
   const bool standardInput = path == "-";

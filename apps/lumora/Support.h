@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "PanelSetup.h"
@@ -14,6 +15,10 @@ using frontend::sharedStoreContext;
 
 // Writes "lumora: MESSAGE" and the command's usage to standard error; returns kExitUsage.
 int usageError(const std::string& message, const char* help);
+
+// True when a shell command would run lumora itself (an EDITOR that is `lumora compose`): its
+// first word names a program called lumora. An empty command counts too: it runs nothing.
+bool runsLumora(std::string_view command);
 
 // The bytes of a message file, or of standard input for "-". On failure writes the reason to
 // standard error and returns nullopt; a message larger than the setting "maxMessageMiB" is such

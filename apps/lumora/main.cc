@@ -19,6 +19,8 @@ struct Command {
 constexpr Command kCommands[] = {
     {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
     {"panel", "the compose assistant as a full-screen terminal panel", lumora::cli::panelCommand},
+    {"compose", "the panel on a draft, as a mail client's editor: Insert, then the editor",
+     lumora::cli::composeCommand},
     {"settings", "read and write the settings", lumora::cli::settingsCommand},
     {"conversations", "the stored presets of instruction and model",
      lumora::cli::conversationsCommand},

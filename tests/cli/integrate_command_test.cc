@@ -2,6 +2,7 @@
 // docs/integrations/ must hold unchanged.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "support/Fixtures.h"
@@ -10,19 +11,35 @@
 namespace lumora {
 namespace {
 
+// The compose road comes first and alone; the mail rules come only when asked for, after it.
 TEST(IntegrateCommand, EachClientsLinesAreThoseItsDocumentationShows) {
   const testing::LumoraHome home;
+  // The editor named after --editor is the user's: none here, so vi.
+  const std::map<std::string, std::string> noEditor = {{"VISUAL", ""}, {"EDITOR", ""}};
   for (const char* client : {"neomutt", "aerc"}) {
     SCOPED_TRACE(client);
-    const auto r = home.run({"integrate", client});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    ASSERT_FALSE(r.out.empty());
+    const auto plain = home.run({"integrate", client}, noEditor);
+    const auto rules = home.run({"integrate", client, "--mail-rules"}, noEditor);
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.err, "");
+    EXPECT_NE(plain.out.find("lumora compose --editor 'vi'"), std::string::npos) << plain.out;
+    EXPECT_EQ(plain.out.find("sendmail"), std::string::npos) << plain.out;
+    ASSERT_TRUE(rules.out.starts_with(plain.out)) << rules.out;
+    const std::string added = rules.out.substr(plain.out.size());
+    EXPECT_NE(added.find("lumora sendmail"), std::string::npos) << added;
     const std::string page = testing::readFile(std::filesystem::path(LUMORA_SOURCE_DIR) / "docs" /
                                                "integrations" / (std::string(client) + ".md"));
-    EXPECT_NE(page.find("```\n" + r.out + "```\n"), std::string::npos)
+    EXPECT_NE(page.find("```\n" + plain.out + "```\n"), std::string::npos)
         << "docs/integrations/" << client << ".md does not show the printed lines as they are";
+    EXPECT_NE(page.find("```\n" + added + "```\n"), std::string::npos)
+        << "docs/integrations/" << client << ".md does not show the mail rules as printed";
   }
+  // A user's editor is kept, quoted for the shell; one that is lumora itself is passed over.
+  const auto nano = home.run({"integrate", "neomutt"}, {{"VISUAL", ""}, {"EDITOR", "nano -w"}});
+  EXPECT_NE(nano.out.find("--editor 'nano -w'"), std::string::npos) << nano.out;
+  const auto self = home.run({"integrate", "aerc"},
+                             {{"VISUAL", "/usr/bin/lumora compose"}, {"EDITOR", "it's"}});
+  EXPECT_NE(self.out.find("--editor 'it'\\''s'"), std::string::npos) << self.out;
 }
 
 // Thunderbird finds the native host through a manifest in the user's home: installing it twice
@@ -32,11 +49,23 @@ TEST(IntegrateCommand, ThunderbirdGetsTheNativeHostsManifest) {
   const std::map<std::string, std::string> env = {{"HOME", home.path().string()}};
   const auto manifestFile =
       home.path() / ".mozilla" / "native-messaging-hosts" / "tech.zorvel.lumora.json";
+  // Only what is left to do is said: the manifest once, the add-on's steps until it is in a
+  // profile.
+  const std::string installed = "Installed the manifest of Lumora's native host for Thunderbird";
+  const std::string inPlace = "The manifest of Lumora's native host for Thunderbird is in place";
   for (int i = 0; i < 2; ++i) {
     const auto r = home.run({"integrate", "thunderbird"}, env);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find(manifestFile.string()), std::string::npos);
+    EXPECT_TRUE(r.out.starts_with(i == 0 ? installed : inPlace)) << r.out;
+    EXPECT_NE(r.out.find("Install Add-on From\nFile"), std::string::npos) << r.out;
   }
+  const auto extensions = home.path() / ".thunderbird" / "x1y2.default-esr" / "extensions";
+  std::filesystem::create_directories(extensions);
+  std::ofstream(extensions / "lumora@zorvel.tech.xpi") << "PK";
+  const auto done = home.run({"integrate", "thunderbird"}, env);
+  EXPECT_EQ(done.out, inPlace + ":\n  " + manifestFile.string() +
+                          "\nThe add-on is installed in Thunderbird (profile x1y2.default-esr).\n");
   const auto manifest = nlohmann::json::parse(testing::readFile(manifestFile));
   EXPECT_EQ(manifest["name"], "tech.zorvel.lumora");
   EXPECT_EQ(manifest["type"], "stdio");
@@ -70,7 +99,8 @@ TEST(IntegrateCommand, TheAddOnNamesTheHostItsManifestNames) {
 TEST(IntegrateCommand, AnotherClientOrNoneIsAUsageError) {
   const testing::LumoraHome home;
   const std::vector<std::vector<std::string>> calls = {
-      {"integrate"}, {"integrate", "mutt"}, {"integrate", "neomutt", "aerc"}};
+      {"integrate"}, {"integrate", "mutt"}, {"integrate", "neomutt", "aerc"},
+      {"integrate", "aerc", "--mail-rule"}};
   for (const auto& args : calls) {
     SCOPED_TRACE(args.size());
     const auto r = home.run(args);

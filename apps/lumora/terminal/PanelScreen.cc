@@ -22,6 +22,7 @@ std::string_view glyph(std::string_view symbol) {
   if (symbol == "rectangle.portrait.on.rectangle.portrait") return "⧉";
   if (symbol == "stop") return "■";
   if (symbol == "arrow.clockwise") return "↻";
+  if (symbol == "text.insert") return "↧";
   return "";
 }
 

@@ -80,43 +80,6 @@ std::string oneLine(std::string_view value, size_t longest) {
   return out;
 }
 
-// The fields a header block of a message has, one of which tells it from a text's first line
-// that merely holds a colon.
-bool isMessageField(std::string_view name) {
-  static constexpr std::array<std::string_view, 20> kNames{
-      "from",        "to",          "cc",           "bcc",         "subject",
-      "date",        "message-id",  "mime-version", "content-type", "content-transfer-encoding",
-      "received",    "return-path", "reply-to",     "in-reply-to", "references",
-      "sender",      "delivered-to", "user-agent",  "x-mailer",    "organization"};
-  const std::string lower = text::asciiLowercased(name);
-  return lower.starts_with("x-") || lower.starts_with("list-") ||
-         std::find(kNames.begin(), kNames.end(), lower) != kNames.end();
-}
-
-// The text begins with a header block: its first line is a field, and the block holds a field
-// that messages have.
-bool hasHeaderBlock(std::string_view raw) {
-  size_t start = reading::headerStart(raw);
-  bool first = true;
-  while (start < raw.size()) {
-    size_t end = raw.find('\n', start);
-    if (end == std::string_view::npos) end = raw.size();
-    std::string_view line = raw.substr(start, end - start);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (line.empty()) return false;
-    const bool continuation = !first && (line[0] == ' ' || line[0] == '\t');
-    if (!continuation) {
-      if (!reading::isFieldLine(line)) return false;
-      const size_t colon = line.find(':');
-      std::string_view name = text::trimmed(line.substr(0, colon));
-      if (isMessageField(name)) return true;
-    }
-    first = false;
-    start = end + 1;
-  }
-  return false;
-}
-
 // The multiparts whose parts are read otherwise than in turn.
 enum class Multipart : uint8_t { alternative, related, signedPart, other };
 
@@ -548,7 +511,7 @@ MailReading MailReader::read(std::string_view raw, size_t maxCharacters, bool dr
   TextLines body;
   TextLines attached;
   size_t attachedMessages = 0;
-  if (hasHeaderBlock(raw)) {
+  if (reading::hasHeaderBlock(raw)) {
     Reader reader(raw);
     reader.run(draft, result);
     body = std::move(reader.body());

@@ -58,6 +58,7 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Insert", "插入"},
     {"Inserting…", "正在插入…"},
     {"Inserted", "已插入"},
+    {"Sent to the terminal's clipboard (OSC 52)", "已发送到终端的剪贴板（OSC 52）"},
 };
 
 }  // namespace

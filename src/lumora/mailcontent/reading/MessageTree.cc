@@ -1,11 +1,13 @@
 #include "lumora/mailcontent/reading/MessageTree.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
 
 #include "lumora/mailcontent/reading/BodyText.h"
 #include "lumora/mailcontent/reading/HeaderText.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora::reading {
 
@@ -21,6 +23,63 @@ bool isFieldLine(std::string_view line) {
   if (i == 0) return false;
   while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
   return i < line.size() && line[i] == ':';
+}
+
+namespace {
+
+// The fields a header block of a message has, one of which tells it from a text's first line
+// that merely holds a colon.
+bool isMessageField(std::string_view name) {
+  static constexpr std::array<std::string_view, 20> kNames{
+      "from",        "to",          "cc",           "bcc",         "subject",
+      "date",        "message-id",  "mime-version", "content-type", "content-transfer-encoding",
+      "received",    "return-path", "reply-to",     "in-reply-to", "references",
+      "sender",      "delivered-to", "user-agent",  "x-mailer",    "organization"};
+  const std::string lower = text::asciiLowercased(name);
+  return lower.starts_with("x-") || lower.starts_with("list-") ||
+         std::find(kNames.begin(), kNames.end(), lower) != kNames.end();
+}
+
+}  // namespace
+
+bool hasHeaderBlock(std::string_view raw) {
+  size_t start = headerStart(raw);
+  bool first = true;
+  while (start < raw.size()) {
+    size_t end = raw.find('\n', start);
+    if (end == std::string_view::npos) end = raw.size();
+    std::string_view line = raw.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.empty()) return false;
+    const bool continuation = !first && (line[0] == ' ' || line[0] == '\t');
+    if (!continuation) {
+      if (!isFieldLine(line)) return false;
+      const size_t colon = line.find(':');
+      std::string_view name = text::trimmed(line.substr(0, colon));
+      if (isMessageField(name)) return true;
+    }
+    first = false;
+    start = end + 1;
+  }
+  return false;
+}
+
+size_t bodyStart(std::string_view raw) {
+  if (!hasHeaderBlock(raw)) return 0;
+  size_t start = headerStart(raw);
+  bool first = true;
+  while (start < raw.size()) {
+    size_t end = raw.find('\n', start);
+    const size_t next = end == std::string_view::npos ? raw.size() : end + 1;
+    std::string_view line = raw.substr(start, (end == std::string_view::npos ? raw.size() : end) - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.empty()) return next;  // the empty line belongs to the header
+    const bool continuation = !first && (line[0] == ' ' || line[0] == '\t');
+    if (!continuation && !isFieldLine(line)) return start;
+    first = false;
+    start = next;
+  }
+  return raw.size();
 }
 
 namespace {

@@ -62,4 +62,13 @@ size_t headerStart(std::string_view message);
 // perhaps blanks, then ":".
 bool isFieldLine(std::string_view line);
 
+// True when the text begins with a header block: its first line is a field, and the block holds
+// a field that messages have ("From", "Subject", "X-..."), which tells it from a text whose first
+// line merely holds a colon.
+bool hasHeaderBlock(std::string_view raw);
+
+// Where the body begins: behind the header block's empty line, or at the first line that is no
+// field; 0 for a text without a header block.
+size_t bodyStart(std::string_view raw);
+
 }  // namespace lumora::reading

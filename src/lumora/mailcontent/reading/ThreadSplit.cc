@@ -204,16 +204,33 @@ class Splitter {
     return result;
   }
 
- private:
   static constexpr size_t kNone = SIZE_MAX;
 
+  // The first quotation, with its attribution and the empty lines inside it; or, when an
+  // Outlook-style block or a marked thread comes first, everything from there on.
+  std::optional<std::pair<size_t, size_t>> firstQuotation() const {
+    const size_t cut = firstCut();
+    std::vector<std::pair<size_t, size_t>> found = quotations(cut, 1);
+    if (!found.empty()) return found.front();
+    if (cut < all_.size()) return std::pair<size_t, size_t>{cut, all_.size()};
+    return std::nullopt;
+  }
+
+ private:
   // The one quotation before `end`, with its attribution, when there is exactly one: the
   // message the sender answers below it (a bottom-posted reply, perhaps under a greeting).
   // None when there are several: answers stand between them.
   std::optional<std::pair<size_t, size_t>> onlyQuotation(size_t end) const {
-    std::optional<std::pair<size_t, size_t>> found;
+    std::vector<std::pair<size_t, size_t>> found = quotations(end, 2);
+    if (found.size() != 1) return std::nullopt;
+    return found.front();
+  }
+
+  // The quotations before `end`, at most `most` of them.
+  std::vector<std::pair<size_t, size_t>> quotations(size_t end, size_t most) const {
+    std::vector<std::pair<size_t, size_t>> found;
     size_t i = 0;
-    while (i < end) {
+    while (i < end && found.size() < most) {
       if (isBlank(lines_, i) || !(all_[i].depth > 0 || attributionEnd(i) != kNone)) {
         ++i;
         continue;
@@ -233,8 +250,7 @@ class Splitter {
           break;
         }
       }
-      if (found) return std::nullopt;
-      found.emplace(begin, last + 1);
+      found.emplace_back(begin, last + 1);
     }
     return found;
   }
@@ -439,5 +455,9 @@ std::string renderLines(const TextLines& lines, size_t begin, size_t end) {
 }
 
 SplitText splitThread(const TextLines& lines) { return Splitter(lines).run(); }
+
+std::optional<std::pair<size_t, size_t>> firstQuotation(const TextLines& lines) {
+  return Splitter(lines).firstQuotation();
+}
 
 }  // namespace lumora::reading

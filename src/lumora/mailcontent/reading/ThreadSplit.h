@@ -9,7 +9,9 @@
 // refer to it. The signature after a "-- " line is left out of both.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "lumora/mailcontent/reading/TextLines.h"
 
@@ -22,6 +24,11 @@ struct SplitText {
 };
 
 SplitText splitThread(const TextLines& lines);
+
+// The first quotation of `lines`: the lines [first, second) of its attribution, its quoted lines
+// and the empty lines between them; or, when an Outlook-style block or a thread a mail program
+// marked comes first, the lines from there to the end; none when the text quotes nothing.
+std::optional<std::pair<size_t, size_t>> firstQuotation(const TextLines& lines);
 
 // The lines [begin, end) as text: each line trimmed at its end and quoted lines marked with one
 // "> " per level (at most kMostQuoteMarks), runs of empty lines made one, no empty line at

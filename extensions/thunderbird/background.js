@@ -1,6 +1,7 @@
-// Lumora's background: opens the panel beside a compose window, and applies the host rules
-// (the recipient annotation and refusal, the extra header, the subject colour). Every decision
-// is the native host's; this script only carries questions and answers.
+// Lumora's background: opens the panel beside a compose window, making room for it, and applies
+// the host rules (the recipient annotation and refusal, the extra header, the subject colour),
+// each while its switch on the options page is on. The rules' decisions are the native host's;
+// this script carries questions and answers.
 "use strict";
 /* global Lumora, messenger */
 
@@ -20,6 +21,11 @@ async function ask(question) {
   return answer;
 }
 
+// The options page's switches, read at each use: a change applies to the next mail.
+async function switches() {
+  return Lumora.ruleSwitches(await messenger.storage.local.get(Object.keys(Lumora.RULE_SWITCHES)));
+}
+
 function notify(text) {
   return messenger.notifications
     .create({ type: "basic", title: "Lumora", message: text, iconUrl: "icons/lumora.svg" })
@@ -28,16 +34,45 @@ function notify(text) {
 
 // ---- The panel: one window per compose window, beside it. ----
 
-// Compose tab id -> the panel's window id, or a promise while it opens. The page says which
+// Compose tab id -> the panel's window id, or "opening" while it opens. The page says which
 // window it is in as it loads: windows.create's promise is not a reliable signal of that (it
 // waits for the window to be activated, which some window managers never do).
 const panels = new Map();
+
+// The screen's work area, without the desktop's panels and docks.
+function workArea() {
+  return { left: screen.availLeft, top: screen.availTop, width: screen.availWidth, height: screen.availHeight };
+}
+
+// Makes room beside the compose window `composeWindowId` for a panel `panelWidth` wide (moving,
+// narrowing or un-maximizing the compose window if it must) and returns the panel's bounds.
+async function makeRoom(composeWindowId, panelWidth) {
+  const compose = await messenger.windows.get(composeWindowId);
+  const plan = Lumora.panelPlacement(compose, workArea(), panelWidth);
+  if (plan.compose) {
+    // A maximized window takes no bounds until it is normal; both in one update.
+    await messenger.windows.update(composeWindowId, { state: "normal", ...plan.compose });
+  }
+  return plan.panel;
+}
+
+// The open panel of a compose tab, beside its compose window again if the two overlap (the
+// compose window was moved or maximized since), and in front.
+async function keepBeside(tabId) {
+  const panelId = panels.get(tabId);
+  if (typeof panelId !== "number") return;
+  const tab = await messenger.tabs.get(tabId);
+  const [compose, panel] = await Promise.all([messenger.windows.get(tab.windowId), messenger.windows.get(panelId)]);
+  const update = { focused: true };
+  if (Lumora.panelMisplaced(compose, panel, workArea())) Object.assign(update, await makeRoom(compose.id, panel.width));
+  await messenger.windows.update(panelId, update);
+}
 
 async function openPanel(composeTab) {
   const existing = panels.get(composeTab.id);
   if (typeof existing === "number") {
     try {
-      await messenger.windows.update(existing, { focused: true });
+      await keepBeside(composeTab.id);
       return;
     } catch (e) {
       panels.delete(composeTab.id);
@@ -47,12 +82,7 @@ async function openPanel(composeTab) {
   }
   panels.set(composeTab.id, "opening");
   try {
-    const compose = await messenger.windows.get(composeTab.windowId);
-    const placement = { width: 440, height: compose.height || 640 };
-    if (typeof compose.left === "number" && typeof compose.width === "number") {
-      placement.left = compose.left + compose.width;
-      placement.top = compose.top;
-    }
+    const placement = await makeRoom(composeTab.windowId, Lumora.PANEL_WIDTH);
     messenger.windows
       .create({ url: `panel/panel.html?tab=${composeTab.id}`, type: "popup", allowScriptsToClose: true, ...placement })
       .catch((e) => {
@@ -71,6 +101,7 @@ messenger.composeAction.onClicked.addListener((tab) => openPanel(tab));
 // its port, and the host stops a run still going.
 messenger.tabs.onRemoved.addListener((tabId) => {
   annotated.delete(tabId);
+  refusals.delete(tabId);
   const panel = panels.get(tabId);
   panels.delete(tabId);
   if (typeof panel === "number") messenger.windows.remove(panel).catch(() => {});
@@ -83,21 +114,33 @@ messenger.windows.onRemoved.addListener((windowId) => {
 
 // Thunderbird has no annotation of single addresses: the compose action carries a badge "!"
 // and lists the marked addresses in its tooltip, and the panel shows them.
-const annotated = new Map(); // compose tab id -> the address list last checked
+const annotated = new Map(); // compose tab id -> the address list last checked, and the switch
+// Compose tab id -> {text, key}: the last refused send and the addresses it was refused for,
+// shown in the panel until the addresses change.
+const refusals = new Map();
 
-async function annotate(tabId) {
+async function annotate(tabId, on) {
   const details = await messenger.compose.getComposeDetails(tabId);
   const addresses = Lumora.recipientTexts(details);
   const key = JSON.stringify(addresses);
-  if (annotated.get(tabId) === key) return;
-  const answer = await ask({ type: "checkRecipients", addresses });
-  const lines = Object.entries(answer.annotations).map(([address, text]) => `${address}: ${text}`);
+  const refusal = refusals.get(tabId);
+  if (refusal && refusal.key !== key) {
+    refusals.delete(tabId);
+    messenger.runtime.sendMessage({ type: "refusal", tabId, text: null }).catch(() => {});
+  }
+  const seen = JSON.stringify([on, key]);
+  if (annotated.get(tabId) === seen) return;
+  let lines = [];
+  if (on) {
+    const answer = await ask({ type: "checkRecipients", addresses });
+    lines = Object.entries(answer.annotations).map(([address, text]) => `${address}: ${text}`);
+  }
   // The tooltip first: once the badge shows, its explanation is already there.
   await messenger.composeAction.setTitle({ tabId, title: ["Lumora", ...lines].join("\n") });
   await messenger.composeAction.setBadgeBackgroundColor({ tabId, color: "#d70022" });
   await messenger.composeAction.setBadgeText({ tabId, text: lines.length ? "!" : "" });
   messenger.runtime.sendMessage({ type: "annotations", tabId, lines }).catch(() => {});
-  annotated.set(tabId, key); // only once shown: a failed look is tried again
+  annotated.set(tabId, seen); // only once shown: a failed look is tried again
 }
 
 // One look at a time: a slow host does not pile looks up.
@@ -105,43 +148,44 @@ let annotating = null;
 function annotateAll() {
   annotating ??= (async () => {
     const tabs = await messenger.tabs.query({ type: "messageCompose" });
-    for (const tab of tabs) await annotate(tab.id).catch(() => {});
+    const on = (await switches()).recipientCheck;
+    for (const tab of tabs) await annotate(tab.id, on).catch(() => {});
   })().finally(() => (annotating = null));
   return annotating;
 }
 setInterval(annotateAll, ANNOTATE_EVERY_MS);
 
-// The latest refusal, for whoever asks (the panel shows it when it opens after the fact).
-let lastRefusal = null;
-
-// The refusal, and the extra header on what may go.
+// The refusal, and the extra header on what may go; only the rules switched on are asked.
 messenger.compose.onBeforeSend.addListener(async (tab, details) => {
-  let verdict;
-  let headers;
+  const on = await switches();
+  const addresses = Lumora.recipientTexts(details);
+  let verdict = null;
+  let headers = null;
   try {
-    verdict = await ask({ type: "checkRecipients", addresses: Lumora.recipientTexts(details) });
-    headers = (await ask({ type: "headers" })).headers;
+    if (on.recipientCheck) verdict = await ask({ type: "checkRecipients", addresses });
+    if (on.extraHeader) headers = (await ask({ type: "headers" })).headers;
   } catch (e) {
     // Without the host there is no rule to apply: the mail goes, and the user is told.
-    notify(`Lumora could not check this mail's recipients: ${e.message}`);
+    notify(`Lumora could not check this mail: ${e.message}`);
     return {};
   }
-  if (verdict.refusal) {
-    lastRefusal = verdict.refusal;
-    notify(verdict.refusal);
-    messenger.runtime.sendMessage({ type: "refusal", tabId: tab.id, text: verdict.refusal }).catch(() => {});
+  const outcome = Lumora.sendOutcome(on, verdict, headers, details.customHeaders);
+  if (outcome.cancel) {
+    // Thunderbird only says that sending was cancelled, and a notification needs a daemon that
+    // many desktops lack: the panel of this compose window says why.
+    refusals.set(tab.id, { text: outcome.refusal, key: JSON.stringify(addresses) });
+    notify(outcome.refusal);
+    messenger.runtime.sendMessage({ type: "refusal", tabId: tab.id, text: outcome.refusal }).catch(() => {});
+    openPanel(tab).catch((e) => console.error("Lumora: cannot show the refusal:", e));
     return { cancel: true };
   }
-  const customHeaders = (details.customHeaders || []).filter((h) => !(h.name in headers));
-  for (const [name, values] of Object.entries(headers)) {
-    for (const value of values) customHeaders.push({ name, value });
-  }
-  return { details: { customHeaders } };
+  return outcome;
 });
 
 messenger.runtime.onMessage.addListener((message) => {
   if (!message) return undefined;
-  if (message.type === "lastRefusal") return Promise.resolve(lastRefusal);
+  if (message.type === "refusalOf") return Promise.resolve(refusals.get(message.tabId)?.text ?? null);
+  if (message.type === "keepBeside") return keepBeside(message.tabId).catch(() => {});
   if (message.type === "panelOpened") {
     // A compose window closed while its panel was opening takes the panel with it.
     if (!panels.has(message.tabId)) messenger.windows.remove(message.windowId).catch(() => {});
@@ -160,6 +204,7 @@ async function ensureTag() {
 const tagReady = ensureTag().catch((e) => console.error("Lumora: cannot make its tag:", e));
 
 async function colour(messages) {
+  if (!(await switches()).subjectColour) return;
   await tagReady;
   for (const group of Lumora.groups(messages, Lumora.SUBJECTS_PER_QUESTION)) {
     const answer = await ask({ type: "colour", subjects: group.map((m) => m.subject || "") });

@@ -10,6 +10,7 @@ const SYMBOLS = {
   "rectangle.portrait.on.rectangle.portrait": "⧉",
   stop: "■",
   "arrow.clockwise": "↻",
+  "text.insert": "⤓",
 };
 // Typing is sent to the host once it pauses this long (and always before Generate).
 const INSTRUCTION_PAUSE_MS = 250;
@@ -17,7 +18,8 @@ const INSTRUCTION_PAUSE_MS = 250;
 const $ = (id) => document.getElementById(id);
 const tabId = Number(new URLSearchParams(location.search).get("tab"));
 const mirror = new Lumora.ReplyMirror();
-const copyText = new Lumora.CopyAssembler();
+const copyText = new Lumora.PieceAssembler();
+const insertText = new Lumora.PieceAssembler();
 const textNode = document.createTextNode("");
 $("text").appendChild(textNode);
 
@@ -28,6 +30,7 @@ let instructionKnown = null; // the instruction as the host last had it
 let instructionTimer = null;
 let followEnd = true; // the reply view stays at the end of a growing reply until scrolled up
 let bounces = 0;
+let insertions = 0;
 
 function send(message) {
   if (port) port.postMessage(message);
@@ -53,6 +56,12 @@ async function rawMessage() {
   if (!details.relatedMessageId || !["reply", "forward", "redirect"].includes(details.type)) return null;
   const file = await messenger.messages.getRaw(details.relatedMessageId, { data_format: "File" });
   return new Uint8Array(await file.arrayBuffer());
+}
+
+// A refused send of this compose window, shown until its recipients change.
+function showRefusal(text) {
+  $("refusal").textContent = text || "";
+  $("refusal").hidden = !text;
 }
 
 function showErrors() {
@@ -120,22 +129,38 @@ function render(next) {
     showReading(next.reading);
     if (!previous || previous.page !== "input") $("instruction").focus();
   } else {
-    const [copy, second] = next.buttons;
-    $("copyLabel").textContent = copy.label;
-    $("copySymbol").textContent = SYMBOLS[copy.symbol] || "";
-    $("secondLabel").textContent = second.label;
-    $("secondSymbol").textContent = SYMBOLS[second.symbol] || "";
-    $("second").dataset.operation = second.operation;
+    // The buttons the host lists, by what they do: Insert comes and goes (not while the reply
+    // is being written), and the last one is Stop or Regenerate.
+    const find = (...operations) => next.buttons.find((b) => operations.includes(b.operation));
+    showButton("copy", find("copyOutput"));
+    showButton("insert", find("insertOutput"));
+    showButton("second", find("stopGeneration", "startGeneration"));
     if (!previous || previous.page !== "result") followEnd = true;
   }
   $("copying").hidden = !next.copying;
+  $("inserting").hidden = !next.inserting;
   if (next.copyBounces !== bounces) {
     bounces = next.copyBounces;
-    const symbol = $("copySymbol");
-    symbol.classList.remove("bounce");
-    void symbol.offsetWidth; // restarts the animation
-    symbol.classList.add("bounce");
+    bounce($("copySymbol"));
   }
+  if ((next.insertions || 0) !== insertions) {
+    insertions = next.insertions || 0;
+    bounce($("insertSymbol"));
+  }
+}
+
+function showButton(id, button) {
+  $(id).hidden = !button;
+  if (!button) return;
+  $(`${id}Label`).textContent = button.label;
+  $(`${id}Symbol`).textContent = SYMBOLS[button.symbol] || "";
+  $(id).dataset.operation = button.operation;
+}
+
+function bounce(symbol) {
+  symbol.classList.remove("bounce");
+  void symbol.offsetWidth; // restarts the animation
+  symbol.classList.add("bounce");
 }
 
 function showOutput(message) {
@@ -154,6 +179,29 @@ async function copyToClipboard(text) {
   }
 }
 
+// The reply into this panel's compose window, after what the user wrote there and above the
+// quote; the host waits for the answer.
+async function insertIntoDraft(text) {
+  let error = null;
+  try {
+    const details = await messenger.compose.getComposeDetails(tabId).catch(() => {
+      throw new Error("the mail it was written for is no longer open");
+    });
+    if (details.isPlainText) {
+      await messenger.compose.setComposeDetails(tabId, {
+        plainTextBody: Lumora.insertIntoPlainText(details.plainTextBody || "", text),
+      });
+    } else {
+      await messenger.compose.setComposeDetails(tabId, { body: Lumora.insertIntoHtml(details.body || "", text) });
+    }
+  } catch (e) {
+    error = String((e && e.message) || e);
+  }
+  send({ type: "inserted", error });
+  // Thunderbird may raise the compose window as its body changes: the panel stays in view.
+  messenger.runtime.sendMessage({ type: "keepBeside", tabId }).catch(() => {});
+}
+
 function receive(message) {
   switch (message.type) {
     case "state":
@@ -163,6 +211,11 @@ function receive(message) {
     case "copy": {
       const text = copyText.add(message);
       if (text !== null) copyToClipboard(text);
+      return undefined;
+    }
+    case "insert": {
+      const text = insertText.add(message);
+      if (text !== null) insertIntoDraft(text);
       return undefined;
     }
     case "error":
@@ -191,6 +244,10 @@ async function start() {
   messenger.windows
     .getCurrent()
     .then((w) => messenger.runtime.sendMessage({ type: "panelOpened", tabId, windowId: w.id }))
+    .catch(() => {});
+  messenger.runtime
+    .sendMessage({ type: "refusalOf", tabId })
+    .then(showRefusal)
     .catch(() => {});
   let bytes = null;
   try {
@@ -226,8 +283,9 @@ $("generate").addEventListener("click", () => {
   operation("startGeneration");
 });
 $("readingToggle").addEventListener("click", (event) => operation(event.currentTarget.dataset.operation));
-$("copy").addEventListener("click", () => operation("copyOutput"));
-$("second").addEventListener("click", (event) => operation(event.currentTarget.dataset.operation));
+for (const id of ["copy", "insert", "second"]) {
+  $(id).addEventListener("click", (event) => operation(event.currentTarget.dataset.operation));
+}
 $("output").addEventListener("scroll", () => {
   const view = $("output");
   followEnd = view.scrollTop + view.clientHeight >= view.scrollHeight - 4;
@@ -239,10 +297,11 @@ document.addEventListener("keydown", (event) => {
 // The background's word on this compose window's recipients.
 messenger.runtime.onMessage.addListener((message) => {
   if (!message || message.tabId !== tabId) return;
-  if (message.type === "annotations" || message.type === "refusal") {
-    const lines = message.type === "refusal" ? [message.text] : message.lines;
-    $("annotations").textContent = lines.join("\n");
-    $("annotations").hidden = lines.length === 0;
+  if (message.type === "annotations") {
+    $("annotations").textContent = message.lines.join("\n");
+    $("annotations").hidden = message.lines.length === 0;
+  } else if (message.type === "refusal") {
+    showRefusal(message.text);
   }
 });
 

@@ -1,14 +1,16 @@
 // The panel's half of the end-to-end driver (test build only): presses the panel's own
-// buttons, as a user would, and times what the page shows.
+// buttons, as a user would, and times what the page shows. What it does depends on the role the
+// background driver gave this panel's compose tab.
 "use strict";
-/* global messenger, state, textNode, port, $ */
+/* global messenger, state, textNode, port, $, tabId */
 
 (async () => {
-  const config = await messenger.runtime.sendMessage({ type: "e2e-mode" });
+  const config = await messenger.runtime.sendMessage({ type: "e2e-mode", tabId });
   if (!config) return;
+  const role = config.role;
   // Where the driver is, for the harness's log when something hangs.
   const progress = (stage) =>
-    fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel-progress", stage }) });
+    fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel-progress", role, stage }) });
   progress("loaded");
   const until = async (test, seconds = 60) => {
     const end = Date.now() + seconds * 1000;
@@ -18,26 +20,68 @@
     }
     throw new Error("timed out");
   };
+  // Whether an element takes up room on the page: hidden ones have no boxes.
+  const shown = (id) => $(id).getClientRects().length > 0;
   // The reading line and its control as the page shows them.
   const reading = () => ({
     line: $("readingLine").textContent,
     control: $("readingToggle").textContent,
-    shown: $("reading").getClientRects().length > 0,
+    shown: shown("reading"),
   });
-  if (config.reopened) {
+  const finished = () => state && state.page === "result" && state.header.title !== "Writing...";
+  // Insert, as a user presses it once the reply is finished.
+  const insert = async () => {
+    const before = state.insertions;
+    $("insert").click();
+    await until(() => (state.insertions > before || state.error) && !state.inserting, 40);
+    return { insertions: state.insertions - before, error: state.error };
+  };
+  const done = async (result) => {
+    await fetch(config.report, { method: "POST", body: JSON.stringify({ step: `panel-${role}`, ...result }) });
+    await messenger.runtime.sendMessage({ type: "e2e-panel", role, ...result }).catch((e) => progress(`not told: ${e}`));
+  };
+  const failure = (e) => `${e}\n${e && e.stack}\nstate: ${JSON.stringify(state)}\nerror line: ${$("error").textContent}`;
+
+  if (role === "reopened") {
     // The panel opened again after the reading was switched: it only says what it shows.
-    const again = { step: "reopened" };
+    const again = {};
     try {
       await until(() => state && state.page === "input", 30);
       again.reading = reading();
     } catch (e) {
-      again.failure = `${e}\nstate: ${JSON.stringify(state)}`;
+      again.failure = failure(e);
     }
-    await fetch(config.report, { method: "POST", body: JSON.stringify(again) });
-    await messenger.runtime.sendMessage({ type: "e2e-panel" }).catch((e) => progress(`not told: ${e}`));
+    await done(again);
     window.close();
     return;
   }
+  if (role === "refused") {
+    // Opened by a refused send: the refusal is there without anyone asking.
+    const seen = {};
+    try {
+      await until(() => shown("refusal"), 20);
+      seen.refusal = $("refusal").textContent;
+    } catch (e) {
+      seen.failure = failure(e);
+    }
+    await done(seen);
+    return;
+  }
+  if (role === "html") {
+    // Generate and Insert into an HTML reply; the panel stays open beside it.
+    const inserted = {};
+    try {
+      await until(() => state && state.page === "input", 30);
+      $("generate").click();
+      await until(() => finished() && shown("insert"), 30);
+      Object.assign(inserted, await insert());
+    } catch (e) {
+      inserted.failure = failure(e);
+    }
+    await done(inserted);
+    return;
+  }
+
   const result = { runs: [] };
   try {
     // Every piece of reply from the host, counted and timed after the page has shown it (the
@@ -45,8 +89,12 @@
     let outputs = 0;
     let firstShown = null;
     let writingSeen = false;
+    result.insertWhileWriting = false;
     port.onMessage.addListener((m) => {
-      if (m.type === "state" && m.header.title === "Writing...") writingSeen = true;
+      if (m.type === "state" && m.header.title === "Writing...") {
+        writingSeen = true;
+        if (shown("insert")) result.insertWhileWriting = true;
+      }
       if (m.type !== "output") return;
       outputs += 1;
       if (firstShown === null) firstShown = performance.now();
@@ -55,7 +103,10 @@
     progress("input page");
     result.readingAtStart = reading();
     result.instruction = $("instruction").value;
+    result.instructionFocused = document.activeElement === $("instruction");
     result.model = $("model").value;
+    // The header's symbols: the wand on the input page, the back control on the result page.
+    result.headerOnInput = { back: shown("back"), wand: shown("wand") };
 
     // Generate, then Regenerate for every further run: the harness's server answers them in
     // turn with a trickle and a burst, `rounds` times.
@@ -67,9 +118,12 @@
       writingSeen = false;
       const started = performance.now();
       $(button).click();
-      await until(() => writingSeen && state.page === "result" && state.header.title !== "Writing...");
+      await until(() => writingSeen && finished());
       progress(`${button} done`);
-      if (button === "generate") result.readingOnResult = reading().shown;
+      if (button === "generate") {
+        result.readingOnResult = reading().shown;
+        result.headerOnResult = { back: shown("back"), wand: shown("wand") };
+      }
       result.runs.push({
         button,
         text: textNode.data,
@@ -78,12 +132,17 @@
         outputMessages: outputs,
       });
     }
+    result.buttons = ["copy", "insert", "second"].filter(shown).map((id) => $(`${id}Label`).textContent);
 
     $("copy").click();
     await until(() => (state.copyBounces === 1 || state.error) && !state.copying, 40);
     progress("copied");
     result.copyBounces = state.copyBounces;
     result.error = state.error;
+
+    // The reply into the plain-text reply that opened the panel.
+    result.inserted = await insert();
+    progress("inserted");
 
     // Back, then another model from the picker.
     $("back").click();
@@ -105,10 +164,10 @@
     writingSeen = false;
     $("generate").click();
     await until(() => outputs > 0 && state.page === "result", 20);
-    await until(() => state.buttons[1].operation === "stopGeneration", 5);
+    await until(() => $("second").dataset.operation === "stopGeneration", 5);
     $("second").click();
     await until(() => state.header.title !== "Writing...", 20);
-    result.stopped = { text: textNode.data, title: state.header.title, button: state.buttons[1].operation };
+    result.stopped = { text: textNode.data, title: state.header.title, button: $("second").dataset.operation };
     progress("stopped");
 
     // Another slow one, and the panel is closed while it runs.
@@ -117,10 +176,9 @@
     await until(() => outputs > 0 && state.header.title === "Writing...", 20);
     result.closedWhileWriting = true;
   } catch (e) {
-    result.failure = `${e}\n${e && e.stack}\nstate: ${JSON.stringify(state)}\nerror line: ${$("error").textContent}`;
+    result.failure = failure(e);
   }
-  await fetch(config.report, { method: "POST", body: JSON.stringify({ step: "panel", ...result }) });
   // The background driver goes on with the sending.
-  await messenger.runtime.sendMessage({ type: "e2e-panel" }).catch((e) => progress(`not told: ${e}`));
+  await done(result);
   if (result.closedWhileWriting) window.close();
 })();

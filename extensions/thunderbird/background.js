@@ -23,7 +23,7 @@ async function ask(question) {
 
 // The options page's switches, read at each use: a change applies to the next mail.
 async function switches() {
-  return Lumora.ruleSwitches(await messenger.storage.local.get(Object.keys(Lumora.RULE_SWITCHES)));
+  return Lumora.switchesFrom(await messenger.storage.local.get(Object.keys(Lumora.SWITCHES)));
 }
 
 function notify(text) {
@@ -96,6 +96,14 @@ async function openPanel(composeTab) {
 }
 
 messenger.composeAction.onClicked.addListener((tab) => openPanel(tab));
+
+// With its switch on, a reply opens its panel by itself: Generate and Insert are then all it
+// takes. Only replies: a new mail or a forward has nothing to answer.
+messenger.tabs.onCreated.addListener(async (tab) => {
+  if (tab.type !== "messageCompose" || !(await switches()).openOnReply) return;
+  const details = await messenger.compose.getComposeDetails(tab.id).catch(() => null);
+  if (details && details.type === "reply") openPanel(tab).catch((e) => console.error("Lumora: cannot open the panel:", e));
+});
 
 // The panel lives with its compose window: closing that window closes the panel, which closes
 // its port, and the host stops a run still going.

@@ -79,15 +79,17 @@ var Lumora = (() => {
     return out;
   }
 
-  // ---- The host rules, each behind a switch of the options page. ----
+  // ---- The options page's switches: the panel opening with a reply, and each host rule. ----
 
-  // The switches as storage.local keeps them, and their value when never set: all on.
-  const RULE_SWITCHES = { recipientCheck: true, extraHeader: true, subjectColour: true };
+  // The switches as storage.local keeps them, and their value when never set: the rules on, as
+  // the host has them; the panel opens only when asked, as a window that appears unasked on
+  // every reply is not what everyone wants.
+  const SWITCHES = { openOnReply: false, recipientCheck: true, extraHeader: true, subjectColour: true };
 
   // The switches from what storage.local gave: anything but a boolean is the default.
-  function ruleSwitches(stored) {
+  function switchesFrom(stored) {
     const out = {};
-    for (const [key, fallback] of Object.entries(RULE_SWITCHES)) {
+    for (const [key, fallback] of Object.entries(SWITCHES)) {
       const value = stored ? stored[key] : undefined;
       out[key] = typeof value === "boolean" ? value : fallback;
     }
@@ -333,8 +335,8 @@ var Lumora = (() => {
     PieceAssembler,
     recipientTexts,
     groups,
-    RULE_SWITCHES,
-    ruleSwitches,
+    SWITCHES,
+    switchesFrom,
     sendOutcome,
     plainInsertionPoint,
     insertIntoPlainText,

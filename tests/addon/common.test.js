@@ -301,15 +301,21 @@ test("the placement stays in a work area that does not start at 0, and on a narr
 
 // ---- The rules' switches. ----
 
-test("the switches are on unless switched off, and each holds back only its rule", () => {
-  assert.deepStrictEqual(Lumora.ruleSwitches({}), { recipientCheck: true, extraHeader: true, subjectColour: true });
-  assert.deepStrictEqual(Lumora.ruleSwitches({ extraHeader: false, subjectColour: "off", other: false }), {
+test("the rules are on and the panel waits to be asked unless switched, and each rule's switch holds back only it", () => {
+  assert.deepStrictEqual(Lumora.switchesFrom({}), {
+    openOnReply: false,
+    recipientCheck: true,
+    extraHeader: true,
+    subjectColour: true,
+  });
+  assert.deepStrictEqual(Lumora.switchesFrom({ openOnReply: "yes", extraHeader: false, subjectColour: "off", other: false }), {
+    openOnReply: false,
     recipientCheck: true,
     extraHeader: false,
     subjectColour: true,
   });
 
-  const on = Lumora.ruleSwitches({});
+  const on = Lumora.switchesFrom({});
   const refused = { refusal: "example.com is not a valid recipient domain" };
   const headers = { "X-CustomHeader": ["This ia a custom header."] };
   const existing = [

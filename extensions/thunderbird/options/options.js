@@ -1,12 +1,12 @@
-// The options page: a switch per host rule, kept in storage.local, where the background reads
+// The options page: the panel's switch and one per host rule, kept in storage.local, where the background reads
 // them at each use.
 "use strict";
 /* global Lumora, messenger */
 
-const keys = Object.keys(Lumora.RULE_SWITCHES);
+const keys = Object.keys(Lumora.SWITCHES);
 
 function show(stored) {
-  const on = Lumora.ruleSwitches(stored);
+  const on = Lumora.switchesFrom(stored);
   for (const key of keys) {
     const box = document.getElementById(key);
     box.checked = on[key];

@@ -3,7 +3,8 @@
 // on a plain-text reply with some text typed, lets the panel's driver press its buttons, opens
 // the panel once more, inserts a reply into an HTML reply whose window fills the screen, sends
 // mail to a refused and an allowed recipient, switches two rules off on the options page and
-// sends again, and reports every observation to the harness over loopback HTTP.
+// sends again, replies with the panel's switch on, and reports every observation to the harness
+// over loopback HTTP.
 "use strict";
 /* global messenger, openPanel, panels, refusals, TAG_KEY */
 
@@ -185,6 +186,12 @@ const e2e = (() => {
     await report("look", { name: "options-page" });
     const unruled = await sendAndSee(config.refusedRecipient, config.rulesOffSubject);
     await report("rulesOff", { options, outcome: unruled.outcome });
+
+    // With the panel's switch on, a reply opens its panel with no click.
+    const reply = await messenger.compose.beginReply(answered.id, "replyToSender");
+    const opened = await until("the panel to open by itself", () => typeof panels.get(reply.id) === "number", 20)
+      .catch(() => false);
+    await report("openOnReply", { opened });
     await report("done", {});
   }
 

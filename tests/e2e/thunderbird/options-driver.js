@@ -1,6 +1,6 @@
-// The options page's half of the end-to-end driver (test build only): switches the recipient
-// check and the extra header off as a user would, by clicking them, and says what the page and
-// storage then hold.
+// The options page's half of the end-to-end driver (test build only): clicks the switches it is
+// given as a user would (the panel on reply on, the recipient check and the extra header off),
+// and says what the page and storage then hold.
 "use strict";
 /* global messenger */
 
@@ -14,11 +14,11 @@
     // The page enables its switches once it has read them.
     while (box("recipientCheck").disabled && Date.now() < end) await new Promise((r) => setTimeout(r, 20));
     seen.atStart = Object.fromEntries(config.switches.map((id) => [id, box(id).checked]));
-    for (const id of config.switchOff) box(id).click();
+    for (const id of config.click) box(id).click();
     const stored = () => messenger.storage.local.get(config.switches);
     while (Date.now() < end) {
       const now = await stored();
-      if (config.switchOff.every((id) => now[id] === false)) break;
+      if (config.click.every((id) => now[id] === !seen.atStart[id])) break;
       await new Promise((r) => setTimeout(r, 20));
     }
     seen.stored = await stored();

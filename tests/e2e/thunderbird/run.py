@@ -64,8 +64,9 @@ HTML_REPLY_AS_HTML = "<p>Dear Ann,</p><p>Fish &amp; chips &lt;b&gt;not&lt;/b&gt;
 TYPED_PLAIN = "Hi Ann,\n\nMy own words come first.\n"
 TYPED_HTML = "<p>Hi Ann, my own words &amp; more come first.</p>"
 RULES_OFF_SUBJECT = "Lumora end-to-end with the rules off"
-SWITCHES = ["recipientCheck", "extraHeader", "subjectColour"]
-SWITCHED_OFF = ["recipientCheck", "extraHeader"]
+# The options page's switches as they start, and those the driver clicks.
+SWITCHES = {"openOnReply": False, "recipientCheck": True, "extraHeader": True, "subjectColour": True}
+CLICKED = ["openOnReply", "recipientCheck", "extraHeader"]
 
 
 def sse(content):
@@ -307,8 +308,8 @@ def test_xpi(product_xpi, target, port, rounds):
             "typedPlain": TYPED_PLAIN,
             "typedHtml": TYPED_HTML,
             "rulesOffSubject": RULES_OFF_SUBJECT,
-            "switches": SWITCHES,
-            "switchOff": SWITCHED_OFF,
+            "switches": list(SWITCHES),
+            "click": CLICKED,
         }))
 
 
@@ -403,7 +404,7 @@ def main():
     try:
         for step, timeout in [("started", 90), ("colour", 60), ("panel-main", 150), ("plainInsert", 60),
                               ("htmlInsert", 60), ("refusal", 60), ("allowed", 60), ("rulesOff", 60),
-                              ("done", 30)]:
+                              ("openOnReply", 60), ("done", 30)]:
             r = harness.wait_for(step, timeout)
             if r is None or r["step"] == "failed":
                 failures.append(f"step {step}: " + (json.dumps(r) if r else "no report in time"))
@@ -548,17 +549,21 @@ def main():
     if "rulesOff" in results:
         r = results["rulesOff"]
         options = r.get("options") or {}
-        check("the options page starts with every rule on",
-              options.get("atStart") == {name: True for name in SWITCHES}, options)
-        check("its switches keep what was switched off in storage",
-              {name: options.get("stored", {}).get(name, True) for name in SWITCHES} ==
-              {name: name not in SWITCHED_OFF for name in SWITCHES}, options)
+        check("the options page starts with every rule on and the panel waiting to be asked",
+              options.get("atStart") == SWITCHES, options)
+        check("its switches keep what was clicked in storage",
+              {name: (options.get("stored") or {}).get(name, on) for name, on in SWITCHES.items()} ==
+              {name: on != (name in CLICKED) for name, on in SWITCHES.items()}, options)
         unruled = outbox.get(RULES_OFF_SUBJECT)
         check("with the recipient check off, a mail to the reserved domain was not refused",
               "sent" in r.get("outcome", {}) and unruled is not None and unruled["To"] == REFUSED, r)
         check("with the extra header off, it went without X-CustomHeader",
               unruled is not None and unruled.get_all("X-CustomHeader") is None,
               unruled.as_string()[:600] if unruled else "")
+
+    if "openOnReply" in results:
+        r = results["openOnReply"]
+        check("with its switch on, a reply opened its panel by itself", r.get("opened") is True, r)
 
     # Insert into the plain-text reply: the finished reply, after the typed text and above the
     # attribution, with both and the quote as they were.

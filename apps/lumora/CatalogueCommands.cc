@@ -13,6 +13,8 @@
 #include "lumora/models/ConversationModel.h"
 #include "lumora/platform/Http.h"
 #include "lumora/platform/Localization.h"
+#include "lumora/platform/Redact.h"
+#include "lumora/platform/Text.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace lumora::cli {
@@ -65,6 +67,12 @@ std::string reason(const LLMClients::RouteDecision& route, const std::string& mo
     case 8:
       return model + localized(" is a Groq model.");
     case 9:
+      if (!isCatalogueModel(model)) {
+        return model + localized(" is not in the catalogue. ") + service +
+               localized(" is the first of your services that takes a model named like it, so "
+                         "the request goes there; whether the model exists is for that service "
+                         "to say.");
+      }
       return service + localized(" is the first of your services that offers ") + model + ".";
     case 10:
       return model + localized(" is not in the catalogue, so it goes to your Ollama server.");
@@ -99,8 +107,9 @@ int modelsCommand(const Args& args) {
     const auto services = LLMClients::fetchServices(environment);
     for (const ConversationModel model : ConversationModel::allCases()) {
       const std::string id(model.rawValue());
+      // A service's id may be its URL, with whatever credential that carries masked.
       std::printf("%s\t%s\t%s\t%s\t%s\n", id.c_str(), model.displayName().c_str(),
-                  LLMClients::service(id, services, environment).id().c_str(),
+                  redact::scrub(LLMClients::service(id, services, environment).id()).c_str(),
                   model.isDeprecated() ? "deprecated" : "-",
                   model.isCloudOnlyModel() ? "cloud-only" : "-");
     }
@@ -117,12 +126,14 @@ int routeCommand(const Args& args) {
     return kExitOk;
   }
   if (args.size() != 1) return usageError("route takes one MODEL", kRouteHelp);
+  if (text::trimmed(args[0]).empty()) return usageError("MODEL is empty", kRouteHelp);
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
                                       .store = sharedStoreContext};
     const auto route = LLMClients::route(args[0], LLMClients::fetchServices(environment), environment);
-    std::printf("%s\n%s\n", route.service.id().c_str(), reason(route, args[0]).c_str());
+    std::fputs(redact::scrub(route.service.id() + "\n" + reason(route, args[0]) + "\n").c_str(),
+               stdout);
     return kExitOk;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "lumora: %s\n", describeFailure(e).c_str());

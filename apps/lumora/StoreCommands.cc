@@ -1,6 +1,7 @@
 // `lumora conversations` and `lumora teams`: the stored presets and team servers, written here
 // in the companion application's place.
 #include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -47,6 +48,24 @@ constexpr const char* kTeamsHelp =
 int failed(const std::string& text) {
   std::fprintf(stderr, "lumora: %s\n", redact::scrub(text).c_str());
   return kExitFailed;
+}
+
+// A time in seconds since 1970 as people and scripts read it: ISO 8601 in local time with its
+// offset ("2026-11-25T22:47:22+01:00"); "-" for none.
+std::string localTime(int64_t seconds) {
+  if (seconds <= 0) return "-";
+  const time_t time = static_cast<time_t>(seconds);
+  struct tm local {};
+  char date[32];
+  if (!localtime_r(&time, &local) ||
+      std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local) == 0)
+    return std::to_string(seconds);
+  const long offset = local.tm_gmtoff;
+  const long minutes = (offset < 0 ? -offset : offset) / 60;
+  char zone[40];
+  std::snprintf(zone, sizeof zone, "%c%02ld:%02ld", offset < 0 ? '-' : '+', minutes / 60,
+                minutes % 60);
+  return std::string(date) + zone;
 }
 
 std::string orDash(const std::optional<std::string>& value) {
@@ -103,11 +122,11 @@ int conversations(const Args& args) {
   if (!found) return failed("No conversation has the id " + id + ".");
   CDConversation::Fields fields = found->fields;
   if (verb == "show" && args.size() == 2) {
-    std::printf("id: %s\ntitle: %s\nmodel: %s\npinned: %s\narchived: %s\nupdatedAt: %lld\n"
+    std::printf("id: %s\ntitle: %s\nmodel: %s\npinned: %s\narchived: %s\nupdatedAt: %s\n"
                 "instruction: %s\n",
                 orDash(fields.id).c_str(), orDash(fields.title).c_str(),
                 orDash(fields.model).c_str(), fields.isPinned ? "yes" : "no",
-                fields.isArchived ? "yes" : "no", static_cast<long long>(fields.updatedAt),
+                fields.isArchived ? "yes" : "no", localTime(fields.updatedAt).c_str(),
                 fields.systemPrompt.value_or("").c_str());
     return kExitOk;
   }
@@ -145,8 +164,11 @@ int teams(const Args& args) {
     for (const auto& t : sharedStoreContext()->allTeams()) {
       const std::string token = t.team.token.value_or("");
       if (!token.empty()) redact::registerSecret(token);
+      // A server's URL may hold a password or a key of its own: shown masked like the token.
+      if (t.team.domain) redact::registerUrlSecrets(*t.team.domain);
       std::printf("%lld\t%s\t%s\t%s\n", static_cast<long long>(t.row), orDash(t.team.name).c_str(),
-                  orDash(t.team.domain).c_str(), token.empty() ? "-" : redact::masked(token).c_str());
+                  redact::scrub(orDash(t.team.domain)).c_str(),
+                  token.empty() ? "-" : redact::masked(token).c_str());
     }
     return kExitOk;
   }
@@ -156,6 +178,7 @@ int teams(const Args& args) {
     if (domain.empty() || token.empty())
       return usageError("a team needs a DOMAIN and a TOKEN", kTeamsHelp);
     redact::registerSecret(token);
+    redact::registerUrlSecrets(domain);
     std::optional<std::string> name;
     if (args.size() == 5) name = args[4];
     std::printf("%lld\n", static_cast<long long>(sharedStoreContext()->addTeam(name, domain, token)));

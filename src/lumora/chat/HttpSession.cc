@@ -16,7 +16,7 @@ SessionConfiguration makeSession(const ChatEnvironment& environment) {
   const std::string host = url->host();
   const std::optional<int> port = url->port();
   if (host.empty() || !port) return session;
-  session.httpsProxy = SessionConfiguration::Proxy{host, *port};
+  session.httpsProxy = SessionConfiguration::Proxy{host, *port, url->user(), url->password()};
   return session;
 }
 

@@ -73,16 +73,23 @@ std::string Service::description() const {
 }
 
 std::vector<std::string> Service::credentials() const {
+  // A key, and whatever a URL of the service carries in its user information or query.
+  const auto with = [](std::vector<std::string> keys, const std::string& url) {
+    for (std::string& secret : redact::urlSecrets(url)) keys.push_back(std::move(secret));
+    return keys;
+  };
   return std::visit(Overloaded{
-                        [](const OpenAiService& s) { return std::vector{s.apiKey}; },
-                        [](const CustomDomain& s) {
-                          return s.apiKey ? std::vector{*s.apiKey} : std::vector<std::string>{};
+                        [&](const CustomDomain& s) {
+                          return with(s.apiKey ? std::vector{*s.apiKey} : std::vector<std::string>{},
+                                      s.domain);
                         },
-                        [](const Team& s) { return std::vector{s.token}; },
+                        [&](const Team& s) { return with({s.token}, s.domain); },
                         [](const Cloud& s) { return std::vector{s.token}; },
-                        [](const Azure& s) { return std::vector{s.apiKey}; },
-                        [](const Ollama&) { return std::vector<std::string>{}; },
-                        [](const OpenAICompatible& s) { return std::vector{s.apiKey}; },
+                        [&](const Azure& s) { return with({s.apiKey}, s.endpoint); },
+                        [&](const Ollama& s) { return with({}, s.url); },
+                        [&](const OpenAICompatible& s) {
+                          return with(with({s.apiKey}, s.endpoint), s.path);
+                        },
                         [](const auto& s) { return std::vector{s.apiKey}; },
                     },
                     value_);

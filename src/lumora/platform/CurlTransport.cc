@@ -139,6 +139,11 @@ class CurlResponse final : public HttpResponse {
         proxy_ =
             "http://" + session.httpsProxy->host + ":" + std::to_string(session.httpsProxy->port);
         lib_.easy_setopt(easy_, CURLOPT_PROXY, proxy_.c_str());
+        if (!session.httpsProxy->user.empty() || !session.httpsProxy->password.empty()) {
+          lib_.easy_setopt(easy_, CURLOPT_PROXYUSERNAME, session.httpsProxy->user.c_str());
+          lib_.easy_setopt(easy_, CURLOPT_PROXYPASSWORD, session.httpsProxy->password.c_str());
+          lib_.easy_setopt(easy_, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_BASIC));
+        }
       } else {
         // The configured proxy replaces the environment's, and it is for HTTPS alone.
         lib_.easy_setopt(easy_, CURLOPT_PROXY, "");

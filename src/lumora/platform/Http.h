@@ -34,6 +34,10 @@ struct SessionConfiguration {
   struct Proxy {
     std::string host;  // percent-encoded; an IPv6 literal keeps its brackets
     int port = 0;
+    // The proxy's own credentials (percent-decoded), for its Basic authentication; empty for
+    // none. They go to the proxy alone, never to the server behind it.
+    std::string user;
+    std::string password;
   };
   // Used for https URLs only. When absent, libcurl's usual environment (https_proxy, no_proxy)
   // stays in force; when present, plain http URLs go out directly.

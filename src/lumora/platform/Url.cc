@@ -213,9 +213,9 @@ struct UrlHandle {
   bool set(CURLUPart part, const char* content, unsigned flags) {
     return lib.url_set(handle, part, content, flags) == CURLUE_OK;
   }
-  std::optional<std::string> get(CURLUPart part) const {
+  std::optional<std::string> get(CURLUPart part, unsigned flags = 0) const {
     char* out = nullptr;
-    if (lib.url_get(handle, part, &out, 0) != CURLUE_OK) return std::nullopt;
+    if (lib.url_get(handle, part, &out, flags) != CURLUE_OK) return std::nullopt;
     std::string value(out);
     lib.free(out);
     return value;
@@ -251,6 +251,16 @@ std::string Url::part(int which) const {
 std::string Url::host() const {
   if (const auto parts = simpleParts(text_)) return std::string(parts->host);
   return part(CURLUPART_HOST);
+}
+
+std::string Url::user() const {
+  const auto h = handleFor(text_);
+  return h ? h->get(CURLUPART_USER, CURLU_URLDECODE).value_or("") : "";
+}
+
+std::string Url::password() const {
+  const auto h = handleFor(text_);
+  return h ? h->get(CURLUPART_PASSWORD, CURLU_URLDECODE).value_or("") : "";
 }
 
 std::string Url::path() const {

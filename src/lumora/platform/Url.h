@@ -33,6 +33,8 @@ class Url {
   const std::string& text() const { return text_; }
   std::string host() const;         // percent-encoded form, IPv6 literals in brackets
   std::optional<int> port() const;  // the explicit port only
+  std::string user() const;         // percent-decoded; empty when there is none
+  std::string password() const;     // percent-decoded; empty when there is none
   std::string path() const;
 
   bool operator==(const Url& other) const { return text_ == other.text_; }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lumora/platform/Errors.h"
+#include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
 
 namespace fs = std::filesystem;
@@ -228,7 +229,12 @@ std::optional<json> DefaultsStore::value(std::string_view key) const {
 
 std::optional<std::string> DefaultsStore::string(std::string_view key) const {
   const auto v = value(key);
-  return v ? defaults::asString(*v) : std::nullopt;
+  if (!v) return std::nullopt;
+  std::optional<std::string> text = defaults::asString(*v);
+  // Any text in the settings may be a URL with a password or a key in it (a proxy, a gateway,
+  // an endpoint with "?api-key="): from here on, whatever shows it shows them masked.
+  if (text) redact::registerUrlSecrets(*text);
+  return text;
 }
 
 bool DefaultsStore::boolean(std::string_view key) const {

@@ -8,8 +8,14 @@ namespace lumora {
 
 namespace detail {
 
-void noteCredentialRead(const SettingKey& entry, const nlohmann::json& value) {
-  if (entry.credential && value.is_string()) redact::registerSecret(value.get<std::string>());
+void noteRead(const SettingKey& entry, const nlohmann::json& value) {
+  if (!value.is_string()) return;
+  const auto& text = value.get_ref<const std::string&>();
+  if (entry.credential) {
+    redact::registerSecret(text);
+  } else {
+    redact::registerUrlSecrets(text);
+  }
 }
 
 SettingBinding SettingBinder::bind(std::string_view key) const {

@@ -52,8 +52,9 @@ constexpr SettingType settingTypeOf() {
   }
 }
 
-// Records a credential that has been read, so that it is scrubbed from every output.
-void noteCredentialRead(const SettingKey& entry, const nlohmann::json& value);
+// Records a credential that has been read, or the credentials inside a URL that has been read,
+// so that they are scrubbed from every output.
+void noteRead(const SettingKey& entry, const nlohmann::json& value);
 }  // namespace detail
 
 // One typed key. T is std::string, bool, int64_t, double, std::vector<std::string> (stored as
@@ -80,7 +81,7 @@ class Setting {
     const auto stored = store_->value(entry_->key);
     if (stored) {
       if (auto value = decodeSetting(*entry_, *stored)) {
-        if (entry_->credential) detail::noteCredentialRead(*entry_, *value);
+        detail::noteRead(*entry_, *value);
         return value->template get<T>();
       }
     }

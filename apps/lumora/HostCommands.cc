@@ -20,6 +20,7 @@ namespace {
 // sendmail's exit statuses (sysexits.h), which mail clients understand.
 constexpr int kExitDataError = 65;    // the message may not be sent
 constexpr int kExitUnavailable = 69;  // the real sendmail could not be run
+constexpr int kExitIoError = 74;      // the real sendmail did not take the whole message
 
 constexpr const char* kCheckHelp =
     "Usage: lumora check-recipients ADDRESS...\n"
@@ -209,7 +210,17 @@ int sendmailCommand(const Args& args) {
       configured && *configured ? configured : "/usr/sbin/sendmail";
   Args argv{program};
   argv.insert(argv.end(), args.begin(), args.end());
-  const subprocess::RunResult run = subprocess::runWithInput(argv, withExtraHeader(*message));
+  const std::string sent = withExtraHeader(*message);
+  const subprocess::RunResult run = subprocess::runWithInput(argv, sent);
+  if (run.end == subprocess::RunResult::End::exited && run.code == 0 && !run.inputTaken) {
+    // A sendmail that stopped reading and still said it succeeded may have sent part of the
+    // mail, or none: the mail client must not count it as sent.
+    std::fprintf(stderr,
+                 "lumora: %s exited without reading the whole message (%zu bytes); it may not "
+                 "have been sent\n",
+                 program.c_str(), sent.size());
+    return kExitIoError;
+  }
   if (run.end == subprocess::RunResult::End::exited) return run.code;
   if (run.end == subprocess::RunResult::End::signalled) return 128 + run.code;
   // Without a time limit the only other end is a failed start.

@@ -214,10 +214,28 @@ int replyCommand(const Args& args) {
   if (options.message) {
     auto bytes = readMessage(*options.message);
     if (!bytes) return kExitFailed;
+    if (bytes->empty()) {
+      // Nothing to answer is not a mail that cannot be read: the words say which it is.
+      std::fprintf(stderr, "lumora: the message is empty: %s holds nothing (without MESSAGE the "
+                   "reply is to a new mail)\n",
+                   *options.message == "-" ? "standard input" : options.message->c_str());
+      return kExitFailed;
+    }
     raw = std::move(*bytes);
   }
 
   try {
+    if (options.conversation) {
+      // A conversation that is not there would be passed over without a word, and the run
+      // would go with another instruction and model than the one asked for.
+      const auto row = sharedStoreContext()->conversation(*options.conversation);
+      if (!row || !row->fields.id) {
+        return usageError("no conversation has the id \"" + *options.conversation +
+                              "\"; 'lumora conversations list' shows them",
+                          kReplyHelp);
+      }
+      options.conversation = *row->fields.id;
+    }
     MainExecutor executor;
     SimpleComposeSession session =
         raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
@@ -290,6 +308,9 @@ int replyCommand(const Args& args) {
       }
       std::fflush(stdout);
       if (panel->latestRunEnded()) break;
+      // Nothing more of the reply can reach its reader: the run ends, and the command fails
+      // saying why once it returns.
+      if (std::ferror(stdout) && panel->generating()) panel->stopGeneration();
       if (!moved && !options.dryRun && panel->generating() && panel->output().empty())
         spinner.tick();
     }

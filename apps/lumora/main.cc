@@ -1,5 +1,9 @@
 // `lumora`: dispatches to its subcommands.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -54,9 +58,42 @@ void usage(FILE* out) {
                "Options: --help, --version\n");
 }
 
-}  // namespace
+// A standard stream the caller closed is held open on a device, so that no file the command
+// opens (a settings file, the store) takes its number and receives what was meant for the
+// stream. Output goes to /dev/full, whose writes fail, so that a result written there is not
+// reported as delivered. Returns whether standard output was closed.
+bool holdClosedStreams() {
+  bool outputClosed = false;
+  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    const int held = open(fd == STDOUT_FILENO ? "/dev/full" : "/dev/null",
+                          fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+    if (held >= 0 && held != fd) {
+      dup2(held, fd);
+      close(held);
+    }
+    if (fd == STDOUT_FILENO) outputClosed = true;
+  }
+  return outputClosed;
+}
 
-int main(int argc, char** argv) {
+// The command's status, unless what it wrote on standard output did not all get there (a full
+// disk, a closed stream, an error on close): a result lost is a failure, said on standard error.
+int finishOutput(int status, bool outputClosed) {
+  errno = 0;
+  bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
+  int error = errno;
+  if (std::fclose(stdout) != 0 && !failed) {
+    failed = true;
+    error = errno;
+  }
+  if (!failed) return status;
+  std::fprintf(stderr, "lumora: cannot write the output: %s\n",
+               outputClosed ? "standard output is closed" : std::strerror(error ? error : EIO));
+  return status == lumora::cli::kExitOk ? lumora::cli::kExitFailed : status;
+}
+
+int run(int argc, char** argv) {
   if (argc < 2) {
     usage(stderr);
     return lumora::cli::kExitUsage;
@@ -81,4 +118,11 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "lumora: unknown command '%s'\n", name.c_str());
   usage(stderr);
   return lumora::cli::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool outputClosed = holdClosedStreams();
+  return finishOutput(run(argc, argv), outputClosed);
 }

@@ -197,8 +197,23 @@ AddOnInserter::AddOnInserter(std::function<bool(std::string_view)> send,
                  "The reply could not be inserted:"},
                 std::move(send), timeout) {}
 
+NativeHost::Environment NativeHost::watchingOutput(Environment environment, NativeHost* host) {
+  // The port's output gone (the browser closed its end, the pipe broke) ends the session as the
+  // end of its input does: the run stops instead of streaming into nothing. The close waits for
+  // the executor, as a send may come from inside the panel's own callbacks.
+  environment.send = [send = std::move(environment.send), &executor = environment.executor,
+                      host](std::string_view message) {
+    if (send(message)) return true;
+    executor.post([host] {
+      if (!host->closed_) host->close();
+    });
+    return false;
+  };
+  return environment;
+}
+
 NativeHost::NativeHost(Environment environment)
-    : env_(std::move(environment)),
+    : env_(watchingOutput(std::move(environment), this)),
       pasteboard_(env_.send, env_.copyTimeout),
       inserter_(env_.send, env_.copyTimeout) {}
 

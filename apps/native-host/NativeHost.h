@@ -159,6 +159,7 @@ class NativeHost {
   bool closed() const { return closed_; }
 
  private:
+  static Environment watchingOutput(Environment environment, NativeHost* host);
   void handle(const nlohmann::json& request);
   void open(const nlohmann::json& request);
   void messageData(const nlohmann::json& request);

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,15 +70,23 @@ int main(int argc, char** argv) {
 
   // The port is read on a thread of its own, so that the panel's runs go on while the add-on
   // is quiet; each message is handled on the executor, in order.
-  std::jthread reader([&executor, &host] {
+  std::atomic<bool> inputEnded = false;
+  std::jthread reader([&executor, &host, &inputEnded] {
     nativehost::FrameReader frames(nativehost::descriptorSource(STDIN_FILENO));
     using Kind = nativehost::FrameReader::Frame::Kind;
     for (bool last = false; !last;) {
       auto frame = frames.next();
       last = frame.kind == Kind::end || frame.kind == Kind::truncated;
+      if (last) inputEnded = true;
       executor.post([&host, frame = std::move(frame)] { host.receive(frame); });
     }
   });
   executor.runUntil([&host] { return host.closed(); });
+  if (!inputEnded) {
+    // The output closed while the input is still open: the run has stopped, and the reader,
+    // blocked on a port nobody writes to any more, is not waited for.
+    std::fflush(stderr);
+    std::_Exit(0);
+  }
   return 0;
 }

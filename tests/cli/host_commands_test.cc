@@ -109,3 +109,23 @@ TEST_F(HostCommands, RecipientsHeadersAndColour) {
 
 }  // namespace
 }  // namespace lumora
+
+namespace lumora {
+namespace {
+
+// A sendmail that stops reading and still says it succeeded has not sent the message: the mail
+// client must hear of it.
+TEST_F(HostCommands, ASendmailThatReadsOnlyPartOfTheMessageFails) {
+  std::ofstream(dir_ / "sendmail", std::ios::trunc) << "#!/bin/sh\nhead -c 100 > /dev/null\nexit 0\n";
+  std::string message = "From: me@example.org\r\nTo: ann@example.org\r\n\r\n";
+  message.resize(4 << 20, 'x');
+  const auto r = lumora({"sendmail", "--", "ann@example.org"}, message);
+  EXPECT_EQ(r.status, 74);
+  EXPECT_NE(r.err.find("exited without reading the whole message"), std::string::npos) << r.err;
+  // One that reads it all is believed.
+  std::ofstream(dir_ / "sendmail", std::ios::trunc) << "#!/bin/sh\ncat > /dev/null\nexit 0\n";
+  EXPECT_EQ(lumora({"sendmail", "--", "ann@example.org"}, message).status, 0);
+}
+
+}  // namespace
+}  // namespace lumora

@@ -374,7 +374,7 @@ TEST_F(Completion, BothShellsOfferSubcommandsAndValues) {
       {{"settings", ""}, {"list", "get", "set", "unset", "path"}},
       {{"settings", "get", ""}, keys},
       {{"settings", "set", ""}, keys},
-      {{"settings", "set", "apiKey", ""}, {}},  // VALUE: anything
+      {{"settings", "set", "apiKey", ""}, {"-"}},  // VALUE: anything, or - for standard input
       {{"settings", "list", ""}, {}},
       {{"conversations", ""},
        {"list", "show", "add", "edit", "archive", "unarchive", "pin", "unpin", "rm"}},

@@ -74,6 +74,12 @@ class HostProcess {
     return false;
   }
 
+  // The browser's end of the host's output goes away; its input stays open.
+  void closeOutput() {
+    if (fromHost_ >= 0) close(fromHost_);
+    fromHost_ = -1;
+  }
+
   void closePort() {
     if (toHost_ >= 0) close(toHost_);
     toHost_ = -1;
@@ -159,6 +165,31 @@ TEST(NativeHostProcessTest, StreamsAReplyAndEndsWhenThePortClosesMidStream) {
   host.closePort();
   EXPECT_EQ(host.waitForExit(10s), 0);
   EXPECT_TRUE(server.waitForClientDisconnect(10s).has_value());
+}
+
+// The output closed while the input stays open (the browser's end of the pipe gone first): the
+// host stops the run at its next word instead of streaming into nothing, and ends.
+TEST(NativeHostProcessTest, EndsWhenItsOutputClosesWhileTheInputStaysOpen) {
+  testing::LumoraHome home;
+  ASSERT_EQ(home.run({"settings", "set", "apiKey", "sk-test-0000"}).status, 0);
+  testing::ScriptedServer server;
+  std::string body;
+  for (int i = 0; i < 400; ++i) body += testing::sseRecord("word ");
+  // A record every 50 ms: 20 seconds of reply.
+  server.enqueue(testing::Response::stream(body, testing::sseRecord("word ").size(),
+                                           testing::Framing::kChunked, 50ms));
+  HostProcess host({
+      {"XDG_CONFIG_HOME", (home.path() / "config").string()},
+      {"XDG_DATA_HOME", (home.path() / "data").string()},
+      {"LUMORA_OPENAI_BASE_URL", server.baseUrl()},
+  });
+  host.send({{"type", "open"}});
+  ASSERT_TRUE(host.receiveUntil([](const json& m) { return m["type"] == "state"; }));
+  host.send({{"type", "operation"}, {"name", "startGeneration"}});
+  ASSERT_TRUE(host.receiveUntil([](const json& m) { return m["type"] == "output"; }));
+  host.closeOutput();
+  EXPECT_EQ(host.waitForExit(5s), 0);
+  EXPECT_TRUE(server.waitForClientDisconnect(5s).has_value());
 }
 
 }  // namespace

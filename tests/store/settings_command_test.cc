@@ -69,7 +69,7 @@ TEST_F(SettingsCommandTest, GetPrintsWhatTheSystemReads) {
 
 TEST_F(SettingsCommandTest, SetStoresTheValueFormOfTheKeysTypeInItsStore) {
   const std::vector<std::vector<std::string>> sets = {
-      {"set", "fontSize", "-1"},  // a negative number is not an option
+      {"set", "defaultContextMessages", "-1"},  // a negative number is not an option
       {"set", "temperature", "0.5"},
       {"set", "customApiDomainSendKey", "true"},
       {"set", "openAICompatibleModels", R"(["a", "b"])"},
@@ -85,7 +85,7 @@ TEST_F(SettingsCommandTest, SetStoresTheValueFormOfTheKeysTypeInItsStore) {
     EXPECT_EQ(r.out + r.err, "");
   }
   EXPECT_EQ(json::parse(readFile(ownFile())),
-            json({{"fontSize", -1},
+            json({{"defaultContextMessages", -1},
                   {"temperature", 0.5},
                   {"mailSelectedModel", "gpt-4"},
                   {"mailReading", "message"},
@@ -155,18 +155,28 @@ TEST_F(SettingsCommandTest, UsageErrorsChangeNothing) {
       {{"show"}, "lumora: unknown command 'show'"},
       {{"get"}, "lumora: 'get' takes one KEY"},
       {{"list", "x"}, "lumora: 'list' takes no arguments"},
-      {{"set", "fontSize"}, "lumora: 'set' takes a KEY and a VALUE"},
+      {{"set", "fontSize"},
+       "lumora: 'set fontSize' without a VALUE asks on the terminal, and standard input is not "
+       "one; give '-' to read the value from standard input"},
+      {{"set", "fontSize", "1", "2"}, "lumora: 'set' takes a KEY and a VALUE"},
       {{"--verbose", "list"}, "lumora: unknown option '--verbose'"},
       {{"get", "httpsProxy"},
-       "lumora: unknown setting \"httpsProxy\"; 'lumora settings list' shows every key"},
+       "lumora: unknown setting \"httpsProxy\"; did you mean \"httpsProxyUrl\"? 'lumora settings "
+       "list' shows every key"},
+      {{"set", "claudeApiKey", "-"},
+       "lumora: unknown setting \"claudeApiKey\"; did you mean \"claudeApikey\"? 'lumora settings "
+       "list' shows every key"},
       {{"set", "nope", "1"},
        "lumora: unknown setting \"nope\"; 'lumora settings list' shows every key"},
       {{"set", "renderMarkdown", "yes"},
        "lumora: The setting \"renderMarkdown\" takes true or false."},
-      {{"set", "fontSize", "large"},
-       "lumora: The setting \"fontSize\" takes a whole number, such as 14."},
-      {{"set", "temperature", "nan"},
-       "lumora: The setting \"temperature\" takes a number, such as 0.7."},
+      {{"set", "fontSize", "large"}, "lumora: The setting \"fontSize\" takes a whole number of at least 1."},
+      {{"set", "fontSize", "0"}, "lumora: The setting \"fontSize\" takes a whole number of at least 1."},
+      {{"set", "temperature", "nan"}, "lumora: The setting \"temperature\" takes a number from 0 to 2."},
+      {{"set", "temperature", "2.5"}, "lumora: The setting \"temperature\" takes a number from 0 to 2."},
+      {{"set", "maxMessageMiB", "0"},
+       "lumora: The setting \"maxMessageMiB\" takes a number greater than 0."},
+      {{"set", "maxReplyMiB", "-5"}, "lumora: The setting \"maxReplyMiB\" takes a number greater than 0."},
       {{"set", "azureModels", "[]"},
        "lumora: The setting \"azureModels\" takes a JSON object of strings, such as {\"gpt-4\": "
        "\"my-deployment\"}."},

@@ -189,7 +189,8 @@ TEST(SettingsKeysTest, TextIsParsedByTheKeysType) {
   };
   const Row rows[] = {
       {"fontSize", "14", 14},
-      {"fontSize", "-3", -3},
+      {"fontSize", "-3", std::nullopt},  // out of range
+      {"defaultContextMessages", "-1", -1},
       {"fontSize", "1.5", std::nullopt},
       {"fontSize", "", std::nullopt},
       {"fontSize", "99999999999999999999", std::nullopt},
@@ -197,6 +198,13 @@ TEST(SettingsKeysTest, TextIsParsedByTheKeysType) {
       {"temperature", "1e-3", 0.001},
       {"temperature", "nan", std::nullopt},
       {"temperature", "warm", std::nullopt},
+      {"temperature", "0", 0.0},
+      {"temperature", "2", 2.0},
+      {"temperature", "2.01", std::nullopt},
+      {"temperature", "-0.1", std::nullopt},
+      {"maxMessageMiB", "0.5", 0.5},
+      {"maxMessageMiB", "0", std::nullopt},
+      {"maxReplyMiB", "-5", std::nullopt},
       {"renderMarkdown", "true", true},
       {"renderMarkdown", "false", false},
       {"renderMarkdown", "TRUE", std::nullopt},
@@ -223,7 +231,7 @@ TEST(SettingsKeysTest, TextIsParsedByTheKeysType) {
       ADD_FAILURE() << "accepted";
     } catch (const DecodingError& e) {
       EXPECT_EQ(e.what(), "The setting \"" + std::string(r.key) + "\" takes " +
-                              std::string(describeSettingType(entry->type)) + ".");
+                              describeSetting(*entry) + ".");
     }
   }
   EXPECT_EQ(findSettingKey("FontSize"), nullptr);

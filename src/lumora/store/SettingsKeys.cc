@@ -18,6 +18,16 @@ constexpr SettingType kString = SettingType::string;
 constexpr SettingType kBool = SettingType::boolean;
 constexpr SettingType kInteger = SettingType::integer;
 constexpr SettingType kNumber = SettingType::number;
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+// A lower bound that takes 0 itself, for the "above" of a range that starts at 0.
+constexpr double kBelowZero = -std::numeric_limits<double>::denorm_min();
+
+// A bound as people write it: "2", "0.5".
+std::string shortNumber(double value) {
+  char buffer[32];
+  const auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
+  return ec == std::errc() ? std::string(buffer, end) : std::to_string(value);
+}
 
 constexpr SettingKey plain(std::string_view key, SettingStore store, SettingType type,
                            std::string_view defaultText) {
@@ -33,7 +43,7 @@ constexpr SettingKey credential(std::string_view key) {
 constexpr SettingKey validity(std::string_view key) { return plain(key, kShared, kBool, "false"); }
 
 constexpr SettingKey kKeys[] = {
-    plain("fontSize", kOwn, kInteger, "14"),
+    {"fontSize", kOwn, kInteger, "14", {}, false, {}, 1},
     plain("whisperLanguage", kShared, kString, ""),
     {"defaultModel", kShared, kString, "gpt-3.5-turbo", "ERNIE-Bot", false},
     plain("defaultSpeechVoice", kShared, kString, ""),
@@ -44,7 +54,8 @@ constexpr SettingKey kKeys[] = {
     plain("hapticFeedback", kOwn, kBool, "true"),
     plain("dohServer", kOwn, kString, "aliyun"),
     plain("httpsProxyUrl", kShared, kString, ""),
-    plain("temperature", kOwn, kNumber, "1.0"),
+    // The range every service takes.
+    {"temperature", kOwn, kNumber, "1.0", {}, false, {}, INT64_MIN, kBelowZero, 2},
     plain("showDollar", kOwn, kBool, "true"),
     credential("apiKey"),
     credential("cloudToken"),
@@ -94,8 +105,8 @@ constexpr SettingKey kKeys[] = {
     // Copy's own way to the clipboard: a shell command that takes the text on standard input.
     plain("clipboardCommand", kOwn, kString, ""),
     // What one process takes in: the message answered, and the reply, in MiB.
-    plain("maxMessageMiB", kOwn, kNumber, "64"),
-    plain("maxReplyMiB", kOwn, kNumber, "16"),
+    {"maxMessageMiB", kOwn, kNumber, "64", {}, false, {}, INT64_MIN, 0},
+    {"maxReplyMiB", kOwn, kNumber, "16", {}, false, {}, INT64_MIN, 0},
     // What the model reads of the message answered, and the most characters of the whole
     // message it is given.
     {"mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},
@@ -125,7 +136,12 @@ bool withinBounds(const SettingKey& entry, const json& value) {
     return std::find(words.begin(), words.end(), value.get_ref<const std::string&>()) !=
            words.end();
   }
-  if (value.is_number_integer()) return value.get<int64_t>() >= entry.least;
+  if (value.is_number_integer() && entry.type == SettingType::integer)
+    return value.get<int64_t>() >= entry.least;
+  if (value.is_number() && entry.type == SettingType::number) {
+    const double number = value.get<double>();
+    return number > entry.above && number <= entry.most;
+  }
   return true;
 }
 
@@ -231,6 +247,11 @@ std::string describeSetting(const SettingKey& entry) {
   }
   if (entry.type == SettingType::integer && entry.least != INT64_MIN)
     return "a whole number of at least " + std::to_string(entry.least);
+  if (entry.type == SettingType::number && entry.most != kInfinity)
+    return "a number from " + shortNumber(std::max(entry.above, 0.0)) + " to " +
+           shortNumber(entry.most);
+  if (entry.type == SettingType::number && entry.above != -kInfinity)
+    return "a number greater than " + shortNumber(entry.above);
   return std::string(describeSettingType(entry.type));
 }
 

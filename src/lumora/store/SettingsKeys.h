@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
@@ -47,6 +48,9 @@ struct SettingKey {
   std::string_view choices = {};
   // An integer key's least value.
   int64_t least = INT64_MIN;
+  // A number key's range: above `above` (a size of 0 MiB or less is none), at most `most`.
+  double above = -std::numeric_limits<double>::infinity();
+  double most = std::numeric_limits<double>::infinity();
 };
 
 // Every key: the fields of UserSettings in their order, then the keys that their readers read

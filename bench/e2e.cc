@@ -1,8 +1,10 @@
 // The whole `lumora reply` command, from spawn to exit, set beside other programs doing the same
 // job in the same run (see bench/README.md and docs/benchmarks.md for what each number means):
 //   1. stream: `lumora reply` reading a 100,000-record chat stream from a loopback server,
-//      against `curl -s -o /dev/null` fetching the same body and the official openai Node SDK
-//      (bench/node/stream.mjs) reading it chunk by chunk; alternated round by round;
+//      against the floor client (bench/floor: libcurl, a line split and a simdjson parse of
+//      every record, nothing else), and, for reference, `curl -s -o /dev/null` fetching the same
+//      body and the official openai Node SDK (bench/node/stream.mjs) reading it chunk by chunk;
+//      alternated round by round;
 //   2. dryrun: `lumora reply --dry-run` on the example reply message, against the start of
 //      /bin/true (the cost of a process) and of Python importing what a mail client in Python
 //      would need (the start of any command-line client written in it);
@@ -165,6 +167,13 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
                        fail("lumora reply failed: " + described(exit));
                      wholeBodyRead("lumora reply");
                    }};
+  // The floor: a client that checks every record as lumora does (libcurl, a line split, a
+  // simdjson DOM parse of each record, the delta written out) and does nothing else.
+  Contender floor{"floor client", home.other({LUMORA_FLOOR_CLIENT, url}), bench::Output::discard,
+                  [&](const bench::Exit& exit) {
+                    if (exit.status != 0) fail("the floor client failed: " + described(exit));
+                    wholeBodyRead("the floor client");
+                  }};
   const std::string curlWant = "200 " + std::to_string(body.text->size());
   Contender curlRun{
       "curl -s -o /dev/null",
@@ -197,7 +206,12 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
     fail("lumora reply printed " + std::to_string(kept.out.size()) + " bytes; expected the " +
          std::to_string(reply.size()) + " bytes of the reply served and a line feed");
 
-  std::vector<Contender*> contenders = {&lumora, &curlRun};
+  enqueue();
+  const bench::Exit floorKept = bench::run(floor.command, bench::Output::keep);
+  floor.check(floorKept);
+  if (floorKept.out != reply) fail("the floor client printed another reply than the one served");
+
+  std::vector<Contender*> contenders = {&lumora, &floor, &curlRun};
   if (noNode.empty()) contenders.push_back(&sdk);
   for (Contender* c : contenders) {  // warm: page cache, the programs' files
     enqueue();
@@ -214,9 +228,16 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
     const double t = bench::median(c->times);
     std::printf("   %-26s %9.1f ms  %7.0f MB/s\n", c->name.c_str(), t * 1e3, mb / t);
   }
+  const RoundRatios toFloor = roundRatios(lumora.times, floor.times);
+  std::printf(
+      "   ratio lumora/floor client  %9.2f      (goal: at most 1.2; per round %.2f..%.2f, "
+      "median %.2f)\n",
+      bench::median(lumora.times) / bench::median(floor.times), toFloor.low, toFloor.high,
+      toFloor.mid);
   const RoundRatios toCurl = roundRatios(lumora.times, curlRun.times);
   std::printf(
-      "   ratio lumora/curl          %9.2f      (goal: at most 1.5; per round %.2f..%.2f, "
+      "   ratio lumora/curl          %9.2f      (a reference: curl checks nothing; per round "
+      "%.2f..%.2f, "
       "median %.2f)\n",
       bench::median(lumora.times) / bench::median(curlRun.times), toCurl.low, toCurl.high,
       toCurl.mid);

@@ -18,7 +18,7 @@ targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
   targets=(line_rules claude_lines generative_language ollama_lines reka_lines cloud_lines
     error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset
-    html_tokenizer html_tree mail_parser mail_reader store_files native_messages)
+    html_tokenizer html_tree mail_parser mail_reader store_files native_messages url_secrets)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 fuzz_one() {
   local t=$1 seconds=$2

@@ -156,7 +156,10 @@ std::vector<std::string> urlSecrets(std::string_view url) {
   const size_t question = query.find('?');
   query = question == std::string_view::npos ? std::string_view() : query.substr(question + 1);
   query = query.substr(0, std::min(query.find('#'), query.size()));
-  while (!query.empty()) {
+  // A URL with more credentials than this is no URL anyone wrote: what it carries beyond them is
+  // not looked for, so that masking stays cheap whatever a settings file holds.
+  constexpr size_t kMostSecrets = 32;
+  while (!query.empty() && out.size() < kMostSecrets) {
     const size_t end = std::min(query.find_first_of("&;"), query.size());
     const std::string_view item = query.substr(0, end);
     query.remove_prefix(std::min(end + 1, query.size()));

@@ -93,9 +93,11 @@ constexpr SettingKey kKeys[] = {
     plain("mailSelectedConversationId", kOwn, kString, ""),
     // Copy's own way to the clipboard: a shell command that takes the text on standard input.
     plain("clipboardCommand", kOwn, kString, ""),
-    // What one process takes in: the message answered, and the reply, in MiB.
+    // What one process takes in: the message answered, and the reply, in MiB; and what one
+    // request may send.
     plain("maxMessageMiB", kOwn, kNumber, "64"),
     plain("maxReplyMiB", kOwn, kNumber, "16"),
+    plain("maxRequestMiB", kOwn, kNumber, "8"),
     // What the model reads of the message answered, and the most characters of the whole
     // message it is given.
     {"mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},

@@ -108,19 +108,23 @@ struct PartInfo {
 
 PartInfo describe(const MessageTree& tree, const Entity& entity) {
   PartInfo info;
-  const std::vector<reading::HeaderField> fields = reading::headerFields(tree.header(entity));
-  if (const auto* field = reading::findField(fields, "Content-Type")) {
-    info.contentType = reading::parseStructuredValue(field->body);
+  const reading::HeaderLookup fields(tree.header(entity),
+                                     {"Content-Type", "Content-Disposition",
+                                      "Content-Transfer-Encoding"});
+  if (const auto* field = fields.find("Content-Type")) {
+    info.contentType =
+        reading::parseStructuredValue(field->body, {"charset", "name", "format", "delsp"});
     info.type = info.contentType.value;
   }
   if (info.type.empty() || info.type.find('/') == std::string::npos) info.type = "text/plain";
-  if (const auto* field = reading::findField(fields, "Content-Disposition")) {
-    reading::StructuredValue disposition = reading::parseStructuredValue(field->body);
+  if (const auto* field = fields.find("Content-Disposition")) {
+    reading::StructuredValue disposition =
+        reading::parseStructuredValue(field->body, {"filename"});
     info.disposition = disposition.value;
     info.fileName = disposition.parameter("filename").value_or("");
   }
   if (info.fileName.empty()) info.fileName = info.contentType.parameter("name").value_or("");
-  if (const auto* field = reading::findField(fields, "Content-Transfer-Encoding"))
+  if (const auto* field = fields.find("Content-Transfer-Encoding"))
     info.encoding = reading::transferEncodingOf(reading::unfolded(field->body));
   return info;
 }
@@ -252,9 +256,10 @@ class Reader {
   }
 
   void readHeader(const Entity& root, bool draft, MailReading& out) {
-    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(root));
+    const reading::HeaderLookup fields(
+        tree_.header(root), {"Date", "Message-ID", "Received", "From", "Sender", "To", "Subject"});
     const auto value = [&](std::string_view name) -> std::optional<std::string_view> {
-      if (const auto* field = reading::findField(fields, name)) return field->body;
+      if (const auto* field = fields.find(name)) return field->body;
       return std::nullopt;
     };
     // A sent message carries a Date (RFC 5322 asks for one) and a Message-ID, and a received one
@@ -281,7 +286,7 @@ class Reader {
   // An attached message's own header lines, at the head of its part of the thread.
   void attachedMessage(const Entity& message) {
     ++attachedMessages_;
-    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(message));
+    const reading::HeaderLookup fields(tree_.header(message), {"From", "Date", "Subject"});
     if (!attached_.empty()) attached_.add("", 0);
     const auto line = [&](std::string_view label, std::string_view value) {
       if (value.empty()) return;
@@ -289,11 +294,11 @@ class Reader {
       text += value;
       attached_.add(text, 0);
     };
-    if (const auto* from = reading::findField(fields, "From"))
+    if (const auto* from = fields.find("From"))
       line("From: ", oneLine(mailboxText(reading::firstMailbox(from->body)), kLongestName * 2));
-    if (const auto* date = reading::findField(fields, "Date"))
+    if (const auto* date = fields.find("Date"))
       line("Date: ", oneLine(reading::headerBytesAsText(reading::unfolded(date->body)), kLongestDate));
-    if (const auto* subject = reading::findField(fields, "Subject"))
+    if (const auto* subject = fields.find("Subject"))
       line("Subject: ", oneLine(reading::decodedWords(reading::unfolded(subject->body)),
                                 kLongestSubject));
     attached_.add("", 0);
@@ -313,7 +318,10 @@ class Reader {
     // is then held once, not three times.
     std::string owned;
     std::string_view text = tree_.body(e);
-    if (info.encoding != reading::TransferEncoding::identity) {
+    // Quoted-printable text without an "=" is its own decoding, and is read where it stands too.
+    const bool decodesToItself = info.encoding == reading::TransferEncoding::quotedPrintable &&
+                                 text.find('=') == std::string_view::npos;
+    if (info.encoding != reading::TransferEncoding::identity && !decodesToItself) {
       owned = reading::transferDecoded(text, info.encoding);
       text = owned;
     }

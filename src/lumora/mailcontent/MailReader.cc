@@ -172,6 +172,10 @@ class Reader {
     while (!stack.empty()) {
       const Visit visit = stack.back();
       stack.pop_back();
+      if (visit.siblings) {
+        pushNextPart(visit, stack);
+        continue;
+      }
       const Entity& e = entities[visit.id];
       switch (e.kind) {
         case Entity::Kind::leaf:
@@ -220,39 +224,54 @@ class Reader {
   }
 
   // One part to read: whether it belongs to the thread, and whether only its attachments are
-  // named (an alternative not read, whose images are still the message's).
+  // named (an alternative not read, whose images are still the message's). With `siblings`, the
+  // part and those after it among its parent's parts, `inThread` and `namesOnly` being the
+  // parent's and `best` the part an alternative reads: a multipart's parts are taken one at a
+  // time, so a million of them never stand on the stack at once.
   struct Visit {
     uint32_t id;
     bool inThread;
     bool namesOnly;
+    bool siblings = false;
+    uint32_t best = reading::kNoEntity;
   };
 
-  // The children of a multipart to visit, pushed so that they come off in their order.
+  // The parts of a multipart to visit, in their order.
   void pushParts(const Visit& visit, std::vector<Visit>& stack) {
     const std::deque<Entity>& entities = tree_.entities();
-    const Multipart kind = kinds_[visit.id];
     const uint32_t first = entities[visit.id].firstChild;
     if (first == reading::kNoEntity) return;
-    std::vector<Visit> parts;
-    if (kind == Multipart::alternative) {
+    uint32_t best = first;
+    if (kinds_[visit.id] == Multipart::alternative) {
       // The best text; of equals the first, which is the plainest by the sender's order.
-      uint32_t best = first;
       for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
         if (ranks_[c] > ranks_[best]) best = c;
-      for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
-        parts.push_back({c, visit.inThread, visit.namesOnly || c != best});
-      stack.insert(stack.end(), parts.rbegin(), parts.rend());
-      return;
     }
-    for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling) {
+    stack.push_back({first, visit.inThread, visit.namesOnly, true, best});
+  }
+
+  // The next part of a multipart, with the rest of them behind it on the stack.
+  void pushNextPart(const Visit& rest, std::vector<Visit>& stack) {
+    const std::deque<Entity>& entities = tree_.entities();
+    const uint32_t c = rest.id;
+    const uint32_t parent = entities[c].parent;
+    if (entities[c].nextSibling != reading::kNoEntity) {
+      Visit next = rest;
+      next.id = entities[c].nextSibling;
+      stack.push_back(next);
+    }
+    const Multipart kind = kinds_[parent];
+    bool namesOnly = rest.namesOnly;
+    if (kind == Multipart::alternative) {
+      namesOnly = namesOnly || c != rest.best;
+    } else {
       // Beside the first part of a multipart/related stand what it shows (the images of an
       // HTML body), and beside the first of a multipart/signed its signature: named, as every
       // part that is not text is, but never read as text.
-      const bool besideFirst =
-          c != first && (kind == Multipart::related || kind == Multipart::signedPart);
-      parts.push_back({c, visit.inThread, visit.namesOnly || besideFirst});
+      namesOnly = namesOnly || (c != entities[parent].firstChild &&
+                                (kind == Multipart::related || kind == Multipart::signedPart));
     }
-    stack.insert(stack.end(), parts.rbegin(), parts.rend());
+    stack.push_back({c, rest.inThread, namesOnly});
   }
 
   void readHeader(const Entity& root, bool draft, MailReading& out) {

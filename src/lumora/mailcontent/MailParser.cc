@@ -34,26 +34,30 @@ std::optional<Html> findHtml(std::string_view rawMessage) {
 
 MailParser::Passages blockquoteTextsOf(const html::Document& document, size_t budget) {
   MailParser::Passages passages;
-  html::Elements quotes;
   try {
-    quotes = document.root().select("blockquote");
+    // Room for every passage, as a long thread has a passage for every message and the
+    // passages are kept while the request is built; but for no more than a passage of 64
+    // bytes each would fill the budget with, as nested quotations may number a million of which
+    // the budget keeps a handful.
+    size_t count = 0;
+    document.root().forEachSelected("blockquote", [&](html::Node) { return ++count > 0; });
+    passages.texts.reserve(std::min(count, budget / 64 + 1));
+    // The quotations one at a time, and no list of them is made.
+    document.root().forEachSelected("blockquote", [&](html::Node quote) {
+      std::string text = quote.text(true);
+      const size_t joined = text.size() + (passages.texts.empty() ? 0 : 1);
+      if (joined > budget - passages.bytes) {
+        passages.complete = false;
+        return false;
+      }
+      passages.bytes += joined;
+      // A long thread has a passage for every message: none keeps the room its text grew into.
+      if (text.capacity() > text.size() + text.size() / 8) text.shrink_to_fit();
+      passages.texts.push_back(std::move(text));
+      return true;
+    });
   } catch (const std::invalid_argument&) {
-    return passages;  // a query that does not parse selects nothing
-  }
-  // Room for every passage is made only when they are few: nested quotations may number a
-  // million, of which the budget keeps a handful.
-  passages.texts.reserve(std::min(quotes.size(), size_t{4096}));
-  for (size_t i = 0; i < quotes.size(); ++i) {
-    std::string text = quotes.get(i).text(true);
-    const size_t joined = text.size() + (i > 0 ? 1 : 0);
-    if (joined > budget - passages.bytes) {
-      passages.complete = false;
-      break;
-    }
-    passages.bytes += joined;
-    // A long thread has a passage for every message: none keeps the room its text grew into.
-    if (text.capacity() > text.size() + text.size() / 8) text.shrink_to_fit();
-    passages.texts.push_back(std::move(text));
+    return {};  // a query that does not parse selects nothing
   }
   return passages;
 }

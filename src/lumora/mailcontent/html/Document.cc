@@ -352,16 +352,24 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
-Elements Node::select(std::string_view query) const {
+void Node::forEachSelected(std::string_view query, const std::function<bool(Node)>& visit) const {
   if (!isBareTagName(query)) throw std::invalid_argument("unsupported query");
   const Document& document = *document_;
-  Elements result(document_);
   // Known names are compared by id; only elements of unknown tags keep a name to compare.
   const TagId wanted = tagIdOf(query);
+  bool going = true;
   document.walk(id_, [&](NodeId node, const Document::Record& r) {
-    if (r.kind() != NodeKind::element || r.tag() != wanted) return;
+    if (!going || r.kind() != NodeKind::element || r.tag() != wanted) return;
     if (wanted == TagId::unknown && document.nameOf(node) != query) return;
-    result.add(node);
+    going = visit(Node(document_, node));
+  });
+}
+
+Elements Node::select(std::string_view query) const {
+  Elements result(document_);
+  forEachSelected(query, [&](Node node) {
+    result.add(node.id());
+    return true;
   });
   return result;
 }

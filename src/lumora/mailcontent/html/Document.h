@@ -14,7 +14,9 @@
 // threads is safe.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -71,6 +73,9 @@ class Node {
   // This element and every element below it whose tag name is `query`, in document order.
   // The query is a bare tag name; anything else fails with std::invalid_argument.
   Elements select(std::string_view query) const;
+  // The same elements handed to `visit` one by one, without a list of them, until it returns
+  // false: a reader that may stop early never holds the ids of a million quotations.
+  void forEachSelected(std::string_view query, const std::function<bool(Node)>& visit) const;
 
   // The text of this element and everything below it; with the flag on, whitespace collapsed
   // as prose would show it and the ends trimmed.
@@ -244,28 +249,29 @@ class Document {
   static constexpr uint32_t kNone = UINT32_MAX;
   static constexpr NodeId kRoot = 0;
 
-  // Items in blocks of 2^kBlockBits that never move: growing the store copies nothing, and its
+  // Items in blocks of 128 KiB that never move: growing the store copies nothing, and its
   // peak is the items themselves, not the items and the copy of them a doubling array would
-  // make. A block of records is 128 KiB, the size from which glibc's allocator maps a request
-  // from the system and unmaps it when freed (its default, which only a larger block freed
-  // earlier raises): a freed tree goes back to the system, where a block from the allocator's
-  // heap would stay with the thread that parsed, and the reply's request is built on another.
-  static constexpr unsigned kBlockBits = 13;
-  static constexpr NodeId kBlockMask = (NodeId{1} << kBlockBits) - 1;
+  // make. 128 KiB is the size from which glibc's allocator maps a request from the system and
+  // unmaps it when freed (its default, which only a larger block freed earlier raises): a freed
+  // tree goes back to the system, where a block from the allocator's heap would stay with the
+  // thread that parsed, and the reply's request is built on another. The pages of a block are
+  // only taken as they are written.
   template <typename T>
   class Blocks {
    public:
     uint32_t size() const { return size_; }
-    T& operator[](uint32_t i) { return blocks_[i >> kBlockBits][i & kBlockMask]; }
-    const T& operator[](uint32_t i) const { return blocks_[i >> kBlockBits][i & kBlockMask]; }
+    T& operator[](uint32_t i) { return blocks_[i >> kBits][i & kMask]; }
+    const T& operator[](uint32_t i) const { return blocks_[i >> kBits][i & kMask]; }
     uint32_t push(const T& item) {
-      if ((size_ & kBlockMask) == 0)
-        blocks_.push_back(std::make_unique_for_overwrite<T[]>(size_t{1} << kBlockBits));
+      if ((size_ & kMask) == 0) blocks_.push_back(std::make_unique_for_overwrite<T[]>(kMask + 1));
       (*this)[size_] = item;
       return size_++;
     }
 
    private:
+    static constexpr unsigned kBits = std::countr_zero((size_t{128} << 10) / sizeof(T));
+    static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
+    static_assert(sizeof(T) << kBits == size_t{128} << 10);
     std::vector<std::unique_ptr<T[]>> blocks_;
     uint32_t size_ = 0;
   };

@@ -1,6 +1,5 @@
 #include "lumora/mailcontent/MailParser.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "lumora/mailcontent/html/Document.h"
@@ -36,12 +35,12 @@ MailParser::Passages blockquoteTextsOf(const html::Document& document, size_t bu
   MailParser::Passages passages;
   try {
     // Room for every passage, as a long thread has a passage for every message and the
-    // passages are kept while the request is built; but for no more than a passage of 64
-    // bytes each would fill the budget with, as nested quotations may number a million of which
-    // the budget keeps a handful.
+    // passages are kept while the request is built; but only when they are fewer than the
+    // budget would hold at 64 bytes each: nested quotations may number a million, of which the
+    // budget keeps a handful.
     size_t count = 0;
     document.root().forEachSelected("blockquote", [&](html::Node) { return ++count > 0; });
-    passages.texts.reserve(std::min(count, budget / 64 + 1));
+    if (count <= budget / 64) passages.texts.reserve(count);
     // The quotations one at a time, and no list of them is made.
     document.root().forEachSelected("blockquote", [&](html::Node quote) {
       std::string text = quote.text(true);

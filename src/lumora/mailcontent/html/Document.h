@@ -249,13 +249,14 @@ class Document {
   static constexpr uint32_t kNone = UINT32_MAX;
   static constexpr NodeId kRoot = 0;
 
-  // Items in blocks of 128 KiB that never move: growing the store copies nothing, and its
+  // Items in blocks of 256 KiB that never move: growing the store copies nothing, and its
   // peak is the items themselves, not the items and the copy of them a doubling array would
-  // make. 128 KiB is the size from which glibc's allocator maps a request from the system and
-  // unmaps it when freed (its default, which only a larger block freed earlier raises): a freed
-  // tree goes back to the system, where a block from the allocator's heap would stay with the
-  // thread that parsed, and the reply's request is built on another. The pages of a block are
-  // only taken as they are written.
+  // make. A block is above the 128 KiB from which glibc's allocator maps a request from the
+  // system and unmaps it when freed (its default, which only a larger block freed earlier
+  // raises): a freed tree goes back to the system, where a block from the allocator's heap
+  // would stay with the thread that parsed, and the reply's request is built on another. Each
+  // mapping takes one page more than its block, for the allocator's header: 1/64 at this size.
+  // The pages of a block are only taken as they are written.
   template <typename T>
   class Blocks {
    public:
@@ -269,9 +270,10 @@ class Document {
     }
 
    private:
-    static constexpr unsigned kBits = std::countr_zero((size_t{128} << 10) / sizeof(T));
+    static constexpr size_t kBlockBytes = size_t{256} << 10;
+    static constexpr unsigned kBits = std::countr_zero(kBlockBytes / sizeof(T));
     static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
-    static_assert(sizeof(T) << kBits == size_t{128} << 10);
+    static_assert(sizeof(T) << kBits == kBlockBytes);
     std::vector<std::unique_ptr<T[]>> blocks_;
     uint32_t size_ = 0;
   };

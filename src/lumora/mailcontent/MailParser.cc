@@ -25,9 +25,9 @@ std::optional<Html> findHtml(std::string_view rawMessage) {
   if (!top.leaf) return std::nullopt;
   const std::string_view body = rawMessage.substr(top.leaf->offset, top.leaf->size);
   if (top.kind != MimeContent::Kind::alternative) return Html{body, std::nullopt};
-  const MimeBody decoded(std::string(body),
-                         ContentTransferEncoding{ContentTransferEncoding::Kind::quotedPrintable,
-                                                 ""});
+  const MimeBody decoded(
+      std::string(body),
+      ContentTransferEncoding{ContentTransferEncoding::Kind::quotedPrintable, ""});
   return Html{{}, decoded.decodedContentString(std::nullopt)};
 }
 

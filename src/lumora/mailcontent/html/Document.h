@@ -203,8 +203,8 @@ class Document {
     void init(NodeKind kind, TagId tag, uint32_t down) {
       words_[0] = words_[1] = words_[2] = words_[3] = kLinkMask;
       setDown(down);
-      setMeta(static_cast<uint16_t>(static_cast<unsigned>(kind) |
-                                    (static_cast<unsigned>(tag) << 6)));
+      setMeta(
+          static_cast<uint16_t>(static_cast<unsigned>(kind) | (static_cast<unsigned>(tag) << 6)));
     }
     NodeId parent() const { return link(0); }
     NodeId down() const { return link(1); }
@@ -242,7 +242,7 @@ class Document {
   };
   static_assert(sizeof(Record) == 16);
   static constexpr uint8_t kParserOpen = 1;
-  static constexpr uint8_t kInArena = 2;  // text: its span is in the arena
+  static constexpr uint8_t kInArena = 2;   // text: its span is in the arena
   static constexpr uint8_t kHasExtra = 2;  // element: it has a name or attributes of its own
   // The arena span has room behind it up to the next power of two of its length.
   static constexpr uint8_t kHasRoom = 4;

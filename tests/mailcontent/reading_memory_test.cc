@@ -77,7 +77,9 @@ TEST(ReadingMemory, StaysWithinFourTimesTheMessagePlusTenMegabytes) {
   };
   const Case cases[] = {
       {"sibling parts of 10 bytes, quoted", siblingParts, quoted},
+      {"sibling parts of 10 bytes, whole message", siblingParts, whole},
       {"sibling parts with a header field, quoted", siblingPartsWithHeaders, quoted},
+      {"sibling parts with a header field, whole message", siblingPartsWithHeaders, whole},
       {"nested multiparts, quoted", nestedMultiparts, quoted},
       {"nested multiparts, whole message", nestedMultiparts, whole},
       {"header of short lines, quoted", headerLines, quoted},
@@ -85,6 +87,10 @@ TEST(ReadingMemory, StaysWithinFourTimesTheMessagePlusTenMegabytes) {
       {"one long header field, quoted", longHeader, quoted},
       {"one long header field, whole message", longHeader, whole},
       {"a parameter every 5 bytes, quoted", manyParameters, quoted},
+      {"a parameter every 5 bytes, whole message", manyParameters, whole},
+      {"HTML <div> never closed, quoted", [](size_t n) { return htmlShape("<div>", n); }, quoted},
+      {"HTML <div> never closed, whole message", [](size_t n) { return htmlShape("<div>", n); },
+       whole},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -203,7 +203,8 @@ class Parse {
         return;
       }
     }
-    if (depth < MessageTree::kMaxDepth && (type == "message/rfc822" || type == "message/global")) {
+    if (depth < MessageTree::kMaxDepth && entities_.size() < MessageTree::kMaxParts &&
+        (type == "message/rfc822" || type == "message/global")) {
       const HeaderField* encoding = fields.find("Content-Transfer-Encoding");
       if (!encoding || transferEncodingOf(unfolded(encoding->body)) == TransferEncoding::identity) {
         entities_[id].kind = Entity::Kind::message;
@@ -231,6 +232,8 @@ class Parse {
 
   void delimiter(size_t frame, bool closing, size_t start, size_t end) {
     const uint32_t owner = frames_[frame].entity;
+    // No part past the last one a message may have: the multipart ends here.
+    if (entities_.size() >= MessageTree::kMaxParts) closing = true;
     // The line end before a delimiter belongs to it.
     size_t partEnd = start;
     if (partEnd > 0 && message_[partEnd - 1] == '\n') --partEnd;

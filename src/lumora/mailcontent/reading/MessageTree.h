@@ -7,6 +7,10 @@
 // One pass over the message, line by line; nothing recurses. Multiparts and attached messages
 // nest at most kMaxDepth deep: a part deeper than that is one leaf, so every line is compared
 // with a bounded number of open boundaries and the parse is linear in the message's length.
+// A message has at most kMaxParts parts: a delimiter that would begin one more ends its
+// multipart instead, and what follows is passed over as that multipart's epilogue, so that a
+// message of a million parts of a few bytes each, whose records and lines would take ten times
+// the message, takes a few MB.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +41,7 @@ static_assert(sizeof(Entity) == 48);
 class MessageTree {
  public:
   static constexpr uint32_t kMaxDepth = 64;
+  static constexpr uint32_t kMaxParts = 100'000;
 
   // Reads the structure of `message`, which must outlive the tree.
   explicit MessageTree(std::string_view message);

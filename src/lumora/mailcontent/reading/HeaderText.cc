@@ -224,14 +224,17 @@ const HeaderField* findField(const std::vector<HeaderField>& fields, std::string
   return nullptr;
 }
 
-HeaderLookup::HeaderLookup(std::string_view header, std::initializer_list<std::string_view> names)
-    : names_(names), fields_(names_.size()) {
-  size_t extending = names_.size();  // the field that a continuation extends; none
+HeaderLookup::HeaderLookup(std::string_view header, std::initializer_list<std::string_view> names) {
+  for (const std::string_view name : names) {
+    if (count_ == kMostNames) break;
+    names_[count_++] = name;
+  }
+  size_t extending = count_;  // the field that a continuation extends; none
   forEachFieldLine(
       header,
       [&](std::string_view name, std::string_view body) {
-        extending = names_.size();
-        for (size_t i = 0; i < names_.size(); ++i) {
+        extending = count_;
+        for (size_t i = 0; i < count_; ++i) {
           if (fields_[i].name.empty() && text::equalsIgnoringCase(name, names_[i])) {
             fields_[i] = {name, body};
             extending = i;
@@ -240,12 +243,12 @@ HeaderLookup::HeaderLookup(std::string_view header, std::initializer_list<std::s
         }
       },
       [&](const char* end) {
-        if (extending < names_.size()) extendTo(fields_[extending], end);
+        if (extending < count_) extendTo(fields_[extending], end);
       });
 }
 
 const HeaderField* HeaderLookup::find(std::string_view name) const {
-  for (size_t i = 0; i < names_.size(); ++i)
+  for (size_t i = 0; i < count_; ++i)
     if (names_[i] == name) return fields_[i].name.empty() ? nullptr : &fields_[i];
   return nullptr;
 }

@@ -6,6 +6,7 @@
 // Everything is linear in the length of the text; nothing recurses.
 #pragma once
 
+#include <array>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -32,14 +33,19 @@ const HeaderField* findField(const std::vector<HeaderField>& fields, std::string
 // over headerFields.
 class HeaderLookup {
  public:
+  static constexpr size_t kMostNames = 8;
+  // Looks for the first kMostNames of `names`.
   HeaderLookup(std::string_view header, std::initializer_list<std::string_view> names);
   // The first field named `name` (ASCII letters in any case), which must be one of the names
   // given; nullptr when the header has none.
   const HeaderField* find(std::string_view name) const;
 
  private:
-  std::vector<std::string_view> names_;
-  std::vector<HeaderField> fields_;  // for names_[i]; an empty name where there is none
+  // Held in place: a reader looks up every part's header, and a million parts must not cost
+  // an allocation each.
+  std::array<std::string_view, kMostNames> names_;
+  std::array<HeaderField, kMostNames> fields_;  // for names_[i]; an empty name where none
+  size_t count_ = 0;
 };
 
 // The body with its folding undone (each line end removed, the blank after it kept) and

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "lumora/mailcontent/MailReader.h"
+#include "Children.h"
 #include "Common.h"
 #include "support/Fixtures.h"
 
@@ -860,11 +861,8 @@ const std::vector<Hostile>& hostileCases() {
 
 // ---- 2. peak memory of one reading, in a child process ---------------------------------------
 
-long maxResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
+using lumora::bench::maxResidentKiB;
+using lumora::bench::writeInChild;
 
 struct ChildReading {
   long atStartKiB = 0;   // the child as forked
@@ -876,79 +874,32 @@ struct ChildReading {
   char error[200] = "";  // what the reader threw, if it did
 };
 
-// Forks; the child reads the file into memory, reads the message and reports its peak
-// resident memory at each step. The child's allocator is the parent's as it stood at the fork,
-// untouched by any large block, as a program's is when it starts.
+// The child reads the file into memory, reads the message and reports its peak resident memory
+// at each step.
 ChildReading readInChild(const std::string& path) {
-  int fds[2];
-  if (pipe(fds) != 0) die("pipe failed");
-  const pid_t child = fork();
-  if (child < 0) die("fork failed");
-  if (child == 0) {
-    close(fds[0]);
-    ChildReading r;
-    r.atStartKiB = maxResidentKiB();
-    std::string raw;
-    const int fd = open(path.c_str(), O_RDONLY);
-    struct stat st {};
-    if (fd >= 0 && fstat(fd, &st) == 0) {
-      raw.resize(static_cast<size_t>(st.st_size));
-      size_t done = 0;
-      while (done < raw.size()) {
-        const ssize_t n = read(fd, raw.data() + done, raw.size() - done);
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-      }
-      r.ok = done == raw.size();
-    }
-    if (fd >= 0) close(fd);
-    r.withFileKiB = maxResidentKiB();
-    if (r.ok) {
-      lumora::MailReading reading;
-      try {
-        r.seconds = seconds([&] { reading = lumora::MailReader::read(raw); });
-      } catch (const std::exception& e) {
-        r.ok = false;
-        std::snprintf(r.error, sizeof r.error, "%s", e.what());
-      }
-      r.peakKiB = maxResidentKiB();
-      r.characters = reading.characters;
-      r.newText = reading.newText.size();
-      r.thread = reading.thread.size();
-      r.earlier = reading.earlierMessages;
-    }
-    (void)!write(fds[1], &r, sizeof r);
-    _exit(0);
-  }
-  close(fds[1]);
-  ChildReading r;
-  if (read(fds[0], &r, sizeof r) != sizeof r) r.ok = false;
-  close(fds[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) r.ok = false;
-  return r;
-}
-
-// Writes what `make` gives to a temporary file, from a child, so that this process's allocator
-// never holds a large block that the measuring children would inherit and reuse.
-std::string writeInChild(const std::function<std::string()>& make) {
-  char path[] = "/tmp/lumora-bench-reading-XXXXXX";
-  const int fd = mkstemp(path);
-  if (fd < 0) die("cannot make a temporary file");
-  close(fd);
-  const pid_t child = fork();
-  if (child < 0) die("fork failed");
-  if (child == 0) {
-    const std::string m = make();
-    FILE* f = std::fopen(path, "wb");
-    if (!f || std::fwrite(m.data(), 1, m.size(), f) != m.size() || std::fclose(f) != 0) _exit(1);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) die("cannot write a generated message");
-  return path;
+  return lumora::bench::inChild<ChildReading>([&] {
+           ChildReading r;
+           r.atStartKiB = maxResidentKiB();
+           std::string raw;
+           r.ok = lumora::bench::readWholeFile(path, raw);
+           r.withFileKiB = maxResidentKiB();
+           if (r.ok) {
+             lumora::MailReading reading;
+             try {
+               r.seconds = seconds([&] { reading = lumora::MailReader::read(raw); });
+             } catch (const std::exception& e) {
+               r.ok = false;
+               std::snprintf(r.error, sizeof r.error, "%s", e.what());
+             }
+             r.peakKiB = maxResidentKiB();
+             r.characters = reading.characters;
+             r.newText = reading.newText.size();
+             r.thread = reading.thread.size();
+             r.earlier = reading.earlierMessages;
+           }
+           return r;
+         })
+      .value_or(ChildReading{});
 }
 
 // One row: the median over `children` readings of the message in `path`.

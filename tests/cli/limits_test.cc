@@ -1,5 +1,6 @@
 // The size limits of one run, end to end: a message past "maxMessageMiB" is refused before it
-// is read whole, a reply past "maxReplyMiB" is cut off with its text so far kept.
+// is read whole, a reply past "maxReplyMiB" is cut off with its text so far kept, a request
+// past "maxRequestMiB" is never sent.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -125,6 +126,67 @@ TEST_F(LimitsTest, AReplyPastTheLimitIsCutOffWithItsTextKept) {
   std::string kept;
   for (int i = 0; i < 52; ++i) kept += "0123456789";
   EXPECT_EQ(r.out, kept + "\n");
+}
+
+// Quotations nested `depth` deep, each with a paragraph of `paragraph` bytes: every passage
+// holds the text of those inside it, so the passages come to about depth² / 2 paragraphs.
+std::string nestedQuotations(size_t depth, size_t paragraph) {
+  std::string m =
+      "From: a@example.org\r\nSubject: Nested\r\nContent-Type: text/html\r\n"
+      "Content-Transfer-Encoding: quoted-printable\r\n\r\n";
+  const std::string text(paragraph, 'q');
+  for (size_t i = 0; i < depth; ++i) m += "<blockquote>" + text + "\r\n";
+  return m;
+}
+
+TEST_F(LimitsTest, ARequestPastItsBudgetFailsTheRunAndNothingIsSent) {
+  // 150 levels of 4 KB: 45 MB of passages from a 600 KB message.
+  std::ofstream(home_ / "nested.eml", std::ios::binary) << nestedQuotations(150, 4000);
+  const std::string nested = (home_ / "nested.eml").string();
+  const std::string gathered =
+      "lumora: The request would be more than 1 MiB, the limit of the setting \"maxRequestMiB\" "
+      "(lumora settings set maxRequestMiB N); nothing was sent.\n";
+  const std::string measured = "bytes, more than 10485 bytes, the limit of the setting "
+                               "\"maxRequestMiB\" (lumora settings set maxRequestMiB N); nothing "
+                               "was sent.\n";
+  struct Case {
+    const char* name;
+    const char* limit;  // nullptr: unset
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // the whole of standard error, or its end after "lumora: The request is N "
+    bool measuredWhole;
+  };
+  const Case cases[] = {
+      {"nested quotations, dry run", "1", {"reply", "--dry-run", "--model", "gpt-4o", nested}, 1,
+       gathered, false},
+      {"nested quotations, sent", "1", {"reply", "--model", "gpt-4o", nested}, 1, gathered, false},
+      {"the whole message measured as the request", "0.01",
+       {"reply", "--model", "gpt-4o", "--read", "message", file()}, 1, measured, true},
+      {"the same under the default budget", nullptr,
+       {"reply", "--dry-run", "--model", "gpt-4o", "--read", "message", file()}, 0, "", false},
+      {"the passages of ordinary mail", "0.01",
+       {"reply", "--dry-run", "--model", "gpt-4o", file()}, 0, "", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.limit) {
+      ASSERT_EQ(lumora({"settings", "set", "maxRequestMiB", c.limit}).status, 0);
+    } else {
+      lumora({"settings", "unset", "maxRequestMiB"});
+    }
+    const ProcessResult r = lumora(c.args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    if (c.status == 0) continue;
+    EXPECT_EQ(r.out, "");
+    if (c.measuredWhole) {
+      EXPECT_TRUE(r.err.starts_with("lumora: The request is ")) << r.err;
+      EXPECT_TRUE(r.err.ends_with(c.err)) << r.err;
+    } else {
+      EXPECT_EQ(r.err, c.err);
+    }
+  }
+  EXPECT_TRUE(server_.requests().empty());
 }
 
 }  // namespace

@@ -106,5 +106,45 @@ TEST(MailParser, WritesTheHtmlSourceAsADebugLine) {
   EXPECT_EQ(lines, std::vector<std::string>{"[debug] html "});
 }
 
+// The budget counts the passages and the line ends that join them; the passage that would pass
+// it is left out with every one after it.
+TEST(MailParser, GathersPassagesWithinABudget) {
+  const std::string message =
+      single("quoted-printable", "<blockquote>abc</blockquote><blockquote>de</blockquote>");
+  struct Case {
+    size_t budget;
+    std::vector<std::string> texts;
+    bool complete;
+  };
+  const Case cases[] = {
+      {6, {"abc", "de"}, true},  // 3 + 1 + 2
+      {5, {"abc"}, false},
+      {3, {"abc"}, false},
+      {2, {}, false},
+      {MailParser::kNoBudget, {"abc", "de"}, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.budget);
+    const MailParser::Passages p = MailParser::quotedTexts(message, c.budget);
+    EXPECT_EQ(p.texts, c.texts);
+    EXPECT_EQ(p.complete, c.complete);
+    EXPECT_LE(p.bytes, c.budget);
+  }
+}
+
+// Nested quotations hold each other's texts: 400 levels of 1 KB make 80 MB of passages. Within a
+// budget the gathering stops after a few of them.
+TEST(MailParser, NestedQuotationsStopAtTheBudget) {
+  std::string html;
+  for (int i = 0; i < 400; ++i) html += "<blockquote>" + std::string(1000, 'q');
+  constexpr size_t kBudget = size_t{1} << 20;
+  const MailParser::Passages p =
+      MailParser::quotedTexts(single("quoted-printable", html), kBudget);
+  EXPECT_FALSE(p.complete);
+  EXPECT_LE(p.bytes, kBudget);
+  ASSERT_EQ(p.texts.size(), 2u);
+  EXPECT_EQ(p.texts.front().size(), 400'000u + 399);  // a blank before each inner quotation
+}
+
 }  // namespace
 }  // namespace lumora

@@ -141,5 +141,65 @@ TEST(MimeHeader, LongHostileHeadersParseInOnePass) {
   EXPECT_EQ(headerFields(folded).at(0).body.size(), 1 + 2 * 100000u);
 }
 
+// MimeStructure keeps only what the structure needs, and must read it exactly as the whole
+// header's parse does: the same field chosen among spellings and repeats, the same failure.
+TEST(MimeStructure, ReadsTheFieldsAsTheWholeHeaderDoes) {
+  const auto outcome = [](auto parse) -> std::string {
+    try {
+      return parse();
+    } catch (const MimeHeaderError& e) {
+      return "failure " + std::to_string(static_cast<int>(e.code()));
+    }
+  };
+  const auto byHeader = [&](const std::string& text) {
+    return outcome([&] {
+      const MimeHeader h = MimeHeader::parse(text);
+      const auto encoding = h.contentTransferEncoding.value_or(ContentTransferEncoding{}).kind;
+      std::string out = std::to_string(static_cast<int>(encoding));
+      if (h.contentType) {
+        const MimeType type = h.contentType->mimeType();
+        if (type.kind == MimeType::Kind::multipart)
+          out += " multipart " + type.boundary +
+                 (type.subtype == MultipartSubtype::alternative ? " alternative" : "");
+      }
+      return out;
+    });
+  };
+  const auto byStructure = [&](const std::string& text) {
+    return outcome([&] {
+      const MimeStructure s = MimeStructure::parse(text);
+      std::string out = std::to_string(static_cast<int>(s.encoding));
+      if (s.multipart) out += " multipart " + s.boundary + (s.alternative ? " alternative" : "");
+      return out;
+    });
+  };
+  const std::string headers[] = {
+      "",
+      "Content-Type: multipart/mixed; boundary=b\n",
+      "Content-Type: MULTIPART/Alternative; boundary=\"a b\"\n",
+      "Content-Type: multipart/mixed; Boundary=b\n",
+      "Content-Type: multipart/mixed; boundary=b; boundary=c\n",
+      "Content-Type: multipart/mixed\n",
+      "Content-Type: text/plain; boundary=b\n",
+      "content-type: text/plain\nContent-Type: multipart/mixed; boundary=b\n",
+      "Content-Type: multipart/mixed; boundary=b\ncontent-type: text/plain\n",
+      "Content-Type: text/plain\nContent-Type: multipart/mixed; boundary=b\n",
+      "Content-Type: multipart/mixed; boundary=b\nContent-Type: text/plain\n",
+      "Content-Type: multipart/mixed;\n boundary=folded\n",
+      "Content-Transfer-Encoding: Quoted-Printable\n",
+      "content-transfer-encoding: base64\nContent-Transfer-Encoding: quoted-printable\n",
+      "Content-Transfer-Encoding: \"base64\"\n",
+      "Content-Type: text\n",
+      "Content-Type: multipart/mixed; boundary=b\nContent-Disposition: inline; x\n",
+      "Content-Disposition: attachment; filename=\"a.txt\"\nContent-Type: multipart/mixed; "
+      "boundary=b\n",
+      "Content-Type: multipart/mixed; boundary=\"\"\nContent-Transfer-Encoding: \"x\"\n",
+  };
+  for (const std::string& header : headers) {
+    SCOPED_TRACE(header);
+    EXPECT_EQ(byStructure(header), byHeader(header));
+  }
+}
+
 }  // namespace
 }  // namespace lumora

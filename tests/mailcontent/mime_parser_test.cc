@@ -137,6 +137,48 @@ TEST(MimeParser, Structure) {
 // Random messages built from the pieces that matter to the structure: delimiters of related
 // boundaries with every kind of tail, nested multipart headers, empty lines, bad fields, and
 // every kind of line end. The parser must agree with the literal parse on each.
+// The first quoted-printable leaf among the message's own parts, as the scan that keeps no tree
+// finds it and as the tree shows it: the failure's type, or the kind and where the leaf is.
+template <typename Find>
+std::string topLeafOutcome(Find find) {
+  try {
+    return find();
+  } catch (const MimeParserError&) {
+    return "structure";
+  } catch (const MimeHeaderError&) {
+    return "header";
+  }
+}
+
+std::string topLeafByScan(std::string_view message) {
+  return topLeafOutcome([&] {
+    const MimeParser::TopLeaf top = MimeParser::firstQuotedPrintableLeaf(message);
+    std::string out = std::to_string(static_cast<int>(top.kind));
+    if (top.leaf) out += " " + std::to_string(top.leaf->offset) + "+" + std::to_string(top.leaf->size);
+    return out;
+  });
+}
+
+std::string topLeafByTree(std::string_view message) {
+  return topLeafOutcome([&] {
+    const Mime mime = MimeParser::parse(message);
+    std::string out = std::to_string(static_cast<int>(mime.content().kind()));
+    const auto quotedPrintable = [](const Mime& part) -> const MimeBody* {
+      const MimeBody* body = part.content().body();
+      return body && body->encoding().kind == ContentTransferEncoding::Kind::quotedPrintable
+                 ? body
+                 : nullptr;
+    };
+    const MimeBody* found = quotedPrintable(mime);
+    for (const Mime& part : mime.content().parts()) {
+      if (found) break;
+      found = quotedPrintable(part);
+    }
+    if (found) out += " " + std::to_string(*found->offset()) + "+" + std::to_string(found->raw().size());
+    return out;
+  });
+}
+
 TEST(MimeParser, AgreesWithTheLiteralParse) {
   std::mt19937 random(20261123);
   const std::vector<std::string> boundaries = {"b", "bb", "c", "b.c"};
@@ -165,7 +207,8 @@ TEST(MimeParser, AgreesWithTheLiteralParse) {
           message += random() % 4 == 0 ? "Content-Type: text" : "X: y";
           break;
         case 5:
-          message += "Content-Transfer-Encoding: base64";
+          message += "Content-Transfer-Encoding: " +
+                     std::string(random() % 2 ? "base64" : "quoted-printable");
           break;
         case 6:
         case 7:
@@ -185,6 +228,8 @@ TEST(MimeParser, AgreesWithTheLiteralParse) {
       expected = Failure::header;
     }
     ASSERT_EQ(describe(actual), describe(expected)) << "message: " << ::testing::PrintToString(message);
+    ASSERT_EQ(topLeafByScan(message), topLeafByTree(message))
+        << "message: " << ::testing::PrintToString(message);
     ++compared;
   }
   EXPECT_EQ(compared, 20000);

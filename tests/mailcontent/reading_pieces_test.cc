@@ -228,6 +228,27 @@ TEST(MessageStructure, NestingStopsAtItsLimit) {
   EXPECT_EQ(tree.entities().back().kind, Entity::Kind::leaf);
 }
 
+// Past its last part a message is passed over: the delimiter that would begin one more ends its
+// multipart, and the text after it is the multipart's epilogue, up to a delimiter of a
+// multipart around it, which ends that one too.
+TEST(MessageStructure, PartsStopAtTheirLimit) {
+  std::string raw = "Content-Type: multipart/mixed; boundary=outer\r\n\r\n--outer\r\n"
+                    "Content-Type: multipart/mixed; boundary=b\r\n\r\n";
+  for (uint32_t i = 0; i < MessageTree::kMaxParts + 10; ++i) raw += "--b\r\n\r\nhi\r\n";
+  raw += "--b--\r\n--outer\r\n\r\nafter\r\n--outer--\r\n";
+  const MessageTree tree(raw);
+  const auto& entities = tree.entities();
+  ASSERT_EQ(entities.size(), MessageTree::kMaxParts);
+  const Entity& inner = entities[1];
+  EXPECT_EQ(inner.kind, Entity::Kind::multipart);
+  size_t parts = 0;
+  for (uint32_t c = inner.firstChild; c != kNoEntity; c = entities[c].nextSibling) ++parts;
+  EXPECT_EQ(parts, MessageTree::kMaxParts - 2);
+  EXPECT_EQ(tree.body(entities.back()), "hi");
+  EXPECT_EQ(entities[0].firstChild, 1u);
+  EXPECT_EQ(inner.nextSibling, kNoEntity);  // the outer multipart's next part is past the limit
+}
+
 std::string repeated(std::string_view piece, int times) {
   std::string out;
   for (int i = 0; i < times; ++i) out += piece;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "lumora/platform/Base64.h"
 #include "support/FakeTransport.h"
 #include "support/LumoraHome.h"
 #include "support/ScriptedServer.h"
@@ -190,6 +191,39 @@ TEST(NativeHostProcessTest, EndsWhenItsOutputClosesWhileTheInputStaysOpen) {
   host.closeOutput();
   EXPECT_EQ(host.waitForExit(5s), 0);
   EXPECT_TRUE(server.waitForClientDisconnect(5s).has_value());
+}
+
+// A message of nested quotations, whose passages would make a request of 10 MB, fails the run
+// in the panel's error line before anything is sent; the reading line said so beforehand.
+TEST(NativeHostProcessTest, ARequestPastItsBudgetIsNeverSent) {
+  testing::LumoraHome home;
+  ASSERT_EQ(home.run({"settings", "set", "apiKey", "sk-test-0000"}).status, 0);
+  ASSERT_EQ(home.run({"settings", "set", "maxRequestMiB", "1"}).status, 0);
+  testing::ScriptedServer server;
+  HostProcess host({{"XDG_CONFIG_HOME", (home.path() / "config").string()},
+                    {"XDG_DATA_HOME", (home.path() / "data").string()},
+                    {"LUMORA_OPENAI_BASE_URL", server.baseUrl()}});
+  std::string message =
+      "From: a@example.org\r\nContent-Type: text/html\r\n"
+      "Content-Transfer-Encoding: quoted-printable\r\n\r\n";
+  for (int i = 0; i < 100; ++i) message += "<blockquote>" + std::string(2000, 'q') + "\r\n";
+  host.send({{"type", "open"}, {"messageSize", message.size()}, {"language", "en"}});
+  host.send({{"type", "messageData"}, {"data", base64::encode(message)}});
+  const std::string refusal =
+      "The request would be more than 1 MiB, the limit of the setting \"maxRequestMiB\" "
+      "(lumora settings set maxRequestMiB N); nothing was sent.";
+  json state;
+  ASSERT_TRUE(host.receiveUntil([&](const json& m) {
+    if (m["type"] != "state") return false;
+    state = m;
+    return true;
+  }));
+  EXPECT_NE(state["reading"]["line"].get<std::string>().find(refusal), std::string::npos)
+      << state.dump();
+  host.send({{"type", "operation"}, {"name", "startGeneration"}});
+  ASSERT_TRUE(host.receiveUntil(
+      [&](const json& m) { return m["type"] == "state" && m["error"] == refusal; }));
+  EXPECT_TRUE(server.requests().empty());
 }
 
 }  // namespace

@@ -67,6 +67,7 @@ std::vector<FieldRow> someFields(UserSettings& s) {
       row(s.clipboardCommand, "clipboardCommand", O, "", "xclip -selection clipboard"),
       row(s.maxMessageMiB, "maxMessageMiB", O, 64.0, 200.0),
       row(s.maxReplyMiB, "maxReplyMiB", O, 16.0, 0.5),
+      row(s.maxRequestMiB, "maxRequestMiB", O, 8.0, 2.0),
   };
 }
 

@@ -23,6 +23,9 @@ struct ChatEnvironment {
   // A reply longer than this is cut off there with an error, so that a server that never
   // stops cannot use up the memory of the process ("maxReplyMiB").
   size_t maxReplyBytes = size_t{16} << 20;
+  // No request larger than this is sent, nor gathered ("maxRequestMiB"): a message whose quoted
+  // passages would make a request of hundreds of MB fails the run before anything goes out.
+  size_t maxRequestBytes = size_t{8} << 20;
 };
 
 }  // namespace lumora

@@ -2,6 +2,7 @@
 
 #include "lumora/platform/Localization.h"
 #include "lumora/platform/Redact.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 
@@ -31,6 +32,15 @@ AppError AppError::insufficientQuota() {
 AppError AppError::noServiceFound() {
   return AppError(Kind::noServiceFound, localized("No service found"));
 }
+
+RequestTooLargeError::RequestTooLargeError(std::optional<size_t> size, size_t limit)
+    : Error((size ? "The request is " + text::groupedCount(*size) + " bytes, more than "
+                  : std::string("The request would be more than ")) +
+            text::sizeText(limit) +
+            ", the limit of the setting \"maxRequestMiB\" (lumora settings set maxRequestMiB "
+            "N); nothing was sent."),
+      size_(size),
+      limit_(limit) {}
 
 std::string describeFailure(const std::exception& failure) {
   // Our own errors carry the user's text as what(); anything else from the standard library

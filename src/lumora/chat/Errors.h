@@ -62,6 +62,20 @@ class AppError : public Error {
   Kind kind_;
 };
 
+// A request past the budget of the setting "maxRequestMiB": the run fails before sending.
+class RequestTooLargeError : public Error {
+ public:
+  // `size` is the request's size in bytes; none when the gathering of its text stopped as soon
+  // as the text alone passed `limit`, before the whole was made.
+  RequestTooLargeError(std::optional<size_t> size, size_t limit);
+  std::optional<size_t> size() const { return size_; }
+  size_t limit() const { return limit_; }
+
+ private:
+  std::optional<size_t> size_;
+  size_t limit_;
+};
+
 // The user's text for any failure, with credentials masked. Never throws.
 std::string describeFailure(std::exception_ptr failure);
 std::string describeFailure(const std::exception& failure);

@@ -1,5 +1,6 @@
 #include "lumora/chat/ResponseLines.h"
 
+#include "lumora/chat/Errors.h"
 #include "lumora/chat/HttpSession.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/LineSplitter.h"
@@ -12,8 +13,14 @@ constexpr size_t kMaxErrorBody = size_t{1} << 20;
 
 }  // namespace
 
+void checkRequestSize(const ChatEnvironment& environment, const HttpRequest& request) {
+  if (request.body.size() > environment.maxRequestBytes)
+    throw RequestTooLargeError(request.body.size(), environment.maxRequestBytes);
+}
+
 std::unique_ptr<HttpResponse> sendRequest(const ChatEnvironment& environment,
                                           const HttpRequest& request, std::stop_token stop) {
+  checkRequestSize(environment, request);
   return environment.transport.send(request, makeSession(environment), stop);
 }
 

@@ -29,8 +29,13 @@ class LineReader {
   virtual void end() {}
 };
 
+// Throws RequestTooLargeError when the body of `request` passes the environment's
+// maxRequestBytes: every chat request is measured here before it goes out.
+void checkRequestSize(const ChatEnvironment& environment, const HttpRequest& request);
+
 // Sends `request` through the session of the settings (the proxy setting applies) and waits
-// for the response head. Throws TransportError, or CancellationError for a stop before the head.
+// for the response head. Throws TransportError, or CancellationError for a stop before the head;
+// RequestTooLargeError, sending nothing, for a body past the budget (checkRequestSize).
 std::unique_ptr<HttpResponse> sendRequest(const ChatEnvironment& environment,
                                           const HttpRequest& request, std::stop_token stop);
 

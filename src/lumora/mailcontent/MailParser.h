@@ -3,6 +3,8 @@
 // quotation and attachments never leave here.
 #pragma once
 
+#include <cstddef>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +14,20 @@ namespace lumora {
 
 class MailParser {
  public:
+  // Passages gathered within a budget of bytes: their texts and the line ends that join them
+  // for the model. A quotation's text holds the texts of the quotations inside it, so a message
+  // of nested quotations has passages far larger than itself; gathering stops as soon as the
+  // next passage would pass the budget, and that passage is never kept.
+  struct Passages {
+    std::vector<std::string> texts;
+    bool complete = true;  // false: stopped at the budget, `texts` holds those before
+    size_t bytes = 0;      // the texts and their joining line ends
+  };
+  static constexpr size_t kNoBudget = std::numeric_limits<size_t>::max();
+
+  // The quoted passages as below, gathered within `budget` bytes.
+  static Passages quotedTexts(std::string_view rawMessage, size_t budget);
+
   // The quoted passages of `rawMessage` (valid UTF-8, header and body), in document order;
   // empty when the message has none. Throws the MIME parse's errors and the body decoders'.
   // An undecoded source (see htmlSource) is read where it stands in `rawMessage`, not copied.
@@ -26,6 +42,7 @@ class MailParser {
 
   // The text of every blockquote element of `html`, outer ones before those inside them.
   static std::vector<std::string> blockquoteTexts(std::string html);
+  static Passages blockquoteTexts(std::string html, size_t budget);
 };
 
 }  // namespace lumora

@@ -108,19 +108,23 @@ struct PartInfo {
 
 PartInfo describe(const MessageTree& tree, const Entity& entity) {
   PartInfo info;
-  const std::vector<reading::HeaderField> fields = reading::headerFields(tree.header(entity));
-  if (const auto* field = reading::findField(fields, "Content-Type")) {
-    info.contentType = reading::parseStructuredValue(field->body);
+  const reading::HeaderLookup fields(tree.header(entity),
+                                     {"Content-Type", "Content-Disposition",
+                                      "Content-Transfer-Encoding"});
+  if (const auto* field = fields.find("Content-Type")) {
+    info.contentType =
+        reading::parseStructuredValue(field->body, {"charset", "name", "format", "delsp"});
     info.type = info.contentType.value;
   }
   if (info.type.empty() || info.type.find('/') == std::string::npos) info.type = "text/plain";
-  if (const auto* field = reading::findField(fields, "Content-Disposition")) {
-    reading::StructuredValue disposition = reading::parseStructuredValue(field->body);
+  if (const auto* field = fields.find("Content-Disposition")) {
+    reading::StructuredValue disposition =
+        reading::parseStructuredValue(field->body, {"filename"});
     info.disposition = disposition.value;
     info.fileName = disposition.parameter("filename").value_or("");
   }
   if (info.fileName.empty()) info.fileName = info.contentType.parameter("name").value_or("");
-  if (const auto* field = reading::findField(fields, "Content-Transfer-Encoding"))
+  if (const auto* field = fields.find("Content-Transfer-Encoding"))
     info.encoding = reading::transferEncodingOf(reading::unfolded(field->body));
   return info;
 }
@@ -168,6 +172,10 @@ class Reader {
     while (!stack.empty()) {
       const Visit visit = stack.back();
       stack.pop_back();
+      if (visit.siblings) {
+        pushNextPart(visit, stack);
+        continue;
+      }
       const Entity& e = entities[visit.id];
       switch (e.kind) {
         case Entity::Kind::leaf:
@@ -216,45 +224,61 @@ class Reader {
   }
 
   // One part to read: whether it belongs to the thread, and whether only its attachments are
-  // named (an alternative not read, whose images are still the message's).
+  // named (an alternative not read, whose images are still the message's). With `siblings`, the
+  // part and those after it among its parent's parts, `inThread` and `namesOnly` being the
+  // parent's and `best` the part an alternative reads: a multipart's parts are taken one at a
+  // time, so a million of them never stand on the stack at once.
   struct Visit {
     uint32_t id;
     bool inThread;
     bool namesOnly;
+    bool siblings = false;
+    uint32_t best = reading::kNoEntity;
   };
 
-  // The children of a multipart to visit, pushed so that they come off in their order.
+  // The parts of a multipart to visit, in their order.
   void pushParts(const Visit& visit, std::vector<Visit>& stack) {
     const std::deque<Entity>& entities = tree_.entities();
-    const Multipart kind = kinds_[visit.id];
     const uint32_t first = entities[visit.id].firstChild;
     if (first == reading::kNoEntity) return;
-    std::vector<Visit> parts;
-    if (kind == Multipart::alternative) {
+    uint32_t best = first;
+    if (kinds_[visit.id] == Multipart::alternative) {
       // The best text; of equals the first, which is the plainest by the sender's order.
-      uint32_t best = first;
       for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
         if (ranks_[c] > ranks_[best]) best = c;
-      for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling)
-        parts.push_back({c, visit.inThread, visit.namesOnly || c != best});
-      stack.insert(stack.end(), parts.rbegin(), parts.rend());
-      return;
     }
-    for (uint32_t c = first; c != reading::kNoEntity; c = entities[c].nextSibling) {
+    stack.push_back({first, visit.inThread, visit.namesOnly, true, best});
+  }
+
+  // The next part of a multipart, with the rest of them behind it on the stack.
+  void pushNextPart(const Visit& rest, std::vector<Visit>& stack) {
+    const std::deque<Entity>& entities = tree_.entities();
+    const uint32_t c = rest.id;
+    const uint32_t parent = entities[c].parent;
+    if (entities[c].nextSibling != reading::kNoEntity) {
+      Visit next = rest;
+      next.id = entities[c].nextSibling;
+      stack.push_back(next);
+    }
+    const Multipart kind = kinds_[parent];
+    bool namesOnly = rest.namesOnly;
+    if (kind == Multipart::alternative) {
+      namesOnly = namesOnly || c != rest.best;
+    } else {
       // Beside the first part of a multipart/related stand what it shows (the images of an
       // HTML body), and beside the first of a multipart/signed its signature: named, as every
       // part that is not text is, but never read as text.
-      const bool besideFirst =
-          c != first && (kind == Multipart::related || kind == Multipart::signedPart);
-      parts.push_back({c, visit.inThread, visit.namesOnly || besideFirst});
+      namesOnly = namesOnly || (c != entities[parent].firstChild &&
+                                (kind == Multipart::related || kind == Multipart::signedPart));
     }
-    stack.insert(stack.end(), parts.rbegin(), parts.rend());
+    stack.push_back({c, rest.inThread, namesOnly});
   }
 
   void readHeader(const Entity& root, bool draft, MailReading& out) {
-    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(root));
+    const reading::HeaderLookup fields(
+        tree_.header(root), {"Date", "Message-ID", "Received", "From", "Sender", "To", "Subject"});
     const auto value = [&](std::string_view name) -> std::optional<std::string_view> {
-      if (const auto* field = reading::findField(fields, name)) return field->body;
+      if (const auto* field = fields.find(name)) return field->body;
       return std::nullopt;
     };
     // A sent message carries a Date (RFC 5322 asks for one) and a Message-ID, and a received one
@@ -281,7 +305,7 @@ class Reader {
   // An attached message's own header lines, at the head of its part of the thread.
   void attachedMessage(const Entity& message) {
     ++attachedMessages_;
-    const std::vector<reading::HeaderField> fields = reading::headerFields(tree_.header(message));
+    const reading::HeaderLookup fields(tree_.header(message), {"From", "Date", "Subject"});
     if (!attached_.empty()) attached_.add("", 0);
     const auto line = [&](std::string_view label, std::string_view value) {
       if (value.empty()) return;
@@ -289,11 +313,11 @@ class Reader {
       text += value;
       attached_.add(text, 0);
     };
-    if (const auto* from = reading::findField(fields, "From"))
+    if (const auto* from = fields.find("From"))
       line("From: ", oneLine(mailboxText(reading::firstMailbox(from->body)), kLongestName * 2));
-    if (const auto* date = reading::findField(fields, "Date"))
+    if (const auto* date = fields.find("Date"))
       line("Date: ", oneLine(reading::headerBytesAsText(reading::unfolded(date->body)), kLongestDate));
-    if (const auto* subject = reading::findField(fields, "Subject"))
+    if (const auto* subject = fields.find("Subject"))
       line("Subject: ", oneLine(reading::decodedWords(reading::unfolded(subject->body)),
                                 kLongestSubject));
     attached_.add("", 0);
@@ -313,7 +337,10 @@ class Reader {
     // is then held once, not three times.
     std::string owned;
     std::string_view text = tree_.body(e);
-    if (info.encoding != reading::TransferEncoding::identity) {
+    // Quoted-printable text without an "=" is its own decoding, and is read where it stands too.
+    const bool decodesToItself = info.encoding == reading::TransferEncoding::quotedPrintable &&
+                                 text.find('=') == std::string_view::npos;
+    if (info.encoding != reading::TransferEncoding::identity && !decodesToItself) {
       owned = reading::transferDecoded(text, info.encoding);
       text = owned;
     }

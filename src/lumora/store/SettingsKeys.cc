@@ -104,9 +104,11 @@ constexpr SettingKey kKeys[] = {
     plain("mailSelectedConversationId", kOwn, kString, ""),
     // Copy's own way to the clipboard: a shell command that takes the text on standard input.
     plain("clipboardCommand", kOwn, kString, ""),
-    // What one process takes in: the message answered, and the reply, in MiB.
+    // What one process takes in: the message answered, and the reply, in MiB; and what one
+    // request may send.
     {"maxMessageMiB", kOwn, kNumber, "64", {}, false, {}, INT64_MIN, 0},
     {"maxReplyMiB", kOwn, kNumber, "16", {}, false, {}, INT64_MIN, 0},
+    {"maxRequestMiB", kOwn, kNumber, "8", {}, false, {}, INT64_MIN, 0},
     // What the model reads of the message answered, and the most characters of the whole
     // message it is given.
     {"mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},

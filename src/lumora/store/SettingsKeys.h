@@ -55,7 +55,7 @@ struct SettingKey {
 
 // Every key: the fields of UserSettings in their order, then the keys that their readers read
 // directly ("azureModels", the panel's three "mail..." keys, Copy's "clipboardCommand" and the
-// size limits "maxMessageMiB" and "maxReplyMiB").
+// size limits "maxMessageMiB", "maxReplyMiB" and "maxRequestMiB").
 std::span<const SettingKey> settingKeys();
 
 // The entry of `key` (exact, case-sensitive), or null.

@@ -205,13 +205,15 @@ class UserSettings : private detail::SettingBinder {
   StringSetting clipboardCommand{bind("clipboardCommand")};
   DoubleSetting maxMessageMiB{bind("maxMessageMiB")};
   DoubleSetting maxReplyMiB{bind("maxReplyMiB")};
+  DoubleSetting maxRequestMiB{bind("maxRequestMiB")};
   StringSetting mailReading{bind("mailReading")};
   IntegerSetting mailReadingMaxCharacters{bind("mailReadingMaxCharacters")};
 
-  // The two limits in bytes. A value that is not a positive number of at most 1 TiB, or a
+  // The limits in bytes. A value that is not a positive number of at most 1 TiB, or a
   // settings file that cannot be read, gives the default.
   size_t maxMessageBytes() const { return bytesOf(maxMessageMiB); }
   size_t maxReplyBytes() const { return bytesOf(maxReplyMiB); }
+  size_t maxRequestBytes() const { return bytesOf(maxRequestMiB); }
 
  private:
   static size_t bytesOf(const DoubleSetting& mebibytes);

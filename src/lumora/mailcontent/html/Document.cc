@@ -18,18 +18,42 @@ Document::Document(std::string owned, std::string_view unowned, Attributes kept)
   source_ = unowned.data() ? unowned : std::string_view(ownedSource_);
   if (source_.size() >= kNone) throw std::length_error("HTML source over 4 GiB");
   extras_.push_back({"#root", {}});
-  add(NodeKind::element, TagId::unknown, 0, kNoNode);
+  addElement(TagId::unknown, 0);
 }
 
 Document::~Document() = default;
 
-NodeId Document::add(NodeKind kind, TagId tag, uint32_t a, uint32_t down) {
-  if (count_ == kNoNode) throw std::length_error("HTML tree of over 4 billion nodes");
-  if ((count_ & kBlockMask) == 0)
-    blocks_.push_back(std::make_unique_for_overwrite<Record[]>(size_t{1} << kBlockBits));
-  const NodeId id = count_++;
-  at(id) = {kNoNode, down, kNoNode, kNoNode, static_cast<uint8_t>(kind), tag, 0, a};
+NodeId Document::add(NodeKind kind, TagId tag, uint32_t down) {
+  if (records_.size() >= kMaxNodes) throw std::length_error("HTML tree of too many nodes");
+  Record r;
+  r.init(kind, tag, down);
+  return records_.push(r);
+}
+
+NodeId Document::addElement(TagId tag, uint32_t extra) {
+  const NodeId id = add(NodeKind::element, tag, kNoNode);
+  if (extra != kNone) {
+    extraOf_.push({id, extra});
+    at(id).setFlags(kHasExtra);
+  }
   return id;
+}
+
+uint32_t Document::extraOf(NodeId element) const {
+  if (!(at(element).flags() & kHasExtra)) return kNone;
+  // Ids were added in increasing order.
+  uint32_t low = 0, high = extraOf_.size();
+  while (low < high) {
+    const uint32_t middle = low + (high - low) / 2;
+    if (extraOf_[middle].element < element)
+      low = middle + 1;
+    else
+      high = middle;
+  }
+  if (low < extraOf_.size() && extraOf_[low].element == element) return extraOf_[low].extra;
+  for (const ExtraOf& late : lateExtras_)
+    if (late.element == element) return late.extra;
+  return kNone;
 }
 
 bool Document::inSource(std::string_view characters) const {
@@ -43,25 +67,30 @@ bool Document::inSource(std::string_view characters) const {
 
 std::string_view Document::nameOf(NodeId id) const {
   const Record& r = at(id);
-  if (r.tag != TagId::unknown) return tagNameOf(r.tag);
-  if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.a == kNone) return {};
-  return extras_[r.a].name;
+  if (r.tag() != TagId::unknown) return tagNameOf(r.tag());
+  if (r.kind() != NodeKind::element) return {};
+  const uint32_t extra = extraOf(id);
+  return extra == kNone ? std::string_view() : std::string_view(extras_[extra].name);
 }
 
 std::span<const Attribute> Document::attributesOf(NodeId id) const {
-  const Record& r = at(id);
-  if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.a == kNone) return {};
-  return extras_[r.a].attributes;
+  if (at(id).kind() != NodeKind::element) return {};
+  const uint32_t extra = extraOf(id);
+  if (extra == kNone) return {};
+  return extras_[extra].attributes;
 }
 
 std::string_view Document::contentOf(NodeId id) const { return contentOf(at(id)); }
 
 std::string_view Document::contentOf(const Record& r) const {
-  switch (static_cast<NodeKind>(r.kind)) {
+  switch (r.kind()) {
     case NodeKind::text:
     case NodeKind::data:
-    case NodeKind::comment:
-      return r.flags & kInArena ? std::string_view(arena_).substr(r.a, r.down) : source_.substr(r.a, r.down);
+    case NodeKind::comment: {
+      const Span& span = spanOf(r);
+      return r.flags() & kInArena ? std::string_view(arena_).substr(span.offset, span.length)
+                                  : source_.substr(span.offset, span.length);
+    }
     case NodeKind::element:
     case NodeKind::doctype:
       break;
@@ -92,23 +121,22 @@ NodeId Document::makeElement(TagId id, std::string_view name,
       extras_.push_back({id == TagId::unknown ? std::string(name) : std::string(), std::move(kept)});
     }
   }
-  return add(NodeKind::element, id, extra, kNoNode);
+  return addElement(id, extra);
 }
 
-NodeId Document::makeCopy(NodeId element) {
-  const Record& r = at(element);
-  return add(NodeKind::element, r.tag, r.a, kNoNode);
-}
+NodeId Document::makeCopy(NodeId element) { return addElement(at(element).tag(), extraOf(element)); }
 
 void Document::addMissingAttributes(NodeId element, const std::vector<Attribute>& offered) {
-  Record& r = at(element);
   const std::vector<Attribute> attributes = keptOf(offered);
+  uint32_t extra = extraOf(element);
   for (const Attribute& attribute : attributes) {
-    if (r.a == kNone) {
-      r.a = static_cast<uint32_t>(extras_.size());
+    if (extra == kNone) {
+      extra = static_cast<uint32_t>(extras_.size());
       extras_.emplace_back();
+      lateExtras_.push_back({element, extra});
+      at(element).setFlags(at(element).flags() | kHasExtra);
     }
-    auto& mine = extras_[r.a].attributes;
+    auto& mine = extras_[extra].attributes;
     const bool has = std::any_of(mine.begin(), mine.end(),
                                  [&](const Attribute& a) { return a.name == attribute.name; });
     if (!has) mine.push_back(attribute);
@@ -118,7 +146,7 @@ void Document::addMissingAttributes(NodeId element, const std::vector<Attribute>
 NodeId Document::makeDocumentType(std::string_view name, std::string_view publicId,
                                   std::string_view systemId) {
   doctypes_.push_back({std::string(name), std::string(publicId), std::string(systemId)});
-  return add(NodeKind::doctype, TagId::unknown, static_cast<uint32_t>(doctypes_.size() - 1), 0);
+  return add(NodeKind::doctype, TagId::unknown, static_cast<uint32_t>(doctypes_.size() - 1));
 }
 
 // ---- text --------------------------------------------------------------------------------
@@ -131,51 +159,57 @@ NodeId Document::makeDocumentType(std::string_view name, std::string_view public
 // linear in the text.
 
 NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
-  if (inSource(characters))
-    return add(kind, TagId::unknown, static_cast<uint32_t>(characters.data() - source_.data()),
-               static_cast<uint32_t>(characters.size()));
-  const size_t start = arena_.size();
-  if (characters.size() >= kNone - start) throw std::length_error("HTML text over 4 GiB");
-  arena_.append(characters);
-  const NodeId id = add(kind, TagId::unknown, static_cast<uint32_t>(start),
-                        static_cast<uint32_t>(characters.size()));
-  at(id).flags |= kInArena;
+  // The span is made first: a node whose span failed must not be left behind.
+  const bool inArena = !inSource(characters);
+  Span span{0, static_cast<uint32_t>(characters.size())};
+  if (inArena) {
+    const size_t start = arena_.size();
+    if (characters.size() >= kNone - start) throw std::length_error("HTML text over 4 GiB");
+    arena_.append(characters);
+    span.offset = static_cast<uint32_t>(start);
+  } else {
+    span.offset = static_cast<uint32_t>(characters.data() - source_.data());
+  }
+  const NodeId id = add(kind, TagId::unknown, spans_.size());
+  spans_.push(span);
+  if (inArena) at(id).setFlags(kInArena);
   return id;
 }
 
 void Document::appendCharacters(NodeId id, std::string_view more) {
   if (more.empty()) return;
   Record& r = at(id);
-  const bool inArena = r.flags & kInArena;
-  if (!inArena && inSource(more) && more.data() == source_.data() + r.a + r.down) {
-    r.down += static_cast<uint32_t>(more.size());
+  Span& span = spanOf(r);
+  const bool inArena = r.flags() & kInArena;
+  if (!inArena && inSource(more) && more.data() == source_.data() + span.offset + span.length) {
+    span.length += static_cast<uint32_t>(more.size());
     return;
   }
-  const size_t length = size_t{r.down} + more.size();
+  const size_t length = size_t{span.length} + more.size();
   if (length >= kNone) throw std::length_error("HTML text over 4 GiB");
-  const size_t capacity = r.flags & kHasRoom ? std::bit_ceil(size_t{r.down}) : r.down;
+  const size_t capacity = r.flags() & kHasRoom ? std::bit_ceil(size_t{span.length}) : span.length;
   if (inArena && length <= capacity) {
-    std::memcpy(arena_.data() + r.a + r.down, more.data(), more.size());
-    r.down = static_cast<uint32_t>(length);
+    std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
+    span.length = static_cast<uint32_t>(length);
     return;
   }
   const size_t room = std::bit_ceil(length);
-  if (inArena && r.a + capacity == arena_.size()) {
+  if (inArena && span.offset + capacity == arena_.size()) {
     // The last span of the arena grows where it is.
-    if (room >= kNone - r.a) throw std::length_error("HTML text over 4 GiB");
-    arena_.resize(r.a + room);
+    if (room >= kNone - span.offset) throw std::length_error("HTML text over 4 GiB");
+    arena_.resize(span.offset + room);
   } else {
     const size_t start = arena_.size();
     if (room >= kNone - start) throw std::length_error("HTML text over 4 GiB");
     arena_.resize(start + room);
     // Read the old text only now: growing the arena may have moved it.
-    const char* old = (inArena ? arena_.data() : source_.data()) + r.a;
-    std::memcpy(arena_.data() + start, old, r.down);
-    r.a = static_cast<uint32_t>(start);
+    const char* old = (inArena ? arena_.data() : source_.data()) + span.offset;
+    std::memcpy(arena_.data() + start, old, span.length);
+    span.offset = static_cast<uint32_t>(start);
   }
-  std::memcpy(arena_.data() + r.a + r.down, more.data(), more.size());
-  r.down = static_cast<uint32_t>(length);
-  r.flags |= kInArena | kHasRoom;
+  std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
+  span.length = static_cast<uint32_t>(length);
+  r.setFlags(r.flags() | kInArena | kHasRoom);
 }
 
 // ---- links -------------------------------------------------------------------------------
@@ -183,43 +217,45 @@ void Document::appendCharacters(NodeId id, std::string_view more) {
 void Document::insertChild(NodeId parent, NodeId child, NodeId before) {
   Record& p = at(parent);
   Record& c = at(child);
-  c.parent = parent;
-  c.next = before;
-  if (p.down == kNoNode) {
-    p.down = child;
-    c.previous = child;
+  c.setParent(parent);
+  c.setNext(before);
+  if (p.down() == kNoNode) {
+    p.setDown(child);
+    c.setPrevious(child);
     return;
   }
-  Record& first = at(p.down);
+  Record& first = at(p.down());
   if (before == kNoNode) {
-    c.previous = first.previous;
-    at(first.previous).next = child;
-    first.previous = child;
+    c.setPrevious(first.previous());
+    at(first.previous()).setNext(child);
+    first.setPrevious(child);
     return;
   }
   Record& b = at(before);
-  c.previous = b.previous;
-  if (p.down == before)
-    p.down = child;
+  c.setPrevious(b.previous());
+  if (p.down() == before)
+    p.setDown(child);
   else
-    at(b.previous).next = child;
-  b.previous = child;
+    at(b.previous()).setNext(child);
+  b.setPrevious(child);
 }
 
 void Document::detach(NodeId child) {
   Record& c = at(child);
-  if (c.parent == kNoNode) return;
-  Record& p = at(c.parent);
-  Record& first = at(p.down);
-  if (p.down == child) {
-    p.down = c.next;
-    if (c.next != kNoNode) at(c.next).previous = c.previous;
+  if (c.parent() == kNoNode) return;
+  Record& p = at(c.parent());
+  Record& first = at(p.down());
+  if (p.down() == child) {
+    p.setDown(c.next());
+    if (c.next() != kNoNode) at(c.next()).setPrevious(c.previous());
   } else {
-    at(c.previous).next = c.next;
+    at(c.previous()).setNext(c.next());
     // The last child is the first child's previous: a new last child is written there.
-    (c.next != kNoNode ? at(c.next) : first).previous = c.previous;
+    (c.next() != kNoNode ? at(c.next()) : first).setPrevious(c.previous());
   }
-  c.parent = c.next = c.previous = kNoNode;
+  c.setParent(kNoNode);
+  c.setNext(kNoNode);
+  c.setPrevious(kNoNode);
 }
 
 // ---- reading -----------------------------------------------------------------------------
@@ -236,15 +272,15 @@ std::span<const Attribute> Node::attributes() const { return document_->attribut
 std::string_view Node::content() const { return document_->contentOf(id_); }
 
 std::string_view Node::doctypeName() const {
-  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].name
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).down()].name
                                      : std::string_view();
 }
 std::string_view Node::publicId() const {
-  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].publicId
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).down()].publicId
                                      : std::string_view();
 }
 std::string_view Node::systemId() const {
-  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).a].systemId
+  return kind() == NodeKind::doctype ? document_->doctypes_[document_->at(id_).down()].systemId
                                      : std::string_view();
 }
 
@@ -256,16 +292,16 @@ void Document::walk(NodeId root, Visit visit) const {
   while (true) {
     const Record* r = &at(id);
     visit(id, *r);
-    if (r->kind == static_cast<uint8_t>(NodeKind::element) && r->down != kNoNode) {
-      id = r->down;
+    if (r->kind() == NodeKind::element && r->down() != kNoNode) {
+      id = r->down();
       continue;
     }
-    while (id != root && r->next == kNoNode) {
-      id = r->parent;
+    while (id != root && r->next() == kNoNode) {
+      id = r->parent();
       r = &at(id);
     }
     if (id == root) return;
-    id = r->next;
+    id = r->next();
   }
 }
 
@@ -316,16 +352,24 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
-Elements Node::select(std::string_view query) const {
+void Node::forEachSelected(std::string_view query, const std::function<bool(Node)>& visit) const {
   if (!isBareTagName(query)) throw std::invalid_argument("unsupported query");
   const Document& document = *document_;
-  Elements result(document_);
   // Known names are compared by id; only elements of unknown tags keep a name to compare.
   const TagId wanted = tagIdOf(query);
+  bool going = true;
   document.walk(id_, [&](NodeId node, const Document::Record& r) {
-    if (r.kind != static_cast<uint8_t>(NodeKind::element) || r.tag != wanted) return;
+    if (!going || r.kind() != NodeKind::element || r.tag() != wanted) return;
     if (wanted == TagId::unknown && document.nameOf(node) != query) return;
-    result.add(node);
+    going = visit(Node(document_, node));
+  });
+}
+
+Elements Node::select(std::string_view query) const {
+  Elements result(document_);
+  forEachSelected(query, [&](Node node) {
+    result.add(node.id());
+    return true;
   });
   return result;
 }
@@ -335,13 +379,13 @@ std::string Node::text(bool trimAndNormaliseWhitespace) const {
   std::string out;
   // Whitespace is kept inside an element that preserves it and one level below.
   const auto preserved = [&](const Document::Record& r) {
-    if (r.parent == kNoNode) return false;
-    const Document::Record& parent = document.at(r.parent);
-    return preservesWhitespace(parent.tag) ||
-           (parent.parent != kNoNode && preservesWhitespace(document.at(parent.parent).tag));
+    if (r.parent() == kNoNode) return false;
+    const Document::Record& parent = document.at(r.parent());
+    return preservesWhitespace(parent.tag()) ||
+           (parent.parent() != kNoNode && preservesWhitespace(document.at(parent.parent()).tag()));
   };
   document.walk(id_, [&](NodeId, const Document::Record& r) {
-    switch (static_cast<NodeKind>(r.kind)) {
+    switch (r.kind()) {
       case NodeKind::text: {
         const std::string_view text = document.contentOf(r);
         if (!trimAndNormaliseWhitespace || preserved(r))
@@ -351,7 +395,7 @@ std::string Node::text(bool trimAndNormaliseWhitespace) const {
         break;
       }
       case NodeKind::element: {
-        if (trimAndNormaliseWhitespace && !out.empty() && (isBlockTag(r.tag) || r.tag == TagId::br) &&
+        if (trimAndNormaliseWhitespace && !out.empty() && (isBlockTag(r.tag()) || r.tag() == TagId::br) &&
             !endsInSpace(out))
           out += ' ';
         break;

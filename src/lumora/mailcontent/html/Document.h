@@ -2,7 +2,7 @@
 // elements of a tag name, and the text of an element.
 //
 // A 10 MB message makes a tree of half a million nodes, so a node is a small record rather
-// than an object: 24 bytes in a store owned by the Document, named by its 32-bit index. The
+// than an object: 16 bytes in a store owned by the Document, named by its 32-bit index. The
 // records link to parent, first child and siblings (the last child is the first child's
 // previous sibling), so moving a node is constant time, teardown frees a few large blocks, and
 // the walks below never recurse. Text is not copied where it stands in the source as it is:
@@ -14,7 +14,9 @@
 // threads is safe.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -71,6 +73,9 @@ class Node {
   // This element and every element below it whose tag name is `query`, in document order.
   // The query is a bare tag name; anything else fails with std::invalid_argument.
   Elements select(std::string_view query) const;
+  // The same elements handed to `visit` one by one, without a list of them, until it returns
+  // false: a reader that may stop early never holds the ids of a million quotations.
+  void forEachSelected(std::string_view query, const std::function<bool(Node)>& visit) const;
 
   // The text of this element and everything below it; with the flag on, whitespace collapsed
   // as prose would show it and the ends trimmed.
@@ -102,8 +107,9 @@ class Document {
   // elements, which compares attributes, may count more elements alike.
   enum class Attributes { all, classAndId };
 
-  // Parses any text into a document; nothing is an error but a source or a tree too large for
-  // 32-bit offsets and indices (4 GiB), which throws std::length_error. The document keeps
+  // Parses any text into a document; nothing is an error but a source or a text too large for
+  // 32-bit offsets (4 GiB), or a tree of more than kMaxNodes nodes, which throw
+  // std::length_error. The document keeps
   // `html`, moved in: the text that stands in it verbatim is read from there.
   static std::unique_ptr<Document> parse(std::string html, Attributes kept = Attributes::all);
   // The same without taking the source: `html` must stay alive, unchanged, as long as the
@@ -117,6 +123,10 @@ class Document {
   Document& operator=(const Document&) = delete;
   ~Document();
 
+  // The most nodes a tree holds: a node's links are 28 bits wide. Some 268 million nodes take
+  // at least 800 MB of markup.
+  static constexpr NodeId kMaxNodes = (NodeId{1} << 28) - 2;
+
   // The root: an element named "#root", parent of the html element, the doctype and the
   // comments around them.
   Node root() const { return {this, kRoot}; }
@@ -127,22 +137,22 @@ class Document {
 
   // ---- reading by index: what Node asks, and the tree builder ----------------------------
 
-  NodeKind kindOf(NodeId id) const { return static_cast<NodeKind>(at(id).kind); }
-  NodeId parentOf(NodeId id) const { return at(id).parent; }
+  NodeKind kindOf(NodeId id) const { return at(id).kind(); }
+  NodeId parentOf(NodeId id) const { return at(id).parent(); }
   NodeId firstChildOf(NodeId id) const {
     const Record& r = at(id);
-    return r.kind == static_cast<uint8_t>(NodeKind::element) ? r.down : kNoNode;
+    return r.kind() == NodeKind::element ? r.down() : kNoNode;
   }
   NodeId lastChildOf(NodeId id) const {
     const NodeId first = firstChildOf(id);
-    return first == kNoNode ? kNoNode : at(first).previous;
+    return first == kNoNode ? kNoNode : at(first).previous();
   }
-  NodeId nextSiblingOf(NodeId id) const { return at(id).next; }
+  NodeId nextSiblingOf(NodeId id) const { return at(id).next(); }
   NodeId previousSiblingOf(NodeId id) const {
     const Record& r = at(id);
-    return r.parent == kNoNode || at(r.parent).down == id ? kNoNode : r.previous;
+    return r.parent() == kNoNode || at(r.parent()).down() == id ? kNoNode : r.previous();
   }
-  TagId tagOf(NodeId id) const { return at(id).tag; }
+  TagId tagOf(NodeId id) const { return at(id).tag(); }
   std::string_view nameOf(NodeId id) const;
   std::span<const Attribute> attributesOf(NodeId id) const;
   std::string_view contentOf(NodeId id) const;
@@ -171,45 +181,113 @@ class Document {
   void detach(NodeId child);
 
   // Whether the parser holds the element open while it builds the tree; no meaning after.
-  bool parserOpen(NodeId id) const { return at(id).flags & kParserOpen; }
+  bool parserOpen(NodeId id) const { return at(id).flags() & kParserOpen; }
   void setParserOpen(NodeId id, bool open) {
     Record& r = at(id);
-    r.flags = static_cast<uint8_t>(open ? r.flags | kParserOpen : r.flags & ~kParserOpen);
+    r.setFlags(static_cast<uint8_t>(open ? r.flags() | kParserOpen : r.flags() & ~kParserOpen));
   }
 
  private:
   friend class Node;
 
-  // One node, 24 bytes. Elements: `down` is the first child, `a` the index of their name and
-  // attributes in extras_, or kNone when they have neither (a known tag without attributes).
-  // Text, data and comments, which have no children: the span of `down` bytes at `a` in the
-  // source, or in the arena with kInArena. Doctypes: `a` indexes doctypes_.
-  struct Record {
-    NodeId parent;
-    uint32_t down;
-    NodeId next;
-    NodeId previous;  // for a first child: the last child of its parent
-    uint8_t kind;
-    TagId tag;
-    uint8_t flags;
-    uint32_t a;
+  // One node, 16 bytes: four links of 28 bits (parent; down; next sibling; previous sibling,
+  // which for a first child is the last child of its parent), and in the 4 bits above each
+  // link a quarter of the node's kind (3 bits), flags (3 bits) and tag (8 bits). An element's
+  // `down` is its first child, and its name and attributes, when it has any, are found through
+  // `extraOf_`. A text, data or comment node's `down` indexes its span in `spans_` (the bytes
+  // at an offset of the source, or of the arena with kInArena); a doctype's indexes doctypes_.
+  // 16 bytes rather than the 24 of a plain struct: an element never closed is 5 bytes of
+  // markup, and its node must stay within the few bytes per byte that a reading may take.
+  class Record {
+   public:
+    void init(NodeKind kind, TagId tag, uint32_t down) {
+      words_[0] = words_[1] = words_[2] = words_[3] = kLinkMask;
+      setDown(down);
+      setMeta(
+          static_cast<uint16_t>(static_cast<unsigned>(kind) | (static_cast<unsigned>(tag) << 6)));
+    }
+    NodeId parent() const { return link(0); }
+    NodeId down() const { return link(1); }
+    NodeId next() const { return link(2); }
+    NodeId previous() const { return link(3); }
+    void setParent(NodeId id) { setLink(0, id); }
+    void setDown(NodeId id) { setLink(1, id); }
+    void setNext(NodeId id) { setLink(2, id); }
+    void setPrevious(NodeId id) { setLink(3, id); }
+    NodeKind kind() const { return static_cast<NodeKind>(meta() & 7); }
+    uint8_t flags() const { return static_cast<uint8_t>((meta() >> 3) & 7); }
+    TagId tag() const { return static_cast<TagId>(meta() >> 6); }
+    void setFlags(uint8_t flags) {
+      setMeta(static_cast<uint16_t>((meta() & ~(7u << 3)) | ((flags & 7u) << 3)));
+    }
+
+   private:
+    static constexpr uint32_t kLinkMask = (uint32_t{1} << 28) - 1;  // also: no node
+    NodeId link(int i) const {
+      const uint32_t v = words_[i] & kLinkMask;
+      return v == kLinkMask ? kNoNode : v;
+    }
+    void setLink(int i, NodeId id) {
+      words_[i] = (words_[i] & ~kLinkMask) | (id == kNoNode ? kLinkMask : id);
+    }
+    uint16_t meta() const {
+      return static_cast<uint16_t>((words_[0] >> 28) | (words_[1] >> 28) << 4 |
+                                   (words_[2] >> 28) << 8 | (words_[3] >> 28) << 12);
+    }
+    void setMeta(uint16_t meta) {
+      for (int i = 0; i < 4; ++i)
+        words_[i] = (words_[i] & kLinkMask) | (uint32_t{(meta >> (4 * i)) & 15u} << 28);
+    }
+    uint32_t words_[4];
   };
-  static_assert(sizeof(Record) == 24);
+  static_assert(sizeof(Record) == 16);
   static constexpr uint8_t kParserOpen = 1;
-  static constexpr uint8_t kInArena = 2;
+  static constexpr uint8_t kInArena = 2;   // text: its span is in the arena
+  static constexpr uint8_t kHasExtra = 2;  // element: it has a name or attributes of its own
   // The arena span has room behind it up to the next power of two of its length.
   static constexpr uint8_t kHasRoom = 4;
   static constexpr uint32_t kNone = UINT32_MAX;
   static constexpr NodeId kRoot = 0;
-  // Records come in blocks of 8,192 (192 KiB) that never move: growing the store copies
-  // nothing, and its peak is the tree itself, not the tree and the copy of it a doubling
-  // array would make. A block is larger than the 128 KiB from which glibc's allocator maps a
-  // request from the system and unmaps it when freed (its default, which only a larger block
-  // freed earlier raises): a freed tree goes back to the system, where a block from the
-  // allocator's heap would stay with the thread that parsed, and the reply's request is built
-  // on another.
-  static constexpr unsigned kBlockBits = 13;
-  static constexpr NodeId kBlockMask = (NodeId{1} << kBlockBits) - 1;
+
+  // Items in blocks of 256 KiB that never move: growing the store copies nothing, and its
+  // peak is the items themselves, not the items and the copy of them a doubling array would
+  // make. A block is above the 128 KiB from which glibc's allocator maps a request from the
+  // system and unmaps it when freed (its default, which only a larger block freed earlier
+  // raises): a freed tree goes back to the system, where a block from the allocator's heap
+  // would stay with the thread that parsed, and the reply's request is built on another. Each
+  // mapping takes one page more than its block, for the allocator's header: 1/64 at this size.
+  // The pages of a block are only taken as they are written.
+  template <typename T>
+  class Blocks {
+   public:
+    uint32_t size() const { return size_; }
+    T& operator[](uint32_t i) { return blocks_[i >> kBits][i & kMask]; }
+    const T& operator[](uint32_t i) const { return blocks_[i >> kBits][i & kMask]; }
+    uint32_t push(const T& item) {
+      if ((size_ & kMask) == 0) blocks_.push_back(std::make_unique_for_overwrite<T[]>(kMask + 1));
+      (*this)[size_] = item;
+      return size_++;
+    }
+
+   private:
+    static constexpr size_t kBlockBytes = size_t{256} << 10;
+    static constexpr unsigned kBits = std::countr_zero(kBlockBytes / sizeof(T));
+    static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
+    static_assert(sizeof(T) << kBits == kBlockBytes);
+    std::vector<std::unique_ptr<T[]>> blocks_;
+    uint32_t size_ = 0;
+  };
+
+  // The characters of a text, data or comment node.
+  struct Span {
+    uint32_t offset;
+    uint32_t length;
+  };
+  // An element that has an entry of extras_, by the element's id.
+  struct ExtraOf {
+    NodeId element;
+    uint32_t extra;
+  };
 
   struct Extra {
     std::string name;  // for the `unknown` tag only
@@ -228,17 +306,26 @@ class Document {
   template <typename Visit>
   void walk(NodeId root, Visit visit) const;
 
-  Record& at(NodeId id) { return blocks_[id >> kBlockBits][id & kBlockMask]; }
-  const Record& at(NodeId id) const { return blocks_[id >> kBlockBits][id & kBlockMask]; }
-  NodeId add(NodeKind kind, TagId tag, uint32_t a, uint32_t down);
+  Record& at(NodeId id) { return records_[id]; }
+  const Record& at(NodeId id) const { return records_[id]; }
+  NodeId add(NodeKind kind, TagId tag, uint32_t down);
+  NodeId addElement(TagId tag, uint32_t extra);
+  // The entry of extras_ of an element; kNone when it has none.
+  uint32_t extraOf(NodeId element) const;
+  Span& spanOf(const Record& r) { return spans_[r.down()]; }
+  const Span& spanOf(const Record& r) const { return spans_[r.down()]; }
   bool inSource(std::string_view characters) const;
   std::string_view contentOf(const Record& r) const;
 
   std::string ownedSource_;
   std::string_view source_;
   std::string arena_;
-  std::vector<std::unique_ptr<Record[]>> blocks_;
-  NodeId count_ = 0;
+  Blocks<Record> records_;
+  Blocks<Span> spans_;
+  // In the order of the elements' ids, which is the order they were made in; the html and body
+  // elements, which may be given attributes after later elements were made, in lateExtras_.
+  Blocks<ExtraOf> extraOf_;
+  std::vector<ExtraOf> lateExtras_;
   std::vector<Extra> extras_;
   Attributes kept_ = Attributes::all;
   std::vector<Doctype> doctypes_;

@@ -146,6 +146,11 @@ std::optional<Multipart> multipartOf(const MimeHeader& header) {
   return Multipart{std::move(type.boundary), type.subtype == MultipartSubtype::alternative};
 }
 
+std::optional<Multipart> multipartOf(const MimeStructure& header) {
+  if (!header.multipart) return std::nullopt;
+  return Multipart{header.boundary, header.alternative};
+}
+
 MimeContent contentOf(bool alternative, std::vector<Mime> parts) {
   return alternative ? MimeContent::makeAlternative(std::move(parts))
                      : MimeContent::makeMixed(std::move(parts));
@@ -157,6 +162,62 @@ Mime leaf(MimeHeader header, std::string_view message, size_t offset, size_t siz
   return Mime(std::move(header), MimeContent::makeBody(MimeBody(
                                      std::string(message.substr(offset, size)), encoding, offset)));
 }
+
+// What the parse makes of what it finds. The parse itself (below) finds the parts, their
+// headers and their failures; a sink keeps what its reader wants of them, in `Data` beside each
+// open multipart.
+
+// The whole tree, every header and a copy of every body.
+struct TreeSink {
+  using Header = MimeHeader;
+  struct Data {
+    MimeHeader header;
+    std::vector<Mime> parts;
+    std::unique_ptr<MimeHeader> partHeader;  // held apart: most frames never have one
+  };
+  std::string_view text;
+
+  void open(Data& frame, MimeHeader header) { frame.header = std::move(header); }
+  void leafHeader(Data& frame, MimeHeader header) {
+    frame.partHeader = std::make_unique<MimeHeader>(std::move(header));
+  }
+  // A leaf of the frame at `depth` ends; its header is the one kept, or `header`.
+  void leaf(Data& frame, uint32_t, MimeHeader* header, size_t offset, size_t size) {
+    frame.parts.push_back(
+        ::lumora::leaf(std::move(header ? *header : *frame.partHeader), text, offset, size));
+  }
+  // A multipart ends: it becomes a part of the one around it.
+  void close(Data& inner, bool alternative, Data& outer) {
+    outer.parts.push_back(
+        Mime(std::move(inner.header), contentOf(alternative, std::move(inner.parts))));
+  }
+};
+
+// The first quoted-printable leaf among the message's own parts, and nothing else: what the
+// quoted reading needs. No part is kept, so its memory follows how deep the multiparts are open
+// at once, not how many parts there are.
+struct TopLeafSink {
+  using Header = MimeStructure;
+  struct Data {
+    bool quotedPrintable = false;  // the leaf being read
+  };
+  std::optional<MimeParser::Leaf> found;
+
+  void open(Data&, const MimeStructure&) {}
+  void leafHeader(Data& frame, const MimeStructure& header) {
+    frame.quotedPrintable = isQuotedPrintable(header);
+  }
+  void leaf(Data& frame, uint32_t depth, const MimeStructure* header, size_t offset,
+            size_t size) {
+    const bool quotedPrintable = header ? isQuotedPrintable(*header) : frame.quotedPrintable;
+    if (depth == 0 && quotedPrintable && !found) found = MimeParser::Leaf{offset, size};
+  }
+  void close(Data&, bool, Data&) {}
+
+  static bool isQuotedPrintable(const MimeStructure& header) {
+    return header.encoding == ContentTransferEncoding::Kind::quotedPrintable;
+  }
+};
 
 // The boundaries of the open multiparts, as a trie in one array: each node has its children in
 // a list, and counts the open multiparts whose boundary ends there. Multiparts open and close
@@ -216,16 +277,15 @@ class BoundaryTrie {
 };
 
 // One open multipart.
+template <typename Data>
 struct Frame {
-  MimeHeader header;
   bool alternative = false;
   size_t boundaryLength = 0;
   uint32_t trieNode = 0;
   size_t resume = 0;  // where its next delimiter may begin: behind its last one
-  std::vector<Mime> parts;
 
   // The part behind the last delimiter.
-  enum class Part {
+  enum class Part : uint8_t {
     none,            // no delimiter yet: the text is dropped
     awaitingHeader,  // its empty line not found yet
     leaf,            // header read; a body
@@ -235,16 +295,21 @@ struct Frame {
   Part part = Part::none;
   size_t partStart = 0;
   HeaderEndSearch search;
-  std::unique_ptr<MimeHeader> partHeader;  // held apart: most frames never have one
   size_t bodyBegin = 0;
   std::exception_ptr failure;
+  Data data;
 };
 
+template <typename Sink>
 class StreamingParse {
  public:
-  explicit StreamingParse(std::string_view text) : text_(text) {}
+  using Header = typename Sink::Header;
+  using Frame = lumora::Frame<typename Sink::Data>;
 
-  Mime run(MimeHeader header, const Multipart& multipart) {
+  StreamingParse(std::string_view text, Sink& sink) : text_(text), sink_(sink) {}
+
+  // Runs over the message, whose own header opens `multipart`; returns the message's frame.
+  Frame run(Header header, const Multipart& multipart) {
     open(std::move(header), multipart, 0);
     size_t cursor = 0;
     for (size_t lf = nextLineFeed(text_, cursor); lf != std::string_view::npos;
@@ -254,8 +319,7 @@ class StreamingParse {
     // The end of the text is no delimiter: what follows the last one of each multipart is
     // dropped, and with it every multipart still open inside the message's last part.
     while (frames_.size() > 1) discard();
-    Frame& root = frames_.front();
-    return Mime(std::move(root.header), contentOf(root.alternative, std::move(root.parts)));
+    return std::move(frames_.front());
   }
 
  private:
@@ -323,22 +387,21 @@ class StreamingParse {
         fail(depth, frame.failure);
         return {std::nullopt, true};
       case Frame::Part::leaf:
-        frame.parts.push_back(leaf(std::move(*frame.partHeader), text_, frame.bodyBegin,
-                                   partEnd - frame.bodyBegin));
+        sink_.leaf(frame.data, depth, nullptr, frame.bodyBegin, partEnd - frame.bodyBegin);
         return {};
       case Frame::Part::awaitingHeader:
         try {
           // No empty line before the part's end: all header, or no header and body at all.
           const auto parts = frame.search.endingAt(partEnd);
           if (!parts) throw MimeParserError();
-          MimeHeader header = MimeHeader::parse(slice(parts->header));
+          Header header = Header::parse(slice(parts->header));
           if (auto multipart = multipartOf(header)) {
             const size_t start = frame.partStart;
             frame.part = Frame::Part::nested;
             open(std::move(header), *multipart, start);
             return {start, false};
           }
-          frame.parts.push_back(leaf(std::move(header), text_, partEnd, 0));
+          sink_.leaf(frame.data, depth, &header, partEnd, 0);
           return {};
         } catch (const Error&) {
           fail(depth, std::current_exception());
@@ -364,9 +427,9 @@ class StreamingParse {
   size_t headerFound(size_t lf) {
     Frame& frame = frames_.back();
     frame.bodyBegin = lf + 1;
-    MimeHeader header;
+    Header header;
     try {
-      header = MimeHeader::parse(slice({frame.partStart, frame.search.headerEnd()}));
+      header = Header::parse(slice({frame.partStart, frame.search.headerEnd()}));
     } catch (const Error&) {
       frame.part = Frame::Part::failed;
       frame.failure = std::current_exception();
@@ -379,14 +442,14 @@ class StreamingParse {
       return start;  // its own delimiters may stand in its header
     }
     frame.part = Frame::Part::leaf;
-    frame.partHeader = std::make_unique<MimeHeader>(std::move(header));
+    sink_.leafHeader(frame.data, std::move(header));
     return lf + 1;
   }
 
-  void open(MimeHeader header, const Multipart& multipart, size_t start) {
+  void open(Header header, const Multipart& multipart, size_t start) {
     const auto depth = static_cast<uint32_t>(frames_.size());
     Frame& frame = frames_.emplace_back();
-    frame.header = std::move(header);
+    sink_.open(frame.data, std::move(header));
     frame.alternative = multipart.alternative;
     frame.boundaryLength = multipart.boundary.size();
     frame.trieNode = trie_.add(multipart.boundary, depth);
@@ -396,9 +459,8 @@ class StreamingParse {
   // The innermost multipart is complete: it becomes a part of the one around it.
   void close() {
     Frame& inner = frames_.back();
-    Mime complete(std::move(inner.header), contentOf(inner.alternative, std::move(inner.parts)));
+    sink_.close(inner.data, inner.alternative, frames_[frames_.size() - 2].data);
     discard();
-    frames_.back().parts.push_back(std::move(complete));
   }
 
   void discard() {
@@ -411,6 +473,7 @@ class StreamingParse {
   }
 
   std::string_view text_;
+  Sink& sink_;
   std::deque<Frame> frames_;  // grows without moving the frames it holds
   BoundaryTrie trie_;
 };
@@ -428,9 +491,33 @@ MimeParser::Top MimeParser::top(std::string_view message) {
 
 Mime MimeParser::parse(std::string_view message) {
   Top top = MimeParser::top(message);
-  if (auto multipart = multipartOf(top.header))
-    return StreamingParse(message).run(std::move(top.header), *multipart);
+  if (auto multipart = multipartOf(top.header)) {
+    TreeSink sink{message};
+    auto root = StreamingParse<TreeSink>(message, sink).run(std::move(top.header), *multipart);
+    return Mime(std::move(root.data.header),
+                contentOf(root.alternative, std::move(root.data.parts)));
+  }
   return leaf(std::move(top.header), message, top.bodyOffset, std::string_view::npos);
+}
+
+MimeParser::TopLeaf MimeParser::firstQuotedPrintableLeaf(std::string_view message) {
+  const auto parts = MimePartsSplitter::split(message);
+  if (!parts) throw MimeParserError();
+  MimeStructure header = MimeStructure::parse(
+      message.substr(parts->header.begin, parts->header.end - parts->header.begin));
+  TopLeaf result;
+  if (!header.multipart) {
+    result.kind = MimeContent::Kind::body;
+    if (TopLeafSink::isQuotedPrintable(header))
+      result.leaf = Leaf{parts->body.begin, message.size() - parts->body.begin};
+    return result;
+  }
+  result.kind = header.alternative ? MimeContent::Kind::alternative : MimeContent::Kind::mixed;
+  const Multipart multipart{header.boundary, header.alternative};
+  TopLeafSink sink;
+  StreamingParse<TopLeafSink>(message, sink).run(std::move(header), multipart);
+  result.leaf = sink.found;
+  return result;
 }
 
 }  // namespace lumora

@@ -111,6 +111,20 @@ class MimeParser {
     bool multipart = false;  // then only parse reads the body
   };
   static Top top(std::string_view message);
+
+  // The first quoted-printable leaf of the message's own parts (or the message itself, when it
+  // is no multipart), found by the same parse as parse() with the same failures, without the
+  // tree: no part, header or body is kept, so the memory taken follows how deep the multiparts
+  // nest, not how many parts the message has. The leaf is where its body stands in `message`.
+  struct Leaf {
+    size_t offset = 0;
+    size_t size = 0;
+  };
+  struct TopLeaf {
+    MimeContent::Kind kind = MimeContent::Kind::body;  // of the message
+    std::optional<Leaf> leaf;
+  };
+  static TopLeaf firstQuotedPrintableLeaf(std::string_view message);
 };
 
 }  // namespace lumora

@@ -136,69 +136,69 @@ struct Token {
 };
 using LexedToken = std::variant<QuotedString, Token, Special>;
 
-// Never fails: lexing stops at a character that fits nothing (a tab, another control) and the
-// tokens before it stand.
-std::vector<LexedToken> tokenize(std::string_view body) {
-  std::vector<LexedToken> tokens;
-  StringScanner scanner(body);
-  while (true) {
-    scanner.skipBlanks();
-    if (auto quoted = scanner.scanQuoted()) {
-      tokens.emplace_back(QuotedString{*quoted});
-    } else if (auto token = scanner.scanUpTo(endsToken)) {
-      tokens.emplace_back(Token{*token});
-    } else if (auto special = scanner.scanSpecial()) {
-      tokens.emplace_back(*special);
-    } else {
-      break;
-    }
-  }
-  return tokens;
-}
-
+// Tokens one at a time, each lexed when it is first looked at, so that a field of a million
+// parameters never holds a million tokens. Lexing never fails: it stops at a character that
+// fits nothing (a tab, another control), and the tokens before it stand.
 class TokenProcessor {
  public:
-  TokenProcessor(std::vector<LexedToken> tokens, std::string_view field)
-      : tokens_(std::move(tokens)), field_(field) {}
+  TokenProcessor(std::string_view body, std::string_view field) : scanner_(body), field_(field) {
+    lex();
+  }
 
-  bool done() const { return cursor_ >= tokens_.size(); }
+  bool done() const { return !next_; }
 
   std::string expectToken() {
     const auto* t = next<Token>(MimeHeaderError::Code::invalidToken);
-    ++cursor_;
-    return std::string(t->text);
+    std::string text(t->text);
+    lex();
+    return text;
   }
   // The next token if it is of type T; the position stays when it is not.
   template <typename T>
   std::optional<std::string> take() {
     if (done()) return std::nullopt;
-    const T* t = std::get_if<T>(&tokens_[cursor_]);
+    const T* t = std::get_if<T>(&*next_);
     if (!t) return std::nullopt;
-    ++cursor_;
-    return std::string(t->text);
+    std::string text(t->text);
+    lex();
+    return text;
   }
   void expectSpecial(Special wanted) {
     const auto* s = next<Special>(MimeHeaderError::Code::invalidSpecial);
     if (*s != wanted) throw MimeHeaderError(MimeHeaderError::Code::invalidSpecial, field_);
-    ++cursor_;
+    lex();
   }
 
  private:
+  void lex() {
+    scanner_.skipBlanks();
+    if (auto quoted = scanner_.scanQuoted()) {
+      next_ = QuotedString{*quoted};
+    } else if (auto token = scanner_.scanUpTo(endsToken)) {
+      next_ = Token{*token};
+    } else if (auto special = scanner_.scanSpecial()) {
+      next_ = *special;
+    } else {
+      next_.reset();
+    }
+  }
+
   template <typename T>
   const T* next(MimeHeaderError::Code mismatch) const {
     if (done()) throw MimeHeaderError(MimeHeaderError::Code::noMoreTokens, field_);
-    const T* t = std::get_if<T>(&tokens_[cursor_]);
+    const T* t = std::get_if<T>(&*next_);
     if (!t) throw MimeHeaderError(mismatch, field_);
     return t;
   }
 
-  std::vector<LexedToken> tokens_;
-  size_t cursor_ = 0;
+  StringScanner scanner_;
+  std::optional<LexedToken> next_;
   std::string_view field_;
 };
 
-HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
-  HeaderParameters parameters;
+// Reads the parameters, handing each name and value to `keep`, which may take them.
+template <typename Keep>
+void readParameters(TokenProcessor& p, std::string_view field, Keep keep) {
   while (!p.done()) {
     p.expectSpecial(Special::semicolon);
     if (p.done()) break;  // a trailing semicolon is accepted
@@ -207,14 +207,20 @@ HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
     std::optional<std::string> value = p.take<QuotedString>();
     if (!value) value = p.take<Token>();
     if (!value) throw MimeHeaderError(MimeHeaderError::Code::invalidParameterValue, field);
-    parameters[std::move(name)] = std::move(*value);
+    keep(name, *value);
   }
+}
+
+HeaderParameters parseParameters(TokenProcessor& p, std::string_view field) {
+  HeaderParameters parameters;
+  readParameters(p, field, [&](std::string& name, std::string& value) {
+    parameters[std::move(name)] = std::move(value);
+  });
   return parameters;
 }
 
-
 ContentTransferEncoding parseTransferEncoding(std::string_view body, std::string_view field) {
-  TokenProcessor p(tokenize(body), field);
+  TokenProcessor p(body, field);
   const std::string token = p.expectToken();  // whatever follows is ignored
   const std::string lower = text::asciiLowercased(token);
   using K = ContentTransferEncoding::Kind;
@@ -227,7 +233,7 @@ ContentTransferEncoding parseTransferEncoding(std::string_view body, std::string
 }
 
 ContentType parseContentType(std::string_view body, std::string_view field) {
-  TokenProcessor p(tokenize(body), field);
+  TokenProcessor p(body, field);
   ContentType result;
   result.type = p.expectToken();
   p.expectSpecial(Special::slash);
@@ -237,7 +243,7 @@ ContentType parseContentType(std::string_view body, std::string_view field) {
 }
 
 ContentDisposition parseContentDisposition(std::string_view body, std::string_view field) {
-  TokenProcessor p(tokenize(body), field);
+  TokenProcessor p(body, field);
   ContentDisposition result;
   result.type = p.expectToken();
   result.parameters = parseParameters(p, field);
@@ -312,13 +318,14 @@ MimeHeaderError::MimeHeaderError(Code code, std::string_view field)
       }()),
       code_(code) {}
 
-std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
-  // Matches of "(.+?):\s*(.+)", in order: a name of at least one character up to the first
-  // colon on its line that is followed (after any white space, line ends included) by at least
-  // one character of a line. Each position is looked at a bounded number of times.
-  const std::string unfolded = unfold(raw);
-  const std::string_view t = unfolded;
-  std::vector<RFC822HeaderField> fields;
+namespace {
+
+// Calls field(name, body) for each field of `unfolded` in order: the matches of
+// "(.+?):\s*(.+)", a name of at least one character up to the first colon on its line that is
+// followed (after any white space, line ends included) by at least one character of a line.
+// Each position is looked at a bounded number of times.
+template <typename Field>
+void forEachField(std::string_view t, Field field) {
   auto at = [&](size_t i, char32_t& cp) { return text::codePointAt(t, i, cp); };
   // Where the line at `i` ends. Bytes at or above 0x80 are decoded only when they might begin
   // NEL, LS or PS; every other byte of a valid or invalid sequence ends no line.
@@ -375,39 +382,126 @@ std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
         bodyEnd = lineEnd(lastOrdinary);
       }
       if (bodyStart != std::string_view::npos) {  // else only line ends to the end of the text
-        fields.push_back({std::string(t.substr(p, c - p)),
-                          std::string(t.substr(bodyStart, bodyEnd - bodyStart))});
+        field(t.substr(p, c - p), t.substr(bodyStart, bodyEnd - bodyStart));
         p = bodyEnd;
         matched = true;
       }
     }
     if (!matched) p = end;
   }
+}
+
+// Which field of several gives one of the three MIME fields: of the fields whose names equal
+// the wanted one in any letter case, the name first in byte order, and of the fields with that
+// very name the last. Fed every field in order; holds views of the unfolded text.
+class FieldChoice {
+ public:
+  explicit FieldChoice(std::string_view wanted) : wanted_(wanted) {}
+  void offer(std::string_view name, std::string_view body) {
+    if (!text::equalsIgnoringCase(name, wanted_)) return;
+    if (!chosen_ || name <= name_) {
+      chosen_ = true;
+      name_ = name;
+      body_ = body;
+    }
+  }
+  bool chosen() const { return chosen_; }
+  std::string_view name() const { return name_; }
+  std::string_view body() const { return body_; }
+
+ private:
+  std::string_view wanted_;
+  bool chosen_ = false;
+  std::string_view name_, body_;
+};
+
+constexpr std::string_view kTransferEncodingName = "Content-Transfer-Encoding";
+constexpr std::string_view kContentTypeName = "Content-Type";
+constexpr std::string_view kDispositionName = "Content-Disposition";
+
+// The three fields of a header as chosen by FieldChoice, over one pass of its fields.
+struct MimeFieldChoices {
+  FieldChoice encoding{kTransferEncodingName};
+  FieldChoice type{kContentTypeName};
+  FieldChoice disposition{kDispositionName};
+  void offer(std::string_view name, std::string_view body) {
+    encoding.offer(name, body);
+    type.offer(name, body);
+    disposition.offer(name, body);
+  }
+};
+
+}  // namespace
+
+std::vector<RFC822HeaderField> headerFields(std::string_view raw) {
+  const std::string unfolded = unfold(raw);
+  std::vector<RFC822HeaderField> fields;
+  forEachField(unfolded, [&](std::string_view name, std::string_view body) {
+    fields.push_back({std::string(name), std::string(body)});
+  });
   return fields;
 }
 
 MimeHeader MimeHeader::parse(std::string_view text) {
   MimeHeader header;
   header.other = headerFields(text);
-  // Of two fields with the very same name, the later one stands.
-  std::map<std::string, RFC822HeaderField> byName;
-  for (const RFC822HeaderField& f : header.other) byName[f.name] = f;
-
-  auto take = [&](std::string_view wanted) -> std::optional<RFC822HeaderField> {
-    for (const auto& [name, field] : byName) {
-      if (!text::equalsIgnoringCase(name, wanted)) continue;
-      auto it = std::find(header.other.begin(), header.other.end(), field);
-      if (it != header.other.end()) header.other.erase(it);
-      return field;
-    }
-    return std::nullopt;
+  MimeFieldChoices choices;
+  for (const RFC822HeaderField& f : header.other) choices.offer(f.name, f.body);
+  // The choices are views of the list's entries: all three are copied before any leaves it.
+  auto copied = [](const FieldChoice& choice) -> std::optional<RFC822HeaderField> {
+    if (!choice.chosen()) return std::nullopt;
+    return RFC822HeaderField{std::string(choice.name()), std::string(choice.body())};
   };
-  if (auto f = take("Content-Transfer-Encoding"))
-    header.contentTransferEncoding = parseTransferEncoding(f->body, "Content-Transfer-Encoding");
-  if (auto f = take("Content-Type")) header.contentType = parseContentType(f->body, "Content-Type");
-  if (auto f = take("Content-Disposition"))
-    header.contentDisposition = parseContentDisposition(f->body, "Content-Disposition");
+  const auto encoding = copied(choices.encoding);
+  const auto type = copied(choices.type);
+  const auto disposition = copied(choices.disposition);
+  // A chosen field leaves the list: its first entry with that name and body.
+  for (const auto* field : {&encoding, &type, &disposition}) {
+    if (!*field) continue;
+    auto it = std::find(header.other.begin(), header.other.end(), **field);
+    if (it != header.other.end()) header.other.erase(it);
+  }
+  if (encoding)
+    header.contentTransferEncoding = parseTransferEncoding(encoding->body, kTransferEncodingName);
+  if (type) header.contentType = parseContentType(type->body, kContentTypeName);
+  if (disposition)
+    header.contentDisposition = parseContentDisposition(disposition->body, kDispositionName);
   return header;
+}
+
+MimeStructure MimeStructure::parse(std::string_view text) {
+  const std::string unfolded = unfold(text);
+  MimeFieldChoices choices;
+  forEachField(unfolded, [&](std::string_view name, std::string_view body) {
+    choices.offer(name, body);
+  });
+  MimeStructure structure;
+  if (choices.encoding.chosen())
+    structure.encoding = parseTransferEncoding(choices.encoding.body(), kTransferEncodingName).kind;
+  if (choices.type.chosen()) {
+    // Read as parseContentType reads it, keeping only the boundary: its last value, under the
+    // parameter name "boundary" as written.
+    TokenProcessor p(choices.type.body(), kContentTypeName);
+    const std::string type = p.expectToken();
+    p.expectSpecial(Special::slash);
+    const std::string subtype = p.expectToken();
+    std::optional<std::string> boundary;
+    readParameters(p, kContentTypeName, [&](const std::string& name, std::string& value) {
+      if (name == "boundary") boundary = std::move(value);
+    });
+    if (boundary && text::asciiLowercased(type) == "multipart") {
+      structure.multipart = true;
+      structure.alternative = text::asciiLowercased(subtype) == "alternative";
+      structure.boundary = std::move(*boundary);
+    }
+  }
+  if (choices.disposition.chosen()) {
+    // Checked, as a malformed one fails the header, and not kept.
+    TokenProcessor p(choices.disposition.body(), kDispositionName);
+    (void)p.expectToken();
+    readParameters(p, kDispositionName, [](const std::string&, const std::string&) {});
+  }
+  return structure;
 }
 
 std::string ContentTransferEncoding::name() const {

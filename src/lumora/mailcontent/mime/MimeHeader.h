@@ -73,6 +73,21 @@ struct MimeHeader {
   static MimeHeader parse(std::string_view text);
 };
 
+// What the structure of a message needs of a header, without the rest: the three MIME fields
+// are chosen and checked as MimeHeader::parse does (the same failures, in the same order), and
+// only the transfer encoding and a multipart's boundary are kept. No other field and no
+// parameter is held, so a header of a million fields or parameters costs one unfolded copy of
+// its text while it is read, and a few bytes after.
+struct MimeStructure {
+  ContentTransferEncoding::Kind encoding = ContentTransferEncoding::Kind::sevenBit;
+  bool multipart = false;    // a multipart type with a boundary, as MimeType says
+  bool alternative = false;  // multipart/alternative
+  std::string boundary;
+
+  // Throws MimeHeaderError as MimeHeader::parse does.
+  static MimeStructure parse(std::string_view text);
+};
+
 // Why a MIME field of a header could not be read.
 class MimeHeaderError : public Error {
  public:

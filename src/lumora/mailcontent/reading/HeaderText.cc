@@ -176,8 +176,12 @@ std::string parameterText(std::string_view value) {
 
 }  // namespace
 
-std::vector<HeaderField> headerFields(std::string_view header) {
-  std::vector<HeaderField> fields;
+namespace {
+
+// Calls field(name, body) for each line that begins a field and extend(end) for each
+// continuation of such a line, `end` being where the field's body now ends.
+template <typename Field, typename Extend>
+void forEachFieldLine(std::string_view header, Field field, Extend extend) {
   bool inField = false;  // the last line read began a field that a continuation may extend
   size_t start = 0;
   while (start < header.size()) {
@@ -186,27 +190,66 @@ std::vector<HeaderField> headerFields(std::string_view header) {
                            : header.size();
     std::string_view line = header.substr(start, end - start);
     if (isBlank(line.front())) {
-      if (inField) {
-        HeaderField& field = fields.back();
-        field.body = std::string_view(field.body.data(),
-                                      static_cast<size_t>(header.data() + end - field.body.data()));
-      }
+      if (inField) extend(header.data() + end);
     } else {
       size_t i = 0;
       while (i < line.size() && isFieldNameCharacter(line[i])) ++i;
       size_t colon = i;
       while (colon < line.size() && isBlank(line[colon])) ++colon;  // "Subject :" happens
       inField = i > 0 && colon < line.size() && line[colon] == ':';
-      if (inField) fields.push_back({line.substr(0, i), header.substr(start + colon + 1, end - start - colon - 1)});
+      if (inField) field(line.substr(0, i), header.substr(start + colon + 1, end - start - colon - 1));
     }
     start = end;
   }
+}
+
+void extendTo(HeaderField& field, const char* end) {
+  field.body = std::string_view(field.body.data(), static_cast<size_t>(end - field.body.data()));
+}
+
+}  // namespace
+
+std::vector<HeaderField> headerFields(std::string_view header) {
+  std::vector<HeaderField> fields;
+  forEachFieldLine(
+      header,
+      [&](std::string_view name, std::string_view body) { fields.push_back({name, body}); },
+      [&](const char* end) { extendTo(fields.back(), end); });
   return fields;
 }
 
 const HeaderField* findField(const std::vector<HeaderField>& fields, std::string_view name) {
   for (const HeaderField& field : fields)
     if (text::equalsIgnoringCase(field.name, name)) return &field;
+  return nullptr;
+}
+
+HeaderLookup::HeaderLookup(std::string_view header, std::initializer_list<std::string_view> names) {
+  for (const std::string_view name : names) {
+    if (count_ == kMostNames) break;
+    names_[count_++] = name;
+  }
+  size_t extending = count_;  // the field that a continuation extends; none
+  forEachFieldLine(
+      header,
+      [&](std::string_view name, std::string_view body) {
+        extending = count_;
+        for (size_t i = 0; i < count_; ++i) {
+          if (fields_[i].name.empty() && text::equalsIgnoringCase(name, names_[i])) {
+            fields_[i] = {name, body};
+            extending = i;
+            break;
+          }
+        }
+      },
+      [&](const char* end) {
+        if (extending < count_) extendTo(fields_[extending], end);
+      });
+}
+
+const HeaderField* HeaderLookup::find(std::string_view name) const {
+  for (size_t i = 0; i < count_; ++i)
+    if (names_[i] == name) return fields_[i].name.empty() ? nullptr : &fields_[i];
   return nullptr;
 }
 
@@ -269,7 +312,11 @@ std::optional<std::string> StructuredValue::parameter(std::string_view name) con
   return std::nullopt;
 }
 
-StructuredValue parseStructuredValue(std::string_view body) {
+StructuredValue parseStructuredValue(std::string_view body,
+                                     std::initializer_list<std::string_view> wanted) {
+  const auto isWanted = [&](std::string_view base) {
+    return wanted.size() == 0 || std::find(wanted.begin(), wanted.end(), base) != wanted.end();
+  };
   const std::string text = unfolded(body);
   StructuredValue result;
   size_t i = 0;
@@ -319,6 +366,7 @@ StructuredValue parseStructuredValue(std::string_view body) {
     }
     if (name.empty()) continue;
     const size_t star = name.find('*');
+    if (!isWanted(std::string_view(name).substr(0, star))) continue;
     if (star == std::string::npos) {
       plain.emplace_back(std::move(name), std::move(value));
       continue;

@@ -118,6 +118,7 @@ class Parse {
   struct Frame {
     uint32_t entity;
     std::string boundary;
+    uint32_t lastChild = kNoEntity;  // the multipart's parts so far end here
   };
 
   void line(size_t start, size_t end) {
@@ -161,19 +162,19 @@ class Parse {
     return true;
   }
 
-  uint32_t begin(uint32_t parent, size_t at, uint32_t depth) {
+  // A new part of `parent`, behind its part `*last` when it has one; `last` is null for a part
+  // that can have only one (the message, an attached message's own).
+  uint32_t begin(uint32_t parent, size_t at, uint32_t depth, uint32_t* last = nullptr) {
     const auto id = static_cast<uint32_t>(entities_.size());
     Entity& e = entities_.emplace_back();
     e.parent = parent;
     e.headerBegin = e.headerEnd = e.bodyBegin = e.bodyEnd = at;
     if (parent != kNoEntity) {
-      Entity& p = entities_[parent];
-      if (p.lastChild == kNoEntity) {
-        p.firstChild = id;
-      } else {
-        entities_[p.lastChild].nextSibling = id;
-      }
-      p.lastChild = id;
+      if (last && *last != kNoEntity)
+        entities_[*last].nextSibling = id;
+      else
+        entities_[parent].firstChild = id;
+      if (last) *last = id;
     }
     depths_.push_back(depth);
     current_ = id;
@@ -186,24 +187,25 @@ class Parse {
     const uint32_t id = current_;
     entities_[id].bodyBegin = entities_[id].bodyEnd = bodyBegin;
     const uint32_t depth = depths_[id];
-    const std::vector<HeaderField> fields = headerFields(header(id));
+    const HeaderLookup fields(header(id), {"Content-Type", "Content-Transfer-Encoding"});
     std::string type;
     StructuredValue contentType;
-    if (const HeaderField* field = findField(fields, "Content-Type")) {
-      contentType = parseStructuredValue(field->body);
+    if (const HeaderField* field = fields.find("Content-Type")) {
+      contentType = parseStructuredValue(field->body, {"boundary"});
       type = contentType.value;
     }
     if (depth < MessageTree::kMaxDepth && type.starts_with("multipart/")) {
       std::string boundary = contentType.parameter("boundary").value_or("");
       if (!boundary.empty()) {
         entities_[id].kind = Entity::Kind::multipart;
-        frames_.push_back({id, std::move(boundary)});
+        frames_.push_back({id, std::move(boundary), kNoEntity});
         phase_ = Phase::between;  // the preamble
         return;
       }
     }
-    if (depth < MessageTree::kMaxDepth && (type == "message/rfc822" || type == "message/global")) {
-      const HeaderField* encoding = findField(fields, "Content-Transfer-Encoding");
+    if (depth < MessageTree::kMaxDepth && entities_.size() < MessageTree::kMaxParts &&
+        (type == "message/rfc822" || type == "message/global")) {
+      const HeaderField* encoding = fields.find("Content-Transfer-Encoding");
       if (!encoding || transferEncodingOf(unfolded(encoding->body)) == TransferEncoding::identity) {
         entities_[id].kind = Entity::Kind::message;
         begin(id, bodyBegin, depth + 1);
@@ -230,6 +232,8 @@ class Parse {
 
   void delimiter(size_t frame, bool closing, size_t start, size_t end) {
     const uint32_t owner = frames_[frame].entity;
+    // No part past the last one a message may have: the multipart ends here.
+    if (entities_.size() >= MessageTree::kMaxParts) closing = true;
     // The line end before a delimiter belongs to it.
     size_t partEnd = start;
     if (partEnd > 0 && message_[partEnd - 1] == '\n') --partEnd;
@@ -249,7 +253,7 @@ class Parse {
       phase_ = Phase::between;
       return;
     }
-    begin(owner, end, depths_[owner] + 1);
+    begin(owner, end, depths_[owner] + 1, &frames_[frame].lastChild);
   }
 
   std::string_view message_;

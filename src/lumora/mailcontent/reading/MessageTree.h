@@ -7,6 +7,10 @@
 // One pass over the message, line by line; nothing recurses. Multiparts and attached messages
 // nest at most kMaxDepth deep: a part deeper than that is one leaf, so every line is compared
 // with a bounded number of open boundaries and the parse is linear in the message's length.
+// A message has at most kMaxParts parts: a delimiter that would begin one more ends its
+// multipart instead, and what follows is passed over as that multipart's epilogue, so that a
+// message of a million parts of a few bytes each, whose records and lines would take ten times
+// the message, takes a few MB.
 #pragma once
 
 #include <cstdint>
@@ -20,22 +24,24 @@ inline constexpr uint32_t kNoEntity = UINT32_MAX;
 
 // One part: a leaf, a multipart, or an attached message (message/rfc822), whose one child is
 // the attached message itself, header and all.
+// 48 bytes: a message of a million bare parts holds a million of them.
 struct Entity {
   enum class Kind : uint8_t { leaf, multipart, message };
   Kind kind = Kind::leaf;
   uint32_t parent = kNoEntity;
   uint32_t firstChild = kNoEntity;
-  uint32_t lastChild = kNoEntity;
-  uint32_t nextSibling = kNoEntity;
+  uint32_t nextSibling = kNoEntity;  // the last child of a part is only known while parsing
   size_t headerBegin = 0;
   size_t headerEnd = 0;  // without the empty line
   size_t bodyBegin = 0;
   size_t bodyEnd = 0;  // without the line end before the delimiter that ends it
 };
+static_assert(sizeof(Entity) == 48);
 
 class MessageTree {
  public:
   static constexpr uint32_t kMaxDepth = 64;
+  static constexpr uint32_t kMaxParts = 100'000;
 
   // Reads the structure of `message`, which must outlive the tree.
   explicit MessageTree(std::string_view message);

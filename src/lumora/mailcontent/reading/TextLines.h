@@ -6,6 +6,7 @@
 // without the copy and the doubled room that one growing buffer would hold at its peak.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <deque>
@@ -25,12 +26,19 @@ class TextLines {
     signature = 8,    // the line belongs to the sender's signature
   };
 
+  // 16 bytes: a text of a million short lines holds a million of them. A line is at most
+  // kMostLineBytes long (a longer one is cut there: no reading shows that much of it) and
+  // quoted at most kMostDepth deep (deeper counts as that deep: a line needs that many quote
+  // marks, a quarter of a GB of them, to be deeper).
   struct Line {
     const char* data = nullptr;
-    size_t size = 0;
-    uint32_t depth = 0;  // how many quotations the line stands in
-    uint8_t flags = 0;
+    uint32_t size = 0;
+    uint32_t depth : 28 = 0;  // how many quotations the line stands in
+    uint32_t flags : 4 = 0;
   };
+  static_assert(sizeof(Line) == 16);
+  static constexpr size_t kMostLineBytes = UINT32_MAX;
+  static constexpr uint32_t kMostDepth = (uint32_t{1} << 28) - 1;
 
   TextLines() = default;
   TextLines(TextLines&&) noexcept = default;
@@ -50,8 +58,12 @@ class TextLines {
   }
   void append(char c) { append(std::string_view(&c, 1)); }
   void endLine(uint32_t depth, uint8_t flags = 0) {
-    const size_t size = used_ - lineStart_;
-    lines_.push_back({size > 0 ? block_ + lineStart_ : nullptr, size, depth, flags});
+    const size_t size = std::min(used_ - lineStart_, kMostLineBytes);
+    Line& line = lines_.emplace_back();
+    line.data = size > 0 ? block_ + lineStart_ : nullptr;
+    line.size = static_cast<uint32_t>(size);
+    line.depth = std::min(depth, kMostDepth);
+    line.flags = flags & 15u;
     lineStart_ = used_;
   }
   // The text of the line being built.

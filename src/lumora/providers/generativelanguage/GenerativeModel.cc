@@ -90,8 +90,9 @@ std::unique_ptr<HttpResponse> GenerativeAIService::loadRequestStream(
       seconds && *seconds > 0 && *seconds <= kMaxTimeoutSeconds) {
     session.idleTimeout = std::chrono::milliseconds(std::llround(*seconds * 1000));
   }
-  std::unique_ptr<HttpResponse> response =
-      environment_.transport.send(urlRequest(request), session, stop);
+  const HttpRequest out = urlRequest(request);
+  checkRequestSize(environment_, out);
+  std::unique_ptr<HttpResponse> response = environment_.transport.send(out, session, stop);
   if (response->status() == 200) return response;
 
   log("The server responded with an error: HTTP " + std::to_string(response->status()));

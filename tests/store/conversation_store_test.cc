@@ -3,13 +3,19 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <functional>
+#include <thread>
 
 #include "lumora/platform/Debug.h"
 #include "lumora/store/ConversationStore.h"
+#include "store/MemoryTempDir.h"
 #include "support/Fixtures.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace lumora {
@@ -266,6 +272,189 @@ TEST_F(StoreTest, ALockHeldTooLongIsReportedInWordsAndTheEditWaits) {
   sqlite3_close(other);
   container->viewContext().save();
   EXPECT_EQ(container->viewContext().conversation(*conversation->id())->fields.systemPrompt, "new");
+}
+
+// Runs `work(i)` in `count` forked processes that wait at one gate and are let through together,
+// as programs started at one moment. What each failed one said, or its exit status.
+std::vector<std::string> inProcessesAtOnce(int count, const std::function<void(int)>& work) {
+  int gate[2];
+  if (::pipe(gate) != 0) return {"pipe failed"};
+  std::vector<std::pair<pid_t, int>> children;  // pid, the read end of its report
+  for (int i = 0; i < count; ++i) {
+    int report[2];
+    if (::pipe(report) != 0) break;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::close(gate[1]);
+      ::close(report[0]);
+      char c;
+      while (::read(gate[0], &c, 1) < 0 && errno == EINTR) {
+      }
+      std::string failure;
+      try {
+        work(i);
+      } catch (const std::exception& e) {
+        failure = e.what();
+      } catch (...) {
+        failure = "an exception that is not a std::exception";
+      }
+      if (!failure.empty()) (void)!::write(report[1], failure.data(), failure.size());
+      ::_exit(failure.empty() ? 0 : 1);
+    }
+    ::close(report[1]);
+    children.emplace_back(pid, report[0]);
+  }
+  ::close(gate[0]);
+  ::close(gate[1]);  // opens the gate: every child's read ends at once
+  std::vector<std::string> failures;
+  for (const auto& [pid, report] : children) {
+    std::string said;
+    char buffer[512];
+    ssize_t n;
+    while ((n = ::read(report, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
+      if (n > 0) said.append(buffer, static_cast<size_t>(n));
+    ::close(report);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+      failures.push_back(said.empty() ? "exit status " + std::to_string(status) : said);
+  }
+  if (children.size() != static_cast<size_t>(count)) failures.push_back("fork failed");
+  return failures;
+}
+
+// The add-on's native host and a command started together on a store that does not exist yet,
+// or that is still to be moved from the private location: every process opens the same store,
+// and nothing one of them writes is lost.
+TEST_F(StoreTest, ProcessesStartingTogetherAllUseOneStore) {
+  constexpr int kProcesses = 8;
+  constexpr int kRounds = 50;
+  const fs::path privateStore = PersistentContainer::defaultUrl(environment());
+  makeStore(privateStore, "private");
+  storetest::MemoryTempDir memory;  // the rounds are many: no disk syncs
+  Environment e = environment();
+
+  struct Case {
+    const char* name;
+    bool privateStore;
+  };
+  for (const Case& c : {Case{"no store yet", false}, Case{"a private store to move", true}}) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> failures;
+    for (int round = 0; round < kRounds; ++round) {
+      e.dataDirectory = memory / ("round-" + std::to_string(round));
+      if (c.privateStore) {
+        fs::create_directories(PersistentContainer::defaultUrl(e).parent_path());
+        fs::copy_file(privateStore, PersistentContainer::defaultUrl(e));
+      }
+      // Half of them write, half only read.
+      for (std::string& failure : inProcessesAtOnce(kProcesses, [&e](int i) {
+             auto container = PersistentContainer::make(false, e);
+             auto& context = container->viewContext();
+             if (i % 2 == 0) {
+               context.addConversation("process " + std::to_string(i), std::nullopt, std::nullopt);
+             } else {
+               context.fetchConversations();
+               context.fetchTeams();
+             }
+           })) {
+        failures.push_back("round " + std::to_string(round) + ": " + failure);
+      }
+      auto container = PersistentContainer::make(false, e);
+      EXPECT_EQ(container->viewContext().allConversations().size(),
+                static_cast<size_t>(kProcesses / 2 + (c.privateStore ? 1 : 0)))
+          << "round " << round;
+      EXPECT_EQ(container->persistentStoreDescriptions().front().url,
+                PersistentContainer::appGroupUrl(e));
+      container.reset();
+      fs::remove_all(e.dataDirectory);
+    }
+    EXPECT_TRUE(failures.empty()) << failures.size() << " failed, the first: " << failures.front();
+  }
+}
+
+// The same through the real command: writes, reads and a reply's dry run, all started together
+// on a store and settings that do not exist yet.
+TEST(StoreCommandsAtOnceTest, EveryCommandStartedTogetherOnANewStoreSucceeds) {
+  constexpr int kRounds = 4;
+  const std::vector<std::vector<std::string>> commands = {
+      {"conversations", "add", "--title", "t"},
+      {"conversations", "list"},
+      {"teams", "list"},
+      {"reply", "--dry-run"},
+  };
+  storetest::MemoryTempDir memory;
+  for (int round = 0; round < kRounds; ++round) {
+    const fs::path home = memory / ("round-" + std::to_string(round));
+    storetest::writeFile(home / "config/lumora/group.tech.zorvel.openai.json",
+                         R"({"apiKey": "sk-test"})");
+    std::vector<std::thread> runs;
+    for (int i = 0; i < 8; ++i) {
+      runs.emplace_back([&, i] {
+        std::vector<std::string> argv = {LUMORA_BINARY};
+        const auto& command = commands[static_cast<size_t>(i) % commands.size()];
+        argv.insert(argv.end(), command.begin(), command.end());
+        const testing::ProcessResult r =
+            testing::runProcess(argv, {.setEnv = {{"XDG_CONFIG_HOME", (home / "config").string()},
+                                                  {"XDG_DATA_HOME", (home / "data").string()},
+                                                  {"HOME", home.string()}},
+                                       .unsetEnv = {"LUMORA_DEBUG", "OPENAI_API_KEY"}});
+        EXPECT_EQ(r.status, 0) << command[0] << " " << command[1] << ": " << r.err;
+      });
+    }
+    for (std::thread& run : runs) run.join();
+  }
+}
+
+// Another program writing a store that is still in the rollback journal: the switch to WAL
+// waits for it as every other step does, instead of failing at its first try.
+TEST_F(StoreTest, TheSwitchToWalWaitsForAnotherProgramsWrite) {
+  const Environment e = environment();
+  const fs::path path = PersistentContainer::appGroupUrl(e);
+  makeStore(path, "kept");
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  sql(other, "PRAGMA journal_mode=DELETE");
+  sql(other, "BEGIN IMMEDIATE");
+  sql(other, "INSERT INTO Team (domain) VALUES ('a.example')");
+  std::thread writer([other] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sql(other, "COMMIT");
+  });
+  std::unique_ptr<PersistentContainer> container;
+  EXPECT_NO_THROW(container = PersistentContainer::make(false, e));
+  writer.join();
+  sqlite3_close(other);
+  ASSERT_TRUE(container);
+  EXPECT_EQ(titleIn(*container), "kept");
+  EXPECT_EQ(container->viewContext().fetchTeams().size(), 1u);
+  sqlite3_stmt* mode = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(container->viewContext().database(), "PRAGMA journal_mode", -1,
+                               &mode, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(mode), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(mode, 0)), "wal");
+  sqlite3_finalize(mode);
+}
+
+// A store left readable by others (an older version, a copy made by hand) holds team tokens:
+// opening it makes the store and its side files private.
+TEST_F(StoreTest, AnExistingStoreAndItsSideFilesAreMadePrivate) {
+  const Environment e = environment();
+  const fs::path path = PersistentContainer::appGroupUrl(e);
+  makeStore(path, "t");
+  sqlite3* other = nullptr;  // holds the WAL and its index open, as a running panel would
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  sql(other, "INSERT INTO Team (domain, token) VALUES ('a.example', 'secret')");
+  const std::vector<fs::path> files = {path, path.string() + "-wal", path.string() + "-shm"};
+  for (const fs::path& file : files) {
+    ASSERT_TRUE(fs::exists(file)) << file;
+    fs::permissions(file, fs::perms(0644));
+  }
+  auto container = PersistentContainer::make(false, e);
+  for (const fs::path& file : files)
+    EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms(0600)) << file;
+  sqlite3_close(other);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <optional>
@@ -76,21 +77,45 @@ TEST(DefaultsStoreTest, MissingFileIsAnEmptyStoreAndAbsentBoolReadsFalse) {
   EXPECT_FALSE(std::filesystem::exists(dir / "none"));
 }
 
+// Only writes lock: a reader in a directory it cannot write (a read-only configuration) reads,
+// and creates nothing where it can.
+TEST(DefaultsStoreTest, ReadsTakeNoLockAndCreateNothing) {
+  MemoryTempDir dir;
+  writeFile(dir / "cfg/suite.json", R"({"a": 1})");
+  const bool enforced = ::geteuid() != 0;  // the superuser writes regardless of the mode
+  if (enforced) ::chmod((dir / "cfg").c_str(), 0500);
+  DefaultsStore store(dir / "cfg/suite.json");
+  EXPECT_EQ(store.integer("a"), 1);
+  EXPECT_EQ(store.all(), json({{"a", 1}}));
+  if (enforced) {
+    EXPECT_THROW(store.set("a", 2), FileError);
+  }
+  ::chmod((dir / "cfg").c_str(), 0700);
+  size_t entries = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir / "cfg"))
+    ++entries;
+  EXPECT_EQ(entries, 1u) << "no lock file, no temporary";
+}
+
 TEST(DefaultsStoreTest, WritesCreatePrivateDirectoryAndFile) {
   MemoryTempDir dir;
   writeFile(dir / "old/suite.json", "{\"keep\": 1}");
   ::chmod((dir / "old/suite.json").c_str(), 0644);
+  writeFile(dir / "same/suite.json", "{\"keep\": 1}");
+  ::chmod((dir / "same/suite.json").c_str(), 0644);
   DefaultsStore fresh(dir / "a/b/suite.json");
   DefaultsStore existing(dir / "old/suite.json");
 
   fresh.set("k", "v");
   existing.set("k", true);
+  DefaultsStore(dir / "same/suite.json").set("keep", 1);  // changes nothing, yet tightens
 
   EXPECT_EQ(modeOf(dir / "a"), 0700u);
   EXPECT_EQ(modeOf(dir / "a/b"), 0700u);
   EXPECT_EQ(modeOf(dir / "a/b/suite.json"), 0600u);
   EXPECT_EQ(modeOf(dir / "a/b/suite.json.lock"), 0600u);
   EXPECT_EQ(modeOf(dir / "old/suite.json"), 0600u);  // a rewrite tightens a loose file
+  EXPECT_EQ(modeOf(dir / "same/suite.json"), 0600u);
   EXPECT_EQ(json::parse(readFile(dir / "old/suite.json")), json({{"keep", 1}, {"k", true}}));
   EXPECT_EQ(DefaultsStore(dir / "a/b/suite.json").string("k"), "v");
 }
@@ -128,15 +153,98 @@ TEST(DefaultsStoreTest, ChangesBehindTheStoresBackAreSeenAtTheNextRead) {
   EXPECT_EQ(store.value("k"), std::nullopt);
 }
 
-TEST(DefaultsStoreTest, SymbolicLinkSurvivesAWrite) {
+TEST(DefaultsStoreTest, SymbolicLinksAreFollowedAndNeverReplaced) {
+  namespace fs = std::filesystem;
+  struct Row {
+    const char* name;
+    std::vector<std::pair<std::string, std::string>> links;  // link, what it points to
+    std::string written;  // the file written through "suite.json"; empty: refused
+    std::string refusal;  // what the error says then
+  };
+  const Row rows[] = {
+      {"to a file", {{"suite.json", "dotfiles/suite.json"}}, "dotfiles/suite.json", ""},
+      {"to a file not made yet", {{"suite.json", "dotfiles/new.json"}}, "dotfiles/new.json", ""},
+      {"through a chain",
+       {{"suite.json", "middle.json"}, {"middle.json", "dotfiles/new.json"}},
+       "dotfiles/new.json",
+       ""},
+      {"into a directory that does not exist",
+       {{"suite.json", "nowhere/suite.json"}},
+       "",
+       "whose directory does not exist"},
+      {"in a loop",
+       {{"suite.json", "other.json"}, {"other.json", "suite.json"}},
+       "",
+       "leads to itself"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    MemoryTempDir dir;
+    writeFile(dir / "dotfiles/suite.json", R"({"a": 1})");
+    for (const auto& [link, to] : row.links) fs::create_symlink(to, dir / link);
+    DefaultsStore store(dir / "suite.json");
+    if (row.written.empty()) {
+      try {
+        store.set("b", 2);
+        ADD_FAILURE() << "written";
+      } catch (const FileError& e) {
+        EXPECT_NE(std::string(e.what()).find(row.refusal), std::string::npos) << e.what();
+      }
+    } else {
+      store.set("b", 2);
+      json expected = {{"b", 2}};
+      if (row.written == "dotfiles/suite.json") expected["a"] = 1;
+      EXPECT_EQ(json::parse(readFile(dir / row.written)), expected);
+      EXPECT_EQ(modeOf(dir / row.written), 0600u);
+      EXPECT_EQ(store.integer("b"), 2);
+    }
+    for (const auto& [link, to] : row.links) {
+      EXPECT_TRUE(fs::is_symlink(dir / link)) << link;
+      EXPECT_EQ(fs::read_symlink(dir / link), to);
+    }
+  }
+}
+
+// A writer killed between creating its temporary and the rename leaves a whole copy of the
+// settings behind. The next write removes such copies of its own file once they are old enough
+// that no live write can own them, and nothing else.
+TEST(DefaultsStoreTest, TemporariesOfKilledWritesAreRemovedByTheNextWrite) {
+  struct Row {
+    const char* name;
+    bool old;
+    bool directory;
+    bool removed;
+  };
+  const Row rows[] = {
+      {".suite.json.Ab3dE9", true, false, true},    // left by a killed write
+      {".suite.json.zzzzzz", true, false, true},    // likewise
+      {".suite.json.LIVE01", false, false, false},  // a write under way elsewhere
+      {".other.json.Ab3dE9", true, false, false},   // another suite's
+      {".suite.json.Ab3dE", true, false, false},    // not mkstemp's six characters
+      {".suite.json.Ab3dE90", true, false, false},  // likewise
+      {".suite.json.Ab-dE9", true, false, false},   // likewise
+      {"suite.json.Ab3dE9", true, false, false},    // not hidden
+      {".suite.json.DIRECT", true, true, false},    // not a file
+  };
   MemoryTempDir dir;
-  writeFile(dir / "dotfiles/suite.json", R"({"a": 1})");
-  std::filesystem::create_symlink(dir / "dotfiles/suite.json", dir / "suite.json");
-  DefaultsStore store(dir / "suite.json");
-  store.set("b", 2);
-  EXPECT_TRUE(std::filesystem::is_symlink(dir / "suite.json"));
-  EXPECT_EQ(json::parse(readFile(dir / "dotfiles/suite.json")), json({{"a", 1}, {"b", 2}}));
-  EXPECT_EQ(store.integer("b"), 2);
+  writeFile(dir / "suite.json", R"({"a": 1})");
+  const auto twoMinutesAgo = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() -
+                                                                  std::chrono::minutes(2));
+  for (const Row& row : rows) {
+    const auto path = dir / row.name;
+    if (row.directory) {
+      std::filesystem::create_directory(path);
+    } else {
+      writeFile(path, R"({"apiKey": "sk-left-behind"})");
+    }
+    if (row.old) {
+      const struct timespec times[2] = {{twoMinutesAgo, 0}, {twoMinutesAgo, 0}};
+      ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+  }
+  DefaultsStore(dir / "suite.json").set("b", 2);
+  for (const Row& row : rows)
+    EXPECT_EQ(std::filesystem::exists(dir / row.name), !row.removed) << row.name;
 }
 
 TEST(DefaultsStoreTest, BadFilesAreReportedAndNeverOverwritten) {

@@ -2,13 +2,16 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Localization.h"
@@ -21,6 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kStoreFile = "Lumora.sqlite";
+constexpr const char* kOpeningLockFile = "Lumora.sqlite.lock";
 constexpr const char* kAppGroup = "group.tech.zorvel.openai";
 constexpr const char* kCloudContainer = "iCloud.tech.zorvel.lumora";
 constexpr std::chrono::milliseconds kLockTimeout{5000};
@@ -49,13 +53,18 @@ CREATE TABLE File (
   image INTEGER REFERENCES Image(rowid) ON DELETE SET NULL);
 )";
 
-// The user's text for a failed statement. A lock held past the timeout is worded for the user:
-// SQLite's own "database is locked" says nothing about what to do.
+// A lock held past the timeout, worded for the user: SQLite's own "database is locked" says
+// nothing about what to do.
+std::string busyText() {
+  return localized(
+      "The conversation store is busy: another program has held it for several "
+      "seconds. Try again when it has finished.");
+}
+
+// The user's text for a failed statement.
 std::string failureText(sqlite3* db, std::string_view detail) {
   const int code = sqlite3_errcode(db) & 0xff;
-  if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
-    return localized("The conversation store is busy: another program has held it for several "
-                     "seconds. Try again when it has finished.");
+  if (code == SQLITE_BUSY || code == SQLITE_LOCKED) return busyText();
   return localized("The conversation store could not be used: ") + std::string(detail) + ".";
 }
 
@@ -113,11 +122,125 @@ void execute(sqlite3* db, const char* sql) {
                    ", code: " + std::to_string(code) + "}");
 }
 
+// Serialises making the container between this system's processes. The one-time move,
+// creating the schema and switching to WAL each look at the files and then change them, so two
+// processes starting together (the add-on's native host and a command) would each act on what
+// they saw: both copy, both create. The lock is an flock on a side file rather than SQLite's
+// own, since the move happens before there is a database to lock and the journal mode cannot
+// change inside a transaction. Held only while the container is made; the store's reads and
+// writes afterwards rely on SQLite's locks alone.
+class OpeningLock {
+ public:
+  OpeningLock(const fs::path& file, std::chrono::milliseconds timeout) {
+    fd_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    // In a directory nobody can write, no store can be created or moved either; opening the
+    // store then says what is wrong.
+    if (fd_ < 0) return;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EINTR) continue;
+      // A file system without locks: go on as before there was this lock.
+      if (errno != EWOULDBLOCK) break;
+      // The holder's own steps each wait at most `timeout` for SQLite; this one waits as long.
+      if (std::chrono::steady_clock::now() >= deadline) {
+        ::close(fd_);
+        throw StoreError(busyText());
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  ~OpeningLock() {
+    if (fd_ >= 0) ::close(fd_);  // releases the lock
+  }
+  OpeningLock(const OpeningLock&) = delete;
+  OpeningLock& operator=(const OpeningLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
 
 // Creates the store file 0600 before SQLite opens it, since it holds team tokens.
 void createPrivateFile(const fs::path& path) {
   const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
   if (fd >= 0) ::close(fd);
+}
+
+// A store made by an earlier version or copied in by hand may be readable by others; the store
+// and its side files (SQLite gives new ones the store's own mode) are brought to 0600 whenever
+// it is opened. A file that is not ours to change is left as it is, since the store can still be
+// used.
+void makeStoreFilesPrivate(const fs::path& path) {
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    const std::string file = path.string() + suffix;
+    struct stat st;
+    if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077) != 0)
+      (void)::chmod(file.c_str(), st.st_mode & 0700);
+  }
+}
+
+// What a store holds before this build uses it.
+struct SchemaState {
+  int version = 0;
+  int64_t tables = 0;
+};
+
+// Both read in one transaction, so that they describe one moment of the file: read apart, a
+// store another process creates in between would show no version but tables, and look foreign.
+SchemaState readSchemaState(sqlite3* db) {
+  SchemaState state;
+  {
+    Statement v(db, "PRAGMA user_version");
+    if (v.step()) state.version = static_cast<int>(v.integer(0));
+  }
+  Statement tables(db, "SELECT count(*) FROM sqlite_master");
+  if (tables.step()) state.tables = tables.integer(0);
+  return state;
+}
+
+// Refuses a store this build cannot use; true when the schema is still to be created.
+bool needsSchema(const SchemaState& state, const fs::path& path) {
+  if (state.version > kStoreSchemaVersion) {
+    unresolved("The conversation store was written by a newer version (schema " +
+                   std::to_string(state.version) + "; this one reads " +
+                   std::to_string(kStoreSchemaVersion) + ")",
+               path, SQLITE_CANTOPEN);
+  }
+  if (state.version == 0 && state.tables != 0)
+    unresolved("The file is a database but not a conversation store", path, SQLITE_NOTADB);
+  return state.version == 0;
+}
+
+template <typename Work>
+auto inTransaction(sqlite3* db, const char* begin, Work work) {
+  execute(db, begin);
+  try {
+    auto result = work();
+    execute(db, "COMMIT");
+    return result;
+  } catch (...) {
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+// Runs `sql` outside a transaction, waiting up to `timeout` for another program's lock. SQLite's
+// busy handler does not cover every step: switching the journal mode reads the file's header and
+// then upgrades that read to a write, and an upgrade that meets another writer fails at once
+// (waiting there could deadlock two upgraders). The statement holds nothing between tries, so
+// trying again is safe.
+void executeWaiting(sqlite3* db, const char* sql, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    try {
+      execute(db, sql);
+      return;
+    } catch (const StoreError&) {
+      if ((sqlite3_errcode(db) & 0xff) != SQLITE_BUSY ||
+          std::chrono::steady_clock::now() >= deadline)
+        throw;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
 }
 
 sqlite3* openDatabase(const fs::path& path, bool inMemory, std::chrono::milliseconds lockTimeout) {
@@ -126,6 +249,7 @@ sqlite3* openDatabase(const fs::path& path, bool inMemory, std::chrono::millisec
   if (!inMemory) {
     makeDirectories(path.parent_path());
     createPrivateFile(path);
+    makeStoreFilesPrivate(path);
   }
   const int rc = sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                                  nullptr);
@@ -134,33 +258,24 @@ sqlite3* openDatabase(const fs::path& path, bool inMemory, std::chrono::millisec
     sqlite3_close(db);
     unresolved(message, path, rc);
   }
+  // Before the first statement: every read below may meet another program's lock.
   sqlite3_busy_timeout(db, static_cast<int>(lockTimeout.count()));
   try {
-    int version = 0;
-    {
-      Statement v(db, "PRAGMA user_version");
-      if (v.step()) version = static_cast<int>(v.integer(0));
-    }
-    if (version > kStoreSchemaVersion) {
-      unresolved("The conversation store was written by a newer version (schema " +
-                     std::to_string(version) + "; this one reads " +
-                     std::to_string(kStoreSchemaVersion) + ")",
-                 path, SQLITE_CANTOPEN);
-    }
-    if (version == 0) {
-      Statement tables(db, "SELECT count(*) FROM sqlite_master");
-      tables.step();
-      if (tables.integer(0) != 0)
-        unresolved("The file is a database but not a conversation store", path, SQLITE_NOTADB);
+    // A store in use is only read here. Creating the schema takes the write lock first and looks
+    // again under it, since another program may have created the store meanwhile; a deferred
+    // transaction upgraded to a write would fail at once instead of waiting for that program.
+    const SchemaState seen = inTransaction(db, "BEGIN", [&] { return readSchemaState(db); });
+    if (needsSchema(seen, path)) {
+      inTransaction(db, "BEGIN IMMEDIATE", [&] {
+        if (needsSchema(readSchemaState(db), path)) {
+          execute(db, kSchema);
+          execute(db, ("PRAGMA user_version = " + std::to_string(kStoreSchemaVersion)).c_str());
+        }
+        return true;
+      });
     }
     // Only a store known to be ours is switched to WAL: the switch rewrites the file's header.
-    if (!inMemory) execute(db, "PRAGMA journal_mode=WAL");
-    if (version == 0) {
-      execute(db, "BEGIN IMMEDIATE");
-      execute(db, kSchema);
-      execute(db, ("PRAGMA user_version = " + std::to_string(kStoreSchemaVersion)).c_str());
-      execute(db, "COMMIT");
-    }
+    if (!inMemory) executeWaiting(db, "PRAGMA journal_mode=WAL", lockTimeout);
   } catch (const StoreError& e) {
     const std::string what = e.what();
     const int code = sqlite3_errcode(db);
@@ -287,8 +402,7 @@ void StoreContext::save() {
     ++it;
   }
   if (dirty.empty()) return;
-  execute(db_, "BEGIN IMMEDIATE");
-  try {
+  inTransaction(db_, "BEGIN IMMEDIATE", [&] {
     for (const auto& object : dirty) {
       if (object->promptChanged_) {
         Statement update(db_, "UPDATE Conversation SET systemPrompt = ?1 WHERE rowid = ?2");
@@ -303,11 +417,8 @@ void StoreContext::save() {
         update.step();
       }
     }
-    execute(db_, "COMMIT");
-  } catch (...) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-    throw;
-  }
+    return true;
+  });
   for (const auto& object : dirty) object->promptChanged_ = object->modelChanged_ = false;
 }
 
@@ -330,18 +441,11 @@ StoreContext::ConversationRow conversationRow(const Statement& q) {
            q.integer(7)}};
 }
 
-// Runs `work` in a write transaction.
+// Runs `work` in a write transaction. IMMEDIATE: the write lock is taken at the start, where
+// SQLite waits for another writer, rather than on the first write, where it would not.
 template <typename Work>
 auto writing(sqlite3* db, Work work) {
-  execute(db, "BEGIN IMMEDIATE");
-  try {
-    auto result = work();
-    execute(db, "COMMIT");
-    return result;
-  } catch (...) {
-    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    throw;
-  }
+  return inTransaction(db, "BEGIN IMMEDIATE", work);
 }
 
 }  // namespace
@@ -466,7 +570,14 @@ std::unique_ptr<PersistentContainer> PersistentContainer::make(bool inMemory,
     if (argument == "UITEST" && !inMemory)
       throw StoreError("Unit test should only use in memory core data");
   }
+  std::optional<OpeningLock> opening;
   if (!inMemory) {
+    makeDirectories(e.dataDirectory);
+    try {
+      opening.emplace(e.dataDirectory / kOpeningLockFile, e.lockTimeout);
+    } catch (const StoreError& busy) {
+      unresolved(busy.what(), appGroupUrl(e), SQLITE_BUSY);
+    }
     const fs::path defaultPath = descriptions.front().url;
     const fs::path groupPath = appGroupUrl(e);
     debug::line({"[debug] -- default url", "file://" + defaultPath.string()});

@@ -5,7 +5,11 @@
 // instruction and model.
 //
 // PersistentContainer finds the store, moves an older private store into the shared location
-// once, and opens it; StoreContext is the one place that reads and writes it.
+// once, and opens it; StoreContext is the one place that reads and writes it. Processes of this
+// system make their containers one at a time (an flock on Lumora.sqlite.lock beside the two
+// locations), so that several starting together on a store that is not there yet, or still to be
+// moved, all end up with the same one; opening brings the store's files to 0600. Every wait for
+// another program's lock lasts up to the container's lock timeout.
 #pragma once
 
 #include <chrono>

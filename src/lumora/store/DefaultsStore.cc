@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -260,13 +261,69 @@ void DefaultsStore::remove(std::string_view key) { change(key, nullptr); }
 
 namespace {
 
-// The file a write replaces: a symbolic link (settings kept with other dotfiles) is followed,
-// so that the link survives the rename.
+// The file a write replaces. A symbolic link (settings kept with other dotfiles) is followed to
+// the file it names, which is then written in place of the link, so that the link survives the
+// rename; a link whose file does not exist yet is followed too, and the file made there. Links
+// are read one at a time, as the kernel follows them, to its limit of 40.
 fs::path writeTarget(const fs::path& file) {
+  constexpr int kMaxLinks = 40;
+  fs::path path = file;
+  for (int links = 0; links <= kMaxLinks; ++links) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) {
+      if (errno != ENOENT && errno != ENOTDIR) throwSystem("write", file, errno);
+      if (links == 0) return path;  // its directories are made when missing
+      // Directories are made for the command's own files only, not wherever a link points.
+      std::error_code ec;
+      if (!fs::is_directory(path.parent_path(), ec)) {
+        throw FileError(fileText(file) + " is a symbolic link to " + path.string() +
+                        ", whose directory does not exist.");
+      }
+      return path;
+    }
+    if (!S_ISLNK(st.st_mode)) return path;
+    std::error_code ec;
+    const fs::path next = fs::read_symlink(path, ec);
+    if (ec) throwSystem("write", file, ec.value());
+    path = next.is_absolute() ? next : path.parent_path() / next;
+  }
+  throw FileError(fileText(file) + " is a symbolic link that leads to itself or through more " +
+                  "than " + std::to_string(kMaxLinks) + " links.");
+}
+
+// Whether `name` is one of the temporaries that writes of `target` make: "." + its name + "."
+// + the six letters and digits of mkstemp.
+bool isTemporaryOf(std::string_view name, const std::string& prefix) {
+  constexpr size_t kRandom = 6;
+  if (name.size() != prefix.size() + kRandom || !name.starts_with(prefix)) return false;
+  return std::all_of(
+      name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      });
+}
+
+// Removes what earlier writes of `target` left behind when they were killed between creating
+// their temporary and renaming it: whole copies of the settings, credentials included.
+//
+// Called under the suite's lock, where no writer of this system is between those two steps, so
+// every such file is stale. The age is required all the same: the lock is only as good as its
+// file, and a lock file removed while held (a tidied directory) lets a second writer in beside
+// the first, whose temporary then must not vanish before its rename. A minute is far beyond the
+// milliseconds a write takes, and costs only that a stale file stays a minute longer. Best
+// effort: a write never fails because of this.
+void removeStaleTemporaries(const fs::path& target) {
+  constexpr time_t kStaleAfterSeconds = 60;
+  const std::string prefix = "." + target.filename().string() + ".";
+  const fs::path directory = target.parent_path().empty() ? "." : target.parent_path();
+  const time_t now = ::time(nullptr);
   std::error_code ec;
-  if (!fs::is_symlink(file, ec)) return file;
-  fs::path target = fs::canonical(file, ec);
-  return ec ? file : target;
+  for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+    const fs::path& entry = it->path();
+    if (!isTemporaryOf(entry.filename().native(), prefix)) continue;
+    struct stat st;
+    if (::lstat(entry.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (now - st.st_mtime >= kStaleAfterSeconds) ::unlink(entry.c_str());
+  }
 }
 
 Fd lockSuite(const fs::path& file) {
@@ -306,10 +363,14 @@ void DefaultsStore::change(std::string_view key, const json* value) {
   if (!value && !fs::exists(target, ec)) return;
   makeDirectories(target.parent_path());
   const Fd lock = lockSuite(target);
+  removeStaleTemporaries(target);
 
   // Under the lock, the file on disk is the truth: what this process cached may be stale.
   std::unique_ptr<Snapshot> now = Snapshot::load(target);
   if (!now->error.empty()) throw FileError(now->error + " It was left unchanged.");
+  // A file others can read is made private even when this write changes nothing in it.
+  if (struct stat st; now->held && ::fstat(now->held.get(), &st) == 0 && (st.st_mode & 077) != 0)
+    (void)::fchmod(now->held.get(), st.st_mode & 0700);
   json object = now->object ? *now->object : json::object();
   const auto it = object.find(key);
   if (value) {
@@ -323,7 +384,7 @@ void DefaultsStore::change(std::string_view key, const json* value) {
 
   const fs::path directory = target.parent_path();
   std::string temporary = (directory / ("." + target.filename().string() + ".XXXXXX")).string();
-  Fd out(::mkstemp(temporary.data()));
+  Fd out(::mkostemp(temporary.data(), O_CLOEXEC));  // 0600 from the start
   if (!out) throwSystem("write", target, errno);
   auto snapshot = std::make_unique<Snapshot>();
   try {

@@ -6,8 +6,13 @@
 // inode), size or modification time differs. Every write takes an advisory lock (flock on the
 // sibling file NAME.lock), re-reads the file, changes one key and replaces the file atomically
 // (temporary file in the same directory, fsync, rename), so concurrent writers never lose each
-// other's keys and a reader never sees half a file. Files are written 0600; a missing directory
-// is created 0700 (existing directories are left as their owner set them).
+// other's keys and a reader never sees half a file. Reads take no lock and write nothing, so a
+// read-only configuration reads. Files are written 0600, and a write that changes nothing still
+// makes a file others could read 0600; a missing directory is created 0700 (existing
+// directories are left as their owner set them). A write also removes the temporaries of this
+// file that writers killed before their rename left behind, once they are a minute old. A file
+// that is a symbolic link is written where the link points, created there when missing; the
+// link stays. A link into a missing directory, or in a loop, is refused with FileError.
 //
 // Thread-safe: any thread may read and write. Writers wait for the lock for as long as another
 // writer holds it; a writer holds it for one read-modify-write only.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <fstream>
 
 #include "support/LumoraHome.h"
@@ -107,6 +108,18 @@ TEST(CommandLineMistakes, AreNamedAndChangeNothing) {
   EXPECT_EQ(stamp.size(), 25u) << stamp;  // 2026-11-25T22:47:22+01:00
   EXPECT_EQ(stamp[10], 'T') << stamp;
   EXPECT_EQ(stamp[22], ':') << stamp;
+}
+
+// Settings that cannot be written (a read-only or missing configuration directory) do not stop a
+// reply: the default model the panel would keep is used for this run only.
+TEST(CommandLineMistakes, AReplyNeedsNoWritableSettings) {
+  LumoraHome home;
+  std::filesystem::create_directories(home.path() / "config");
+  std::ofstream(home.path() / "config" / "lumora") << "not a directory";
+  const ProcessResult r = home.run({"reply", "--dry-run", "-"}, {},
+                                   "From: a@example.org\n\n<blockquote>Q</blockquote>\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\"model\""), std::string::npos) << r.out;
 }
 
 TEST(SettingsFromStandardInput, KeepTheKeyOffTheCommandLine) {

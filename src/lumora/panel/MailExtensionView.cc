@@ -68,7 +68,14 @@ void MailExtensionView::store(std::string_view key, const std::string& value) {
   if (auto it = deps_.overrides.find(key); it != deps_.overrides.end()) {
     it->second = value;
   } else {
-    deps_.ownDefaults.set(key, value);
+    try {
+      deps_.ownDefaults.set(key, value);
+    } catch (const std::exception& e) {
+      // A settings file that cannot be written (a read-only directory) costs only the keeping:
+      // the choice holds for the rest of this run, and the run goes on.
+      debug::line({"[debug] setting not saved:", std::string(key), e.what()});
+      deps_.overrides.insert_or_assign(std::string(key), value);
+    }
   }
   changed();
 }

@@ -118,6 +118,14 @@ class HostProcess {
   int fromHost_ = -1;
 };
 
+// The host in `home`, its OpenAI requests going to `server`.
+std::map<std::string, std::string> hostEnvironment(const testing::LumoraHome& home,
+                                                   const testing::ScriptedServer& server) {
+  return {{"XDG_CONFIG_HOME", (home.path() / "config").string()},
+          {"XDG_DATA_HOME", (home.path() / "data").string()},
+          {"LUMORA_OPENAI_BASE_URL", server.baseUrl()}};
+}
+
 TEST(NativeHostProcessTest, StreamsAReplyAndEndsWhenThePortClosesMidStream) {
   testing::LumoraHome home;
   ASSERT_EQ(home.run({"settings", "set", "apiKey", "sk-test-0000"}).status, 0);
@@ -125,12 +133,7 @@ TEST(NativeHostProcessTest, StreamsAReplyAndEndsWhenThePortClosesMidStream) {
   server.enqueue(testing::Response::stream(
       testing::sseRecord("Dear ") + testing::sseRecord("Ann,") + "data: [DONE]\n\n", 0));
   server.enqueue(testing::Response::stallThenSend(testing::sseRecord("Partly"), 60s, ""));
-  const std::map<std::string, std::string> environment = {
-      {"XDG_CONFIG_HOME", (home.path() / "config").string()},
-      {"XDG_DATA_HOME", (home.path() / "data").string()},
-      {"LUMORA_OPENAI_BASE_URL", server.baseUrl()},
-  };
-  HostProcess host(environment);
+  HostProcess host(hostEnvironment(home, server));
 
   const std::string message =
       "From: a@example.org\r\nContent-Type: text/plain\r\n\r\nNothing quoted here.\r\n";
@@ -179,11 +182,7 @@ TEST(NativeHostProcessTest, EndsWhenItsOutputClosesWhileTheInputStaysOpen) {
   // A record every 50 ms: 20 seconds of reply.
   server.enqueue(testing::Response::stream(body, testing::sseRecord("word ").size(),
                                            testing::Framing::kChunked, 50ms));
-  HostProcess host({
-      {"XDG_CONFIG_HOME", (home.path() / "config").string()},
-      {"XDG_DATA_HOME", (home.path() / "data").string()},
-      {"LUMORA_OPENAI_BASE_URL", server.baseUrl()},
-  });
+  HostProcess host(hostEnvironment(home, server));
   host.send({{"type", "open"}});
   ASSERT_TRUE(host.receiveUntil([](const json& m) { return m["type"] == "state"; }));
   host.send({{"type", "operation"}, {"name", "startGeneration"}});
@@ -200,9 +199,7 @@ TEST(NativeHostProcessTest, ARequestPastItsBudgetIsNeverSent) {
   ASSERT_EQ(home.run({"settings", "set", "apiKey", "sk-test-0000"}).status, 0);
   ASSERT_EQ(home.run({"settings", "set", "maxRequestMiB", "1"}).status, 0);
   testing::ScriptedServer server;
-  HostProcess host({{"XDG_CONFIG_HOME", (home.path() / "config").string()},
-                    {"XDG_DATA_HOME", (home.path() / "data").string()},
-                    {"LUMORA_OPENAI_BASE_URL", server.baseUrl()}});
+  HostProcess host(hostEnvironment(home, server));
   std::string message =
       "From: a@example.org\r\nContent-Type: text/html\r\n"
       "Content-Transfer-Encoding: quoted-printable\r\n\r\n";

@@ -269,6 +269,17 @@ class PanelTerminalTest : public ::testing::Test {
            "Content-Type: text/plain; charset=utf-8\r\n\r\nShall we have lunch on Friday?\r\n";
   }
 
+  // y at the client's last question sends the mail: `sent` is what the recording sendmail
+  // received, checked to hold the reply above the quote.
+  void sendAndRecord(Tmux& tmux, std::string& sent) {
+    tmux.keys({"y"});
+    ASSERT_TRUE(tmux.waitFor([&](const std::string&) {
+      return std::filesystem::exists(home_ / "sent.eml") && !readAll(home_ / "sent.eml").empty();
+    })) << tmux.last();
+    sent = readAll(home_ / "sent.eml");
+    expectSentReplyAboveTheQuote(sent);
+  }
+
   // The recorded mail holds the reply above the quoted original, which is unchanged. The
   // mail as sent may be quoted-printable with CR LF line ends (aerc's): compared as text.
   void expectSentReplyAboveTheQuote(const std::string& raw) {
@@ -644,12 +655,8 @@ TEST_F(PanelTerminalTest, TheNeomuttComposeRoad) {
   // The editor has run and ended: neomutt's compose menu, then y sends.
   ASSERT_TRUE(tmux.waitFor("y:Send")) << tmux.last();
   expectSentReplyAboveTheQuote(readAll(home_ / "edited"));
-  tmux.keys({"y"});
-  ASSERT_TRUE(tmux.waitFor([&](const std::string&) {
-    return std::filesystem::exists(home_ / "sent.eml") && !readAll(home_ / "sent.eml").empty();
-  })) << tmux.last();
-  const std::string sent = readAll(home_ / "sent.eml");
-  expectSentReplyAboveTheQuote(sent);
+  std::string sent;
+  ASSERT_NO_FATAL_FAILURE(sendAndRecord(tmux, sent));
   EXPECT_NE(sent.find("Subject: Re: Lunch on Friday"), std::string::npos) << sent;
   EXPECT_EQ(sent.find("X-CustomHeader"), std::string::npos) << sent;
 }
@@ -736,12 +743,8 @@ TEST_F(PanelTerminalTest, TheAercComposeRoad) {
   ASSERT_NO_FATAL_FAILURE(replyAndInsert(tmux));
   ASSERT_TRUE(tmux.waitFor("Send this email?")) << tmux.last();
   expectSentReplyAboveTheQuote(readAll(home_ / "edited"));
-  tmux.keys({"y"});
-  ASSERT_TRUE(tmux.waitFor([&](const std::string&) {
-    return std::filesystem::exists(home_ / "sent.eml") && !readAll(home_ / "sent.eml").empty();
-  })) << tmux.last();
-  const std::string sent = readAll(home_ / "sent.eml");
-  expectSentReplyAboveTheQuote(sent);
+  std::string sent;
+  ASSERT_NO_FATAL_FAILURE(sendAndRecord(tmux, sent));
   EXPECT_NE(sent.find("Re: Lunch on Friday"), std::string::npos) << sent;
 }
 

@@ -96,11 +96,13 @@ bool hasSpace(std::string_view s) {
   return std::any_of(s.begin(), s.end(), [](unsigned char c) { return c <= ' ' || c == 0x7f; });
 }
 
-void addPattern(std::vector<Pattern>& patterns, std::string text, const std::string& mask) {
-  if (text.size() < 4) return;
+// Whether `text` was new and is now among `patterns`.
+bool addPattern(std::vector<Pattern>& patterns, std::string text, const std::string& mask) {
+  if (text.size() < 4) return false;
   for (const Pattern& p : patterns)
-    if (p.text == text) return;
+    if (p.text == text) return false;
   patterns.push_back({std::move(text), mask});
+  return true;
 }
 
 }  // namespace
@@ -122,11 +124,14 @@ void registerSecret(std::string_view secret) {
   const std::string mask = masked(secret);
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
+  bool added = false;
   for (std::string form : {std::string(secret), jsonEscaped(secret),
                            percentEncoded(secret, "0123456789ABCDEF"),
                            percentEncoded(secret, "0123456789abcdef")}) {
-    addPattern(r.patterns, std::move(form), mask);
+    added |= addPattern(r.patterns, std::move(form), mask);
   }
+  // Settings are read again and again; a secret seen before leaves the order as it is.
+  if (!added) return;
   std::stable_sort(r.patterns.begin(), r.patterns.end(), [](const Pattern& a, const Pattern& b) {
     return a.text.size() > b.text.size();
   });

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -89,6 +90,7 @@ class Command {
 
 struct Exit {
   double seconds = 0;  // from the spawn to the exit
+  double cpuSeconds = 0;  // user and system time of the child, all its threads
   int status = -1;     // the exit status, or 128 + the signal that ended it
   std::string out;     // standard output, when kept
   std::string err;     // standard error
@@ -142,11 +144,16 @@ inline Exit run(const Command& command, Output output) {
   const int error =
       ::posix_spawn(&pid, command.argp()[0], &actions, nullptr, command.argp(), command.envp());
   int status = 0;
+  rusage usage{};
   if (error == 0) {
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
     }
   }
   exit.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const auto seconds = [](const timeval& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+  };
+  exit.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
   posix_spawn_file_actions_destroy(&actions);
   if (error == 0) {
     exit.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

@@ -95,6 +95,7 @@ struct Contender {
   bench::Output output;
   std::function<void(const bench::Exit&)> check;  // stops the report when the run went wrong
   std::vector<double> times{};
+  std::vector<double> cpuTimes{};  // user + system, for the same runs
 };
 
 // Runs every contender once per round, each round starting with the next one, so that a slow
@@ -108,6 +109,7 @@ void alternate(std::vector<Contender*>& contenders, int rounds,
       const bench::Exit exit = bench::run(c.command, c.output);
       c.check(exit);
       c.times.push_back(exit.seconds);
+      c.cpuTimes.push_back(exit.cpuSeconds);
     }
   }
 }
@@ -234,6 +236,15 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
       "median %.2f)\n",
       bench::median(lumora.times) / bench::median(floor.times), toFloor.low, toFloor.high,
       toFloor.mid);
+  // CPU time is what each program costs the machine, all its threads together; on a busy
+  // machine it varies less than the time to exit, which waits on the scheduler too.
+  const RoundRatios cpuToFloor = roundRatios(lumora.cpuTimes, floor.cpuTimes);
+  std::printf(
+      "   CPU time lumora/floor      %9.2f      (%.1f ms / %.1f ms; per round %.2f..%.2f, "
+      "median %.2f)\n",
+      bench::median(lumora.cpuTimes) / bench::median(floor.cpuTimes),
+      bench::median(lumora.cpuTimes) * 1e3, bench::median(floor.cpuTimes) * 1e3, cpuToFloor.low,
+      cpuToFloor.high, cpuToFloor.mid);
   const RoundRatios toCurl = roundRatios(lumora.times, curlRun.times);
   std::printf(
       "   ratio lumora/curl          %9.2f      (a reference: curl checks nothing; per round "

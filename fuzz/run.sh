@@ -18,7 +18,8 @@ targets=("$@")
 [ ${#targets[@]} -gt 0 ] ||
   targets=(line_rules claude_lines generative_language ollama_lines reka_lines cloud_lines
     error_body mime_header mime_parse mime_quoted_printable mime_base64 mime_charset
-    html_tokenizer html_tree mail_parser mail_reader store_files native_messages url_secrets)
+    html_tokenizer html_tree mail_parser mail_reader store_files native_messages url_secrets
+    stream_record)
 cmake --build build-fuzz -j 2 --target "${targets[@]/#/fuzz_}"
 fuzz_one() {
   local t=$1 seconds=$2
@@ -26,7 +27,7 @@ fuzz_one() {
   mkdir -p "$work" "$artifacts"
   local seeds=("fuzz/corpus/$t" "fuzz/regressions/$t") dicts=() limits=()
   case "$t" in
-    line_rules | error_body)
+    line_rules | error_body | stream_record)
       seeds+=(../shared/fixtures/providers/openai ../shared/fixtures/providers/openai-compatible)
       dicts=(json) ;;
     generative_language) seeds+=(../shared/fixtures/providers/gemini) dicts=(json) ;;

@@ -87,27 +87,27 @@ std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
   // The JSON parser checks UTF-8 anyway, so a line is only looked at again when it fails
   // there (or when it is about to be shown in a debug line).
   std::string repaired;
-  if (debug::enabled() && !text::isValidUtf8(raw)) {
+  const bool debugging = debug::enabled();
+  if (debugging && !text::isValidUtf8(raw)) {
     repaired = text::repairedUtf8(raw);
     raw = repaired;
   }
   std::string_view line = text::trimmed(raw);
-  if (debug::enabled()) debug::line({"[debug] process line", line});
+  if (debugging) debug::line({"[debug] process line", line});
 
   if (line.ends_with(kDoneMarker)) return std::nullopt;
   if (rule_ == LineRule::openAICompatible && line.ends_with(kOpenRouterKeepAlive))
     return std::nullopt;
   if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
 
-  bool parsed = decoder_.parse(line);
-  if (!parsed && repaired.empty() && !text::isValidUtf8(line)) {
+  const ChatDelta* record = decoder_.streamLine(line);
+  if (!record && repaired.empty() && !text::isValidUtf8(line)) {
     repaired = text::repairedUtf8(line);
     line = repaired;
-    parsed = decoder_.parse(line);
+    record = decoder_.streamLine(line);
   }
-  if (!parsed) json::failNotJson(line);
-  if (auto error = decoder_.errorResponse()) throw OpenAIError::apiError(std::move(*error));
-  const ChatDelta& delta = decoder_.chatDelta();
+  if (!record) json::failNotJson(line);
+  const ChatDelta& delta = *record;
 
   std::optional<std::string> finishReason;
   if (!delta.choices.empty()) {

@@ -1,5 +1,6 @@
 #include "lumora/chat/ChunkStream.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -26,12 +27,17 @@ struct ChunkSink::Target {
   std::vector<Batch> spares;
   bool waiting = false;
   bool finished = false;
+  std::atomic<bool> newestOnly{false};  // set by the consumer's first newest()
   std::exception_ptr failure;
   std::vector<Batch> taken;  // consumer only: taken[batch][next] is the next chunk
   size_t batch = 0;          // consumer only
   size_t next = 0;           // consumer only
   std::jthread producer;     // last: joined first when the state goes
 };
+
+bool ChunkSink::newestOnly() const {
+  return target_.newestOnly.load(std::memory_order_relaxed);
+}
 
 void ChunkSink::publish() {
   if (kept_.empty()) return;
@@ -129,6 +135,7 @@ std::optional<StreamChunk> ChunkStream::next(std::stop_token stop) {
 
 std::optional<StreamChunk> ChunkStream::newest(std::stop_token stop) {
   State& s = *state_;
+  s.newestOnly.store(true, std::memory_order_relaxed);
   if (stop.stop_requested()) return std::nullopt;
   // What is published already comes along; only when nothing is left unread is it waited for.
   // Published batches are never empty, so the last one holds the newest chunk.

@@ -32,7 +32,13 @@ class ChunkSink {
  public:
   static constexpr size_t kMaxKept = 1024;
 
-  void emit(StreamChunk chunk) {
+  void emit(StreamChunk&& chunk) {
+    // A consumer of the newest chunk only would drop every older one kept here, so the newest
+    // replaces them as it comes: nothing to hand over or free for each record.
+    if (!kept_.empty() && newestOnly()) {
+      kept_.back() = std::move(chunk);
+      return;
+    }
     kept_.push_back(std::move(chunk));
     if (kept_.size() >= kMaxKept) publish();
   }
@@ -42,6 +48,7 @@ class ChunkSink {
   friend class ChunkStream;
   struct Target;
   explicit ChunkSink(Target& target) : target_(target) {}
+  bool newestOnly() const;
   Target& target_;
   std::vector<StreamChunk> kept_;
 };
@@ -68,7 +75,8 @@ class ChunkStream {
   // The newest chunk published so far, every older one not yet taken being dropped; blocks as
   // next() does when there is none. Since each chunk carries the whole reply so far, a consumer
   // that only shows the reply loses nothing, and a fast stream costs it one call per burst.
-  // Ends and fails as next() does.
+  // Ends and fails as next() does. From the first call on, the producer keeps only its newest
+  // chunk between publishes, so a consumer calls this or next(), not both.
   std::optional<StreamChunk> newest(std::stop_token stop = {});
 
  private:

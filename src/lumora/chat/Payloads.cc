@@ -53,6 +53,7 @@ std::string ChatRequestPayload::toJSON() const {
 
 struct WireDecoder::Impl {
   simdjson::dom::parser parser;
+  simdjson::ondemand::parser plainParser;  // for streamLine()'s common shape
   simdjson::dom::element root;
   std::string padded;  // the input copied with simdjson's padding, reused
   std::string keyScratch;
@@ -62,12 +63,21 @@ struct WireDecoder::Impl {
 WireDecoder::WireDecoder() : impl_(std::make_unique<Impl>()) {}
 WireDecoder::~WireDecoder() = default;
 
-bool WireDecoder::parse(std::string_view json) {
+void WireDecoder::pad(std::string_view json) {
   Impl& d = *impl_;
   if (d.padded.size() < json.size() + simdjson::SIMDJSON_PADDING)
     d.padded.resize(json.size() + simdjson::SIMDJSON_PADDING);
   std::memcpy(d.padded.data(), json.data(), json.size());
-  auto result = d.parser.parse(d.padded.data(), json.size(), false);
+}
+
+bool WireDecoder::parse(std::string_view json) {
+  pad(json);
+  return parsePadded(json.size());
+}
+
+bool WireDecoder::parsePadded(size_t length) {
+  Impl& d = *impl_;
+  auto result = d.parser.parse(d.padded.data(), length, false);
   if (result.error()) {
     error_ = simdjson::error_message(result.error());
     return false;
@@ -101,7 +111,22 @@ bool optionalString(element value, std::optional<std::string_view>& out) {
 std::string quoted(std::string_view key) { return "\"" + std::string(key) + "\""; }
 
 // The record fields a stream line is read for, by their names after key conversion.
-enum class Field { other, id, object, created, model, choices, delta, finishReason, role, content };
+// `ignored` (a key known to be no field) and `errorKey` (the key of an error body) come only from
+// the reading without a tree.
+enum class Field {
+  other,
+  id,
+  object,
+  created,
+  model,
+  choices,
+  delta,
+  finishReason,
+  role,
+  content,
+  ignored,
+  errorKey
+};
 
 constexpr size_t kLongestField = 12;  // "finishReason"
 
@@ -136,24 +161,286 @@ Field fieldNamed(std::string_view name) {
   }
 }
 
-// The field that the wire key `key` converts to. Called for every key of every record, so a
-// key is converted at most once, into a buffer reused from key to key.
-Field fieldOf(std::string_view key, std::string& scratch) {
-  // Most keys are spelled on the wire as their field is named (no field name holds an
-  // underscore, so such a key converts to itself).
-  if (const Field named = fieldNamed(key); named != Field::other) return named;
-  // The wire's own spelling of the one snake-case field, the key of every choice.
-  if (is(key, "finish_reason")) return Field::finishReason;
+// fieldOf() for a key that is none of the usual wire keys: a key with an underscore may still
+// convert to a field name ("finish__reason"). Rare, so kept out of line.
+[[gnu::noinline]] Field convertedFieldOf(std::string_view key, std::string& scratch) {
   const size_t first = key.find('_');
+  // A key without an underscore converts to itself, and fieldOf() has compared it already.
   if (first == std::string_view::npos) return Field::other;
   const size_t underscores =
       1 + static_cast<size_t>(std::count(key.begin() + first + 1, key.end(), '_'));
-  // Conversion drops only inner underscores; a key too long to become any field name (such as
-  // "system_fingerprint") is no field, and needs no conversion.
+  // Conversion drops only inner underscores; a key too long to become any field name is no
+  // field, and needs no conversion.
   if (key.size() - underscores > kLongestField) return Field::other;
   keycase::fromSnakeCase(key, scratch);
   return fieldNamed(scratch);
 }
+
+// The field that the wire key `key` converts to. Called for every key of every record, so the
+// keys that servers send are told apart by their length and one comparison, and only another
+// key is converted, into a buffer reused from key to key.
+inline Field fieldOf(std::string_view key, std::string& scratch) {
+  switch (key.size()) {
+    case 2:
+      if (is(key, "id")) return Field::id;
+      break;
+    case 4:
+      if (is(key, "role")) return Field::role;
+      break;
+    case 5:
+      if (is(key, "model")) return Field::model;
+      if (is(key, "delta")) return Field::delta;
+      if (is(key, "index")) return Field::other;
+      break;
+    case 6:
+      if (is(key, "object")) return Field::object;
+      break;
+    case 7:
+      if (is(key, "created")) return Field::created;
+      if (is(key, "choices")) return Field::choices;
+      if (is(key, "content")) return Field::content;
+      break;
+    case 8:
+      if (is(key, "logprobs")) return Field::other;
+      break;
+    case 12:
+      if (is(key, "finishReason")) return Field::finishReason;
+      break;
+    case 13:
+      // The wire's own spelling of the one snake-case field, the key of every choice.
+      if (is(key, "finish_reason")) return Field::finishReason;
+      break;
+    case 18:
+      if (is(key, "system_fingerprint")) return Field::other;
+      break;
+    default:
+      break;
+  }
+  return convertedFieldOf(key, scratch);
+}
+
+constexpr size_t kPlainLineMax = size_t{64} << 10;
+
+// ---- the stream record's common shape, read without a tree ---------------------------------
+//
+// Nearly every line of a stream is a record of one plain shape. Reading it with simdjson's
+// On-Demand API skips building the document's tree, which costs as much again as finding its
+// structure; but On-Demand checks only what it is asked to read. So this reading asks for every
+// value, and answers only when it has read the whole record and found it well-formed and of the
+// plain shape: each value a string, number, true, false or null, except the record's object, its
+// "choices" list, each choice and its "delta". Anything else (a value it does not read to the
+// end, a nested value it does not know, a missing key, a wrong type, an error body) it leaves to
+// the tree reading, which decides exactly as for every other record. So what it returns is what
+// the tree reading would return for the same line.
+namespace plain {
+
+namespace od = simdjson::ondemand;
+
+// `raw` (a key as written, just after its opening quote) is `word` followed by its closing
+// quote. The input is padded, so reading past a shorter key is safe; a key with an escape never
+// matches, and is unescaped and converted instead.
+template <size_t N>
+bool spells(const char* raw, const char (&word)[N]) {
+  return std::memcmp(raw, word, N - 1) == 0 && raw[N - 1] == '"';
+}
+
+// The field of a key as the usual servers write it, read in place; Field::error for "error"
+// and Field::other for any other key, which fieldOf() then reads unescaped.
+Field rawField(const char* raw) {
+  switch (raw[0]) {
+    case 'i':
+      if (spells(raw, "id")) return Field::id;
+      if (spells(raw, "index")) return Field::ignored;
+      break;
+    case 'o':
+      if (spells(raw, "object")) return Field::object;
+      break;
+    case 'c':
+      if (spells(raw, "created")) return Field::created;
+      if (spells(raw, "choices")) return Field::choices;
+      if (spells(raw, "content")) return Field::content;
+      break;
+    case 'm':
+      if (spells(raw, "model")) return Field::model;
+      break;
+    case 'd':
+      if (spells(raw, "delta")) return Field::delta;
+      break;
+    case 'r':
+      if (spells(raw, "role")) return Field::role;
+      break;
+    case 'f':
+      if (spells(raw, "finish_reason")) return Field::finishReason;
+      break;
+    case 'l':
+      if (spells(raw, "logprobs")) return Field::ignored;
+      break;
+    case 's':
+      if (spells(raw, "system_fingerprint")) return Field::ignored;
+      break;
+    case 'e':
+      if (spells(raw, "error")) return Field::errorKey;
+      break;
+    default:
+      break;
+  }
+  return Field::other;
+}
+
+// A scalar value read to its end: its string unescaped, its number parsed, its atom spelled out.
+bool scalar(od::value value) {
+  od::json_type type;
+  if (value.type().get(type)) return false;
+  switch (type) {
+    case od::json_type::string: {
+      std::string_view s;
+      return !value.get_string().get(s);
+    }
+    case od::json_type::number: {
+      od::number n;
+      return !value.get_number().get(n);
+    }
+    case od::json_type::boolean: {
+      bool b;
+      return !value.get_bool().get(b);
+    }
+    case od::json_type::null: {
+      bool isNull = false;
+      return !value.is_null().get(isNull) && isNull;
+    }
+    case od::json_type::object:
+    case od::json_type::array:
+      break;
+  }
+  return false;
+}
+
+// A string or null (nullopt), as optionalString() reads it.
+bool optionalString(od::value value, std::optional<std::string_view>& out) {
+  od::json_type type;
+  if (value.type().get(type)) return false;
+  if (type == od::json_type::null) {
+    bool isNull = false;
+    if (value.is_null().get(isNull) || !isNull) return false;
+    out.reset();
+    return true;
+  }
+  std::string_view s;
+  if (value.get_string().get(s)) return false;
+  out = s;
+  return true;
+}
+
+// Each field's unescaped key and its value, to `each`; false when a field cannot be read or
+// `each` refuses it.
+template <typename Each>
+bool fields(od::object object, std::string& scratch, Each&& each) {
+  for (auto result : object) {
+    od::field field;
+    if (std::move(result).get(field)) return false;
+    Field known = rawField(field.key().raw());
+    if (known == Field::other) {
+      std::string_view key;
+      if (field.unescaped_key().get(key)) return false;
+      known = is(key, "error") ? Field::errorKey : fieldOf(key, scratch);
+    }
+    if (!each(known, field.value())) return false;
+  }
+  return true;
+}
+
+bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
+  od::object object;
+  if (value.get_object().get(object)) return false;
+  return fields(object, scratch, [&](Field field, od::value v) {
+    switch (field) {
+      case Field::role:
+        return optionalString(v, out.role);
+      case Field::content:
+        return optionalString(v, out.content);
+      default:
+        return scalar(v);
+    }
+  });
+}
+
+bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
+  od::object object;
+  if (value.get_object().get(object)) return false;
+  return fields(object, scratch, [&](Field field, od::value v) {
+    switch (field) {
+      case Field::delta: {
+        od::json_type type;
+        if (v.type().get(type)) return false;
+        if (type == od::json_type::null) return scalar(v);  // a null delta leaves it as it was
+        ChatDelta::Delta d;
+        if (!delta(v, d, scratch)) return false;
+        out.delta = d;
+        return true;
+      }
+      case Field::finishReason:
+        return optionalString(v, out.finishReason);
+      default:
+        return scalar(v);
+    }
+  });
+}
+
+bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch) {
+  od::array list;
+  if (value.get_array().get(list)) return false;
+  out.clear();  // a later "choices" replaces an earlier one, as in the tree reading
+  for (auto item : list) {
+    od::value v;
+    if (std::move(item).get(v)) return false;
+    ChatDelta::Choice c;
+    if (!choice(v, c, scratch)) return false;
+    out.push_back(c);
+  }
+  return true;
+}
+
+// The record in `padded` (its first `length` bytes, `capacity` with simdjson's padding), read
+// into `out`; false, with `out` in any state, when the tree reading must decide.
+bool record(od::parser& parser, const char* padded, size_t length, size_t capacity,
+            ChatDelta& out, std::string& scratch) {
+  od::document document;
+  if (parser.iterate(padded, length, capacity).get(document)) return false;
+  od::object top;
+  if (document.get_object().get(top)) return false;
+  out.choices.clear();
+  enum : unsigned { kId = 1, kObject = 2, kCreated = 4, kModel = 8, kChoices = 16, kAll = 31 };
+  unsigned seen = 0;
+  const bool read = fields(top, scratch, [&](Field field, od::value v) {
+    switch (field) {
+      case Field::id:
+        seen |= kId;
+        return !v.get_string().get(out.id);
+      case Field::object:
+        seen |= kObject;
+        return !v.get_string().get(out.object);
+      case Field::created:
+        seen |= kCreated;
+        return !v.get_int64().get(out.created);
+      case Field::model:
+        seen |= kModel;
+        return !v.get_string().get(out.model);
+      case Field::choices:
+        seen |= kChoices;
+        return choices(v, out.choices, scratch);
+      case Field::errorKey:
+        return false;  // an error body is read as one by the tree reading
+      default:
+        return scalar(v);
+    }
+  });
+  if (!read || seen != kAll) return false;
+  // Nothing may follow the record's object.
+  const char* after = nullptr;
+  return document.current_location().get(after) == simdjson::OUT_OF_BOUNDS;
+}
+
+}  // namespace plain
 
 }  // namespace
 
@@ -185,11 +472,44 @@ std::optional<OpenAIErrorResponse> WireDecoder::errorResponse() const {
 }
 
 const ChatDelta& WireDecoder::chatDelta() {
-  ChatDelta& out = impl_->delta;
-  std::string& scratch = impl_->keyScratch;
+  bool sawErrorKey = false;
+  return decodeDelta(sawErrorKey);
+}
+
+const ChatDelta& WireDecoder::streamRecord() {
+  // An error body is rare, so it is looked for only when the walk met its key: a record that
+  // fails to decode, or that decodes and has an "error" key besides, is then read again as one.
+  bool sawErrorKey = false;
+  try {
+    const ChatDelta& delta = decodeDelta(sawErrorKey);
+    if (!sawErrorKey) return delta;
+  } catch (const DecodingError&) {
+    if (auto error = errorResponse()) throw OpenAIError::apiError(std::move(*error));
+    throw;
+  }
+  if (auto error = errorResponse()) throw OpenAIError::apiError(std::move(*error));
+  return impl_->delta;
+}
+
+const ChatDelta* WireDecoder::streamLine(std::string_view json) {
+  pad(json);
+  Impl& d = *impl_;
+  // Records are short; a long line goes to the tree reading alone, so that no line costs the
+  // memory of both parsers.
+  if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(), d.padded.size(), d.delta,
+                    d.keyScratch))
+    return &d.delta;
+  if (!parsePadded(json.size())) return nullptr;
+  return &streamRecord();
+}
+
+const ChatDelta& WireDecoder::decodeDelta(bool& sawErrorKey) {
+  Impl& d = *impl_;
+  ChatDelta& out = d.delta;
+  std::string& scratch = d.keyScratch;
   out.choices.clear();
   object top;
-  if (impl_->root.get_object().get(top)) fail("a record is not a JSON object");
+  if (d.root.get_object().get(top)) fail("a record is not a JSON object");
 
   enum : unsigned { kId = 1, kObject = 2, kCreated = 4, kModel = 8, kChoices = 16 };
   unsigned seen = 0;
@@ -217,6 +537,10 @@ const ChatDelta& WireDecoder::chatDelta() {
         seen |= kChoices;
         break;
       case Field::other:
+        sawErrorKey |= is(key, "error");
+        break;
+      case Field::ignored:
+      case Field::errorKey:
       case Field::delta:
       case Field::finishReason:
       case Field::role:

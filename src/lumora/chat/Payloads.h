@@ -67,11 +67,28 @@ class WireDecoder {
   // Throws DecodingError naming what is missing or of the wrong type.
   const ChatDelta& chatDelta();
 
+  // After a successful parse, what one stream line holds, walking the document once: the
+  // stream record as chatDelta() reads it, unless the document is an error body
+  // (errorResponse()), which throws OpenAIError::apiError instead. Throws DecodingError when it
+  // is neither.
+  const ChatDelta& streamRecord();
+
+  // parse() and streamRecord() of one stream line together: nullptr when `json` is not
+  // well-formed JSON (error() tells why); otherwise the record, or the throw, of streamRecord().
+  // A record of the common shape is read without building the document's tree, which halves
+  // the time a line costs; the outcome is the same.
+  const ChatDelta* streamLine(std::string_view json);
+
   // Why the last parse failed.
   const std::string& error() const { return error_; }
 
  private:
   struct Impl;
+  // chatDelta()'s walk; sets `sawErrorKey` when the record has a top-level "error" key.
+  const ChatDelta& decodeDelta(bool& sawErrorKey);
+  // Copies `json` into the padded buffer simdjson reads; parsePadded() parses what it holds.
+  void pad(std::string_view json);
+  bool parsePadded(size_t length);
   std::unique_ptr<Impl> impl_;
   std::string error_;
 };

@@ -11,7 +11,7 @@ size_t ReplyBuffer::blockIndex(size_t pos) {
   return static_cast<size_t>(std::bit_width((pos >> kFirstBlockShift) + 1)) - 1;
 }
 
-void ReplyBuffer::append(std::string_view bytes) {
+void ReplyBuffer::appendToNewBlocks(std::string_view bytes) {
   while (!bytes.empty()) {
     const size_t index = blockIndex(size_);
     if (index >= kMaxBlocks) throw std::length_error("reply too long");
@@ -23,6 +23,8 @@ void ReplyBuffer::append(std::string_view bytes) {
     std::memcpy(blocks_[index].get() + offset, bytes.data(), n);
     size_ += n;
     bytes.remove_prefix(n);
+    tail_ = blocks_[index].get() + offset + n;
+    room_ = blockCapacity(index) - offset - n;
   }
 }
 

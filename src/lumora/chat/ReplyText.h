@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,7 +21,18 @@ namespace lumora {
 // appended bytes never move, and a block is never touched again once a later one is in use.
 class ReplyBuffer {
  public:
-  void append(std::string_view bytes);
+  // Called for every record of a stream: the common case, room left in the current block, is
+  // one copy here.
+  void append(std::string_view bytes) {
+    if (bytes.size() <= room_) {
+      std::memcpy(tail_, bytes.data(), bytes.size());
+      tail_ += bytes.size();
+      room_ -= bytes.size();
+      size_ += bytes.size();
+      return;
+    }
+    appendToNewBlocks(bytes);
+  }
   size_t size() const { return size_; }
 
   // Appends bytes [from, to) to `out`. Precondition: to <= a size published to this reader.
@@ -33,8 +45,13 @@ class ReplyBuffer {
   static size_t blockStart(size_t index) { return ((size_t{1} << index) - 1) << kFirstBlockShift; }
   static size_t blockCapacity(size_t index) { return size_t{1} << (index + kFirstBlockShift); }
 
+  void appendToNewBlocks(std::string_view bytes);
+
   std::array<std::unique_ptr<char[]>, kMaxBlocks> blocks_;
   size_t size_ = 0;
+  // The appending thread's place in the last block, and what that block has left.
+  char* tail_ = nullptr;
+  size_t room_ = 0;
 };
 
 // A prefix of a ReplyBuffer: the reply as it stood when a chunk was made. Cheap to copy.

@@ -44,7 +44,9 @@ std::string withLineEnds(std::string_view reply, std::string_view eol) {
     }
   }
   // Trailing line ends are the draft's to give.
-  while (out.ends_with(eol)) out.resize(out.size() - eol.size());
+  size_t end = out.size();
+  while (!eol.empty() && std::string_view(out).substr(0, end).ends_with(eol)) end -= eol.size();
+  out.erase(end);
   return out;
 }
 

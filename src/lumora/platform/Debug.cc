@@ -7,12 +7,15 @@
 #include "lumora/platform/Redact.h"
 
 namespace lumora::debug {
+
+// The default sink is installed from the start.
+constinit std::atomic<bool> detail::sinkInstalled{true};
+
 namespace {
 
 struct State {
   std::mutex mutex;
   Sink sink = stdoutSink();
-  std::atomic<bool> on{true};
 };
 
 State& state() {
@@ -36,11 +39,10 @@ Sink stderrSink() { return fileSink(stderr); }
 void setSink(Sink sink) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  s.on.store(static_cast<bool>(sink), std::memory_order_relaxed);
+  detail::sinkInstalled.store(static_cast<bool>(sink), std::memory_order_relaxed);
   s.sink = std::move(sink);
 }
 
-bool enabled() { return state().on.load(std::memory_order_relaxed); }
 
 void line(std::initializer_list<std::string_view> parts) {
   if (!enabled()) return;

@@ -5,6 +5,7 @@
 // standard output for something else install their own sink or none. Thread-safe.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -21,8 +22,14 @@ void setSink(Sink sink);
 Sink stdoutSink();
 Sink stderrSink();
 
-// True when a sink is installed. Hot paths test this before formatting anything.
-bool enabled();
+namespace detail {
+// Whether a sink is installed; set by setSink() only.
+extern std::atomic<bool> sinkInstalled;
+}  // namespace detail
+
+// True when a sink is installed. Hot paths test this before formatting anything, for every line
+// of a stream, so it is one load.
+inline bool enabled() { return detail::sinkInstalled.load(std::memory_order_relaxed); }
 
 // Joins `parts` with one blank and emits the line.
 void line(std::initializer_list<std::string_view> parts);

@@ -143,18 +143,22 @@ TreeBuilder::Action TreeBuilder::textMode(const Input& in) {
   }
 }
 
-TreeBuilder::Action TreeBuilder::afterBody(const Input& in) {
-  if (const auto handled = opening(in, {Ws::asInBody, Co::onHtmlElement, true})) return *handled;
-  if (in.isEnd(T::html)) {
-    if (!hasContext_) mode_ = InsertionMode::afterAfterBody;
-    return Action::done;
-  }
+TreeBuilder::Action TreeBuilder::backToBody(const Input& in) {
   if (in.kind == K::endOfFile) {
     stopped_ = true;
     return Action::done;
   }
   mode_ = InsertionMode::inBody;
   return Action::reprocess;
+}
+
+TreeBuilder::Action TreeBuilder::afterBody(const Input& in) {
+  if (const auto handled = opening(in, {Ws::asInBody, Co::onHtmlElement, true})) return *handled;
+  if (in.isEnd(T::html)) {
+    if (!hasContext_) mode_ = InsertionMode::afterAfterBody;
+    return Action::done;
+  }
+  return backToBody(in);
 }
 
 TreeBuilder::Action TreeBuilder::inFrameset(const Input& in) {
@@ -193,12 +197,7 @@ TreeBuilder::Action TreeBuilder::afterFrameset(const Input& in) {
 
 TreeBuilder::Action TreeBuilder::afterAfterBody(const Input& in) {
   if (const auto handled = opening(in, {Ws::asInBody, Co::onDocument, true})) return *handled;
-  if (in.kind == K::endOfFile) {
-    stopped_ = true;
-    return Action::done;
-  }
-  mode_ = InsertionMode::inBody;
-  return Action::reprocess;
+  return backToBody(in);
 }
 
 TreeBuilder::Action TreeBuilder::afterAfterFrameset(const Input& in) {

@@ -173,11 +173,14 @@ TreeBuilder::Action TreeBuilder::inColumnGroup(const Input& in) {
   return Action::reprocess;
 }
 
-TreeBuilder::Action TreeBuilder::closeTableBody(bool inScope, Action then) {
+TreeBuilder::Action TreeBuilder::closeTablePart(TagId part, bool inScope, Action then) {
   if (!inScope) return Action::done;
-  clearToTableBodyContext();
+  if (part == T::tr)
+    clearToTableRowContext();
+  else
+    clearToTableBodyContext();
   pop();
-  mode_ = InsertionMode::inTable;
+  mode_ = part == T::tr ? InsertionMode::inTableBody : InsertionMode::inTable;
   return then;
 }
 
@@ -195,21 +198,14 @@ TreeBuilder::Action TreeBuilder::inTableBody(const Input& in) {
     return Action::reprocess;
   }
   if (in.isEndOf({T::tbody, T::tfoot, T::thead}))
-    return closeTableBody(inScope(Scope::table, in.id), Action::done);
+    return closeTablePart(T::tbody, inScope(Scope::table, in.id), Action::done);
   if (in.isStartOf({T::caption, T::col, T::colgroup, T::tbody, T::tfoot, T::thead}) ||
       in.isEnd(T::table))
-    return closeTableBody(inScope(Scope::table, T::tbody, T::thead, T::tfoot), Action::reprocess);
+    return closeTablePart(T::tbody, inScope(Scope::table, T::tbody, T::thead, T::tfoot),
+                          Action::reprocess);
   if (in.isEndOf({T::body, T::caption, T::col, T::colgroup, T::html, T::td, T::th, T::tr}))
     return Action::done;
   return inTable(in);
-}
-
-TreeBuilder::Action TreeBuilder::closeRow(bool inScope, Action then) {
-  if (!inScope) return Action::done;
-  clearToTableRowContext();
-  pop();
-  mode_ = InsertionMode::inTableBody;
-  return then;
 }
 
 TreeBuilder::Action TreeBuilder::inRow(const Input& in) {
@@ -220,13 +216,13 @@ TreeBuilder::Action TreeBuilder::inRow(const Input& in) {
     insertMarker();
     return Action::done;
   }
-  if (in.isEnd(T::tr)) return closeRow(inScope(Scope::table, T::tr), Action::done);
+  if (in.isEnd(T::tr)) return closeTablePart(T::tr, inScope(Scope::table, T::tr), Action::done);
   if (in.isStartOf({T::caption, T::col, T::colgroup, T::tbody, T::tfoot, T::thead, T::tr}) ||
       in.isEnd(T::table))
-    return closeRow(inScope(Scope::table, T::tr), Action::reprocess);
+    return closeTablePart(T::tr, inScope(Scope::table, T::tr), Action::reprocess);
   if (in.isEndOf({T::tbody, T::tfoot, T::thead}))
-    return closeRow(inScope(Scope::table, in.id) && inScope(Scope::table, T::tr),
-                    Action::reprocess);
+    return closeTablePart(T::tr, inScope(Scope::table, in.id) && inScope(Scope::table, T::tr),
+                          Action::reprocess);
   if (in.isEndOf({T::body, T::caption, T::col, T::colgroup, T::html, T::td, T::th}))
     return Action::done;
   return inTable(in);

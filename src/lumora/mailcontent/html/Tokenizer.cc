@@ -109,26 +109,11 @@ Tokenizer::~Tokenizer() = default;
 const Token& Tokenizer::next() { return impl_->next(); }
 
 void Tokenizer::switchTo(TokenizerState state) {
-  switch (state) {
-    case TokenizerState::data:
-      impl_->state = State::data;
-      return;
-    case TokenizerState::rcdata:
-      impl_->state = State::rcdata;
-      return;
-    case TokenizerState::rawtext:
-      impl_->state = State::rawtext;
-      return;
-    case TokenizerState::scriptData:
-      impl_->state = State::scriptData;
-      return;
-    case TokenizerState::plaintext:
-      impl_->state = State::plaintext;
-      return;
-    case TokenizerState::cdataSection:
-      impl_->state = State::cdataSection;
-      return;
-  }
+  // In the order of TokenizerState.
+  static constexpr State kStates[] = {State::data,       State::rcdata,    State::rawtext,
+                                      State::scriptData, State::plaintext, State::cdataSection};
+  static_assert(std::size(kStates) == static_cast<size_t>(TokenizerState::cdataSection) + 1);
+  impl_->state = kStates[static_cast<size_t>(state)];
 }
 
 void Tokenizer::setLastStartTagName(std::string_view name) { impl_->lastStartTag.assign(name); }

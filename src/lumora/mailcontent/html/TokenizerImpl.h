@@ -272,6 +272,9 @@ struct Tokenizer::Impl {
   bool rawTextUpTo(State lessThanSign);
   // The escaped and double-escaped script data states and their dashes.
   bool escapedScript();
+  // Whether `c`, the byte at pos, ends the tag: '>' (consumed, the tag emitted) or the end of
+  // the input (the end of the file emitted, the tag dropped).
+  bool closesTag(int c);
   // Whether `c`, the byte at pos, ends the comment or DOCTYPE being read: '>' (consumed) or the
   // end of the input. Emits it if so; a DOCTYPE cut off by the end of the input is quirky.
   bool closesMarkup(int c);

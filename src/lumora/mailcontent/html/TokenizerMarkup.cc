@@ -74,9 +74,12 @@ bool Tokenizer::Impl::commentStates() {
         }
         break;
       }
-      case State::commentStartDash: {
+      case State::commentStartDash:
+      case State::commentEndDash: {
+        // A '-' read: right after the "<!--" a '>' closes the comment ("<!-->" is one, empty);
+        // further in, the '>' goes back to the comment as text.
         const int c = peek();
-        if (closesMarkup(c)) return true;
+        if (state == State::commentStartDash ? closesMarkup(c) : emitsAtEnd(c)) return true;
         if (c == '-') {
           ++pos;
           state = State::commentEnd;
@@ -131,18 +134,6 @@ bool Tokenizer::Impl::commentStates() {
         // "<!--" nested in a comment is an error, but the comment ends where it would anyway.
         state = State::commentEnd;
         break;
-      case State::commentEndDash: {
-        const int c = peek();
-        if (emitsAtEnd(c)) return true;
-        if (c == '-') {
-          ++pos;
-          state = State::commentEnd;
-        } else {
-          markup.data += '-';
-          state = State::comment;
-        }
-        break;
-      }
       case State::commentEnd: {
         const int c = peek();
         if (closesMarkup(c)) return true;

@@ -100,16 +100,8 @@ bool Tokenizer::Impl::tagStates() {
       }
       case State::selfClosingStartTag: {
         const int c = peek();
-        if (c == kEndOfInput) {
-          emitEndOfFile();
-          return true;
-        }
-        if (c == '>') {
-          ++pos;
-          markup.selfClosing = true;
-          emitTag();
-          return true;
-        }
+        if (c == '>') markup.selfClosing = true;
+        if (closesTag(c)) return true;
         state = State::beforeAttributeName;
         break;
       }
@@ -117,6 +109,17 @@ bool Tokenizer::Impl::tagStates() {
         return false;
     }
   }
+}
+
+bool Tokenizer::Impl::closesTag(int c) {
+  if (c == kEndOfInput) {
+    emitEndOfFile();
+    return true;
+  }
+  if (c != '>') return false;
+  ++pos;
+  emitTag();
+  return true;
 }
 
 bool Tokenizer::Impl::attributeNameStates() {
@@ -156,20 +159,10 @@ bool Tokenizer::Impl::attributeNameStates() {
       case State::afterAttributeName: {
         skipWhiteSpace();
         const int c = peek();
-        if (c == kEndOfInput) {
-          emitEndOfFile();
-          return true;
-        }
-        if (c == '/') {
+        if (closesTag(c)) return true;
+        if (c == '/' || c == '=') {
           ++pos;
-          state = State::selfClosingStartTag;
-        } else if (c == '=') {
-          ++pos;
-          state = State::beforeAttributeValue;
-        } else if (c == '>') {
-          ++pos;
-          emitTag();
-          return true;
+          state = c == '/' ? State::selfClosingStartTag : State::beforeAttributeValue;
         } else {
           startAttribute();
           state = State::attributeName;
@@ -259,23 +252,10 @@ bool Tokenizer::Impl::attributeValueStates() {
       }
       case State::afterAttributeValueQuoted: {
         const int c = peek();
-        if (c == kEndOfInput) {
-          emitEndOfFile();
-          return true;
-        }
-        if (isSpace(c)) {
-          ++pos;
-          state = State::beforeAttributeName;
-        } else if (c == '/') {
-          ++pos;
-          state = State::selfClosingStartTag;
-        } else if (c == '>') {
-          ++pos;
-          emitTag();
-          return true;
-        } else {
-          state = State::beforeAttributeName;
-        }
+        if (closesTag(c)) return true;
+        // Anything but white space and '/' starts the next attribute unseparated, an error.
+        if (isSpace(c) || c == '/') ++pos;
+        state = c == '/' ? State::selfClosingStartTag : State::beforeAttributeName;
         break;
       }
       default:

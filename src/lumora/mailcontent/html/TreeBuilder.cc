@@ -253,94 +253,43 @@ void TreeBuilder::closeP() {
   popUntil(T::p);
 }
 
-namespace {
-
-// The mode an open element calls for when the stack is read from the top down; `none` for the
-// elements that call for nothing and let the search go on.
-enum class ModeOf : uint8_t {
-  none,
-  select,
-  cell,
-  row,
-  tableBody,
-  caption,
-  columnGroup,
-  table,
-  head,
-  body,
-  frameset,
-  html,
-};
-
-constexpr TagMap<ModeOf> kModeOf = mapTags<ModeOf>({
-    {ModeOf::select, {TagId::select}},
-    {ModeOf::cell, {TagId::td, TagId::th}},
-    {ModeOf::row, {TagId::tr}},
-    {ModeOf::tableBody, {TagId::tbody, TagId::thead, TagId::tfoot}},
-    {ModeOf::caption, {TagId::caption}},
-    {ModeOf::columnGroup, {TagId::colgroup}},
-    {ModeOf::table, {TagId::table}},
-    {ModeOf::head, {TagId::head}},
-    {ModeOf::body, {TagId::body}},
-    {ModeOf::frameset, {TagId::frameset}},
-    {ModeOf::html, {TagId::html}},
-});
-
-}  // namespace
-
 void TreeBuilder::resetInsertionMode() {
   using M = InsertionMode;
+  // The mode an open element calls for when the stack is read from the top down; `initial`
+  // for the elements that call for none, where the search goes on.
+  static constexpr TagMap<M> kModeFor = mapTags<M>({
+      {M::inSelect, {T::select}},
+      {M::inCell, {T::td, T::th}},
+      {M::inRow, {T::tr}},
+      {M::inTableBody, {T::tbody, T::thead, T::tfoot}},
+      {M::inCaption, {T::caption}},
+      {M::inColumnGroup, {T::colgroup}},
+      {M::inTable, {T::table}},
+      {M::inHead, {T::head}},
+      {M::inBody, {T::body}},
+      {M::inFrameset, {T::frameset}},
+      {M::beforeHead, {T::html}},
+  });
   for (size_t i = open_.size(); i-- > 0;) {
     const bool last = i == 0;
     const TagId id = last && hasContext_ ? contextId_ : doc_.tagOf(open_[i]);
-    switch (kModeOf[static_cast<size_t>(id)]) {
-      case ModeOf::select:
-        mode_ = M::inSelect;
-        for (size_t j = last ? 0 : i; j-- > 0;) {
-          const TagId below = doc_.tagOf(open_[j]);
-          if (below == T::template_) break;
-          if (below == T::table) {
-            mode_ = M::inSelectInTable;
-            break;
-          }
+    const M mode = kModeFor[static_cast<size_t>(id)];
+    // At the bottom of the stack, where a fragment's context stands, a cell or a head is body
+    // content.
+    if (mode == M::initial || (last && (mode == M::inCell || mode == M::inHead))) continue;
+    mode_ = mode;
+    if (mode == M::beforeHead && head_ != kNoNode) mode_ = M::afterHead;
+    if (mode == M::inSelect && !last) {
+      for (size_t j = i; j-- > 0;) {
+        const TagId below = doc_.tagOf(open_[j]);
+        if (below == T::template_) break;
+        if (below == T::table) {
+          mode_ = M::inSelectInTable;
+          break;
         }
-        return;
-      case ModeOf::cell:
-        if (last) break;
-        mode_ = M::inCell;
-        return;
-      case ModeOf::row:
-        mode_ = M::inRow;
-        return;
-      case ModeOf::tableBody:
-        mode_ = M::inTableBody;
-        return;
-      case ModeOf::caption:
-        mode_ = M::inCaption;
-        return;
-      case ModeOf::columnGroup:
-        mode_ = M::inColumnGroup;
-        return;
-      case ModeOf::table:
-        mode_ = M::inTable;
-        return;
-      case ModeOf::head:
-        if (last) break;
-        mode_ = M::inHead;
-        return;
-      case ModeOf::body:
-        mode_ = M::inBody;
-        return;
-      case ModeOf::frameset:
-        mode_ = M::inFrameset;
-        return;
-      case ModeOf::html:
-        mode_ = head_ != kNoNode ? M::afterHead : M::beforeHead;
-        return;
-      case ModeOf::none:
-        break;
+      }
     }
-    if (last) break;
+    return;
   }
   mode_ = M::inBody;
 }

@@ -331,6 +331,8 @@ class TreeBuilder {
   Action inHeadNoscript(const Input& in);
   Action afterHead(const Input& in);
   Action textMode(const Input& in);
+  // What follows the body: the end of the input stops, anything else is body content again.
+  Action backToBody(const Input& in);
   Action afterBody(const Input& in);
   Action inFrameset(const Input& in);
   Action afterFrameset(const Input& in);
@@ -369,10 +371,9 @@ class TreeBuilder {
   Action inCell(const Input& in);
   bool closeCaption();
   void closeCell();
-  // Closes the open table body or row when `inScope`, back to the mode around it: the token
-  // then goes on as `then` says. When not in scope the token is ignored.
-  Action closeTableBody(bool inScope, Action then);
-  Action closeRow(bool inScope, Action then);
+  // Closes the open table body (`part` tbody) or row (tr) when `inScope`, back to the mode
+  // around it; the token then goes on as `then` says. When not in scope it is ignored.
+  Action closeTablePart(TagId part, bool inScope, Action then);
 
   // ---- the select element (SelectModes.cc) -------------------------------------------------
 

@@ -1,6 +1,6 @@
 // The tokenizer's inside, shared by the files that define its states by family: Tokenizer.cc
-// (the driver), TokenizerText.cc (text, script data, CDATA), TokenizerTags.cc (tags and
-// attributes), TokenizerMarkup.cc (comments and DOCTYPEs) and CharacterReferences.cc.
+// (the driver, text, tags and attributes), TokenizerScript.cc (script data, CDATA),
+// TokenizerMarkup.cc (comments and DOCTYPEs) and CharacterReferences.cc.
 //
 // The input is UTF-8, read byte by byte: every character the tokenizer treats specially is
 // ASCII, and the bytes of a multi-byte sequence (or of invalid UTF-8) are all >= 0x80, so they
@@ -239,12 +239,14 @@ struct Tokenizer::Impl {
 
   // The states by family. Each runs while the state stays in its family, and returns true when
   // it has completed a token (left in `markup`), false when it has moved to a state of another
-  // family. Inside a family every case either breaks (on to the state it set) or returns.
-  bool textStates();               // data, RCDATA, RAWTEXT, PLAINTEXT, and end tags in them
+  // family. Inside a family every case either breaks (on to the state it set) or returns. The
+  // families of the hot path are defined in Tokenizer.cc, inlined into run(): a call and a
+  // return at every change of family cost a parse some percent.
+  [[gnu::always_inline]] inline bool textStates();  // data, RCDATA, RAWTEXT, PLAINTEXT, end tags
+  [[gnu::always_inline]] inline bool tagStates();   // tag open, end tag open, name, self-closing
+  [[gnu::always_inline]] inline bool attributeNameStates();   // before, in and after the name
+  [[gnu::always_inline]] inline bool attributeValueStates();  // the value, quoted or not
   bool scriptStates();             // script data: "<!--" escapes, "<script" double escapes
-  bool tagStates();                // tag open, end tag open, tag name, self-closing
-  bool attributeNameStates();      // before, in and after an attribute name
-  bool attributeValueStates();     // the value, quoted or not
   bool markupDeclarationStates();  // "<!", bogus comments
   bool commentStates();            // the rest of the comments
   bool doctypeStates();            // DOCTYPE and its name

@@ -157,44 +157,6 @@ void TreeBuilder::feedMade(Token::Type type, TagId id, std::vector<Attribute> at
   feed({type == Token::Type::startTag ? K::startTag : K::endTag, &token, id});
 }
 
-std::optional<TreeBuilder::Action> TreeBuilder::opening(const Input& in, Opening how) {
-  switch (in.kind) {
-    case K::whitespace:
-      switch (how.whitespace) {
-        case Ws::own:
-          return std::nullopt;
-        case Ws::ignore:
-          return Action::done;
-        case Ws::insert:
-          insertCharacters(in.text);
-          return Action::done;
-        case Ws::asInBody:
-          return inBody(in);
-      }
-      return std::nullopt;
-    case K::comment:
-      switch (how.comment) {
-        case Co::atPlace:
-          insertComment(in);
-          break;
-        case Co::onDocument:
-          insertComment(in, root_);
-          break;
-        case Co::onHtmlElement:
-          insertComment(in, open_.front());
-          break;
-      }
-      return Action::done;
-    case K::doctype:
-      return Action::done;
-    case K::startTag:
-      if (how.htmlStartAsInBody && in.id == T::html) return inBody(in);
-      return std::nullopt;
-    default:
-      return std::nullopt;
-  }
-}
-
 // ---- the stack of open elements ------------------------------------------------------------
 
 void TreeBuilder::popUntilElement(NodeId e) {

@@ -400,4 +400,43 @@ class TreeBuilder {
   TagId contextId_ = TagId::unknown;
 };
 
+// Inline, so that each mode has its `how` folded in: most tokens pass here.
+inline std::optional<TreeBuilder::Action> TreeBuilder::opening(const Input& in, Opening how) {
+  switch (in.kind) {
+    case K::whitespace:
+      switch (how.whitespace) {
+        case Ws::own:
+          return std::nullopt;
+        case Ws::ignore:
+          return Action::done;
+        case Ws::insert:
+          insertCharacters(in.text);
+          return Action::done;
+        case Ws::asInBody:
+          return inBody(in);
+      }
+      return std::nullopt;
+    case K::comment:
+      switch (how.comment) {
+        case Co::atPlace:
+          insertComment(in);
+          break;
+        case Co::onDocument:
+          insertComment(in, root_);
+          break;
+        case Co::onHtmlElement:
+          insertComment(in, open_.front());
+          break;
+      }
+      return Action::done;
+    case K::doctype:
+      return Action::done;
+    case K::startTag:
+      if (how.htmlStartAsInBody && in.id == T::html) return inBody(in);
+      return std::nullopt;
+    default:
+      return std::nullopt;
+  }
+}
+
 }  // namespace lumora::html

@@ -330,6 +330,8 @@ class TreeBuilder {
   Action inHead(const Input& in);
   Action inHeadNoscript(const Input& in);
   Action afterHead(const Input& in);
+  // The start tag's inHead handling from a mode after the head, with the head open meanwhile.
+  Action inHeadReopened(const Input& in);
   Action textMode(const Input& in);
   // What follows the body: the end of the input stops, anything else is body content again.
   Action backToBody(const Input& in);
@@ -355,8 +357,6 @@ class TreeBuilder {
   void adopt(const Input& in) {
     if (!adoptionAgency(in)) anyOtherEndTag(in);
   }
-  // The start tag's inHead handling from a mode after the head, with the head open meanwhile.
-  Action inHeadReopened(const Input& in);
 
   // ---- the tables (TableModes.cc) ----------------------------------------------------------
 

@@ -92,9 +92,11 @@ class Elements {
   explicit Elements(const Document* document) : document_(document) {}
   size_t size() const { return ids_.size(); }
   Node get(size_t index) const { return {document_, ids_.at(index)}; }
-  void add(NodeId id) { ids_.push_back(id); }
 
  private:
+  friend class Node;  // which fills the list
+  void add(NodeId id) { ids_.push_back(id); }
+
   const Document* document_ = nullptr;
   std::vector<NodeId> ids_;
 };
@@ -135,7 +137,7 @@ class Document {
   // The bytes of text the document holds besides its source, for tests and measurements.
   size_t arenaBytes() const { return arena_.size(); }
 
-  // ---- reading by index: what Node asks, and the tree builder ----------------------------
+  // ---- reading by index: what Node asks, and the readers that walk the tree themselves -----
 
   NodeKind kindOf(NodeId id) const { return at(id).kind(); }
   NodeId parentOf(NodeId id) const { return at(id).parent(); }
@@ -157,7 +159,12 @@ class Document {
   std::span<const Attribute> attributesOf(NodeId id) const;
   std::string_view contentOf(NodeId id) const;
 
-  // ---- building, for the tree builder -----------------------------------------------------
+ private:
+  friend class Node;
+  // The tree builder's side of the document, the only one that changes it.
+  friend class DocumentBuilder;
+
+  // ---- building ------------------------------------------------------------------------
 
   // `name` is read only for the `unknown` id, whose elements keep their own spelling.
   NodeId makeElement(TagId id, std::string_view name, const std::vector<Attribute>& attributes);
@@ -186,9 +193,6 @@ class Document {
     Record& r = at(id);
     r.setFlags(static_cast<uint8_t>(open ? r.flags() | kParserOpen : r.flags() & ~kParserOpen));
   }
-
- private:
-  friend class Node;
 
   // One node, 16 bytes: four links of 28 bits (parent; down; next sibling; previous sibling,
   // which for a first child is the last child of its parent), and in the 4 bits above each

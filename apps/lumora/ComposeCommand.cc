@@ -12,11 +12,11 @@
 #include <filesystem>
 
 #include "Commands.h"
+#include "DebugLines.h"
 #include "Support.h"
 #include "TerminalPanel.h"
 #include "lumora/mailcontent/DraftText.h"
 #include "lumora/panel/MailExtensionView.h"
-#include "lumora/platform/Debug.h"
 
 namespace lumora::cli {
 namespace {
@@ -185,7 +185,7 @@ int runEditor(const std::string& command, const std::string& file) {
 int composeCommand(const Args& args) {
   Options options;
   if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
-  if (options.debug) debug::setSink(debug::stderrSink());
+  if (options.debug) frontend::sendDebugLinesToStandardError();
 
   std::optional<std::string> draft = readMessage(*options.file);
   if (!draft) return kExitFailed;

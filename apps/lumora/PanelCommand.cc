@@ -17,6 +17,7 @@
 
 #include "Clipboard.h"
 #include "Commands.h"
+#include "DebugLines.h"
 #include "Support.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/panel/SessionHandlers.h"
@@ -269,7 +270,7 @@ int runTerminalPanel(TerminalPanelRun run) {
 int panelCommand(const Args& args) {
   Options options;
   if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
-  if (options.debug) debug::setSink(debug::stderrSink());
+  if (options.debug) frontend::sendDebugLinesToStandardError();
 
   std::optional<std::string> raw;
   if (options.message || isatty(STDIN_FILENO) != 1) {

@@ -2,18 +2,17 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <thread>
 
 #include "Commands.h"
+#include "DebugLines.h"
 #include "ReplyStream.h"
 #include "Support.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/panel/MailExtensionView.h"
 #include "lumora/panel/PanelDescription.h"
-#include "lumora/platform/Debug.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Redact.h"
 
@@ -218,9 +217,7 @@ int replyCommand(const Args& args) {
   Options options;
   if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
 
-  const char* debugEnv = std::getenv("LUMORA_DEBUG");
-  const bool debugOn = options.debug || (debugEnv && std::string_view(debugEnv) == "1");
-  debug::setSink(debugOn ? debug::stderrSink() : debug::Sink());
+  if (options.debug) frontend::sendDebugLinesToStandardError();
 
   // libcurl and its libraries take as long to load as the rest of the start: loaded meanwhile.
   // A run that ends early (an unreadable message, a usage error) waits here for the load, as

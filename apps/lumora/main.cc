@@ -5,12 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "Commands.h"
-#include "lumora/platform/Debug.h"
+#include "DebugLines.h"
 
 namespace {
 
@@ -107,11 +106,8 @@ int run(int argc, char** argv) {
     std::printf("lumora %s\n", LUMORA_VERSION);
     return lumora::cli::kExitOk;
   }
-  // Standard output carries each command's result, so debug lines go to standard error, and
-  // only when asked for (a command may turn them on with an option of its own).
-  const char* debugEnv = std::getenv("LUMORA_DEBUG");
-  const bool debugOn = debugEnv && std::strcmp(debugEnv, "1") == 0;
-  lumora::debug::setSink(debugOn ? lumora::debug::stderrSink() : lumora::debug::Sink());
+  // A command may also turn debug lines on with an option of its own.
+  lumora::frontend::routeDebugLines();
   for (const Command& c : kCommands) {
     if (name == c.name) return c.run(lumora::cli::Args(argv + 2, argv + argc));
   }

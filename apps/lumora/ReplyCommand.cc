@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "DebugLines.h"
 #include "ReplyStream.h"
@@ -19,31 +20,7 @@
 namespace lumora::cli {
 namespace {
 
-constexpr const char* kReplyHelp =
-    "Usage: lumora reply [MESSAGE] [--model NAME] [--instruction TEXT]\n"
-    "                    [--conversation UUID] [--read quoted|message] [--dry-run]\n"
-    "                    [--debug]\n"
-    "\n"
-    "Writes a reply with the chosen model and streams it to standard output.\n"
-    "\n"
-    "  MESSAGE              the raw message being answered (a file, or - for standard\n"
-    "                       input); without it the reply is to a new mail\n"
-    "  --model NAME         the model for this run (default: the stored selection, or\n"
-    "                       the default model)\n"
-    "  --instruction TEXT   the instruction for this run\n"
-    "  --conversation UUID  the stored conversation to use as preset for this run\n"
-    "  --read quoted|message\n"
-    "                       what the model reads of MESSAGE: its quoted passages, or the\n"
-    "                       whole message (sender, subject, date, the new text, then the\n"
-    "                       earlier thread; no signature, attachments named only)\n"
-    "                       (default: the setting mailReading, else quoted)\n"
-    "  --dry-run            print the request as JSON instead of sending it\n"
-    "  --debug              debug lines on standard error (also LUMORA_DEBUG=1)\n"
-    "\n"
-    "Exit status: 0 done, 1 failed (reason on standard error), 2 usage error,\n"
-    "130 stopped by SIGINT or SIGTERM.\n";
-
-struct Options {
+struct ReplyOptions {
   std::optional<std::string> message;
   std::optional<std::string> model;
   std::optional<std::string> instruction;
@@ -66,49 +43,6 @@ class RecordingTransport final : public HttpTransport {
     throw CancellationError();
   }
 };
-
-int parse(const Args& args, Options& o) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&](std::optional<std::string>& out) {
-      const size_t eq = a.find('=');
-      if (eq != std::string::npos) {
-        out = a.substr(eq + 1);
-        return true;
-      }
-      if (i + 1 >= args.size()) return false;
-      out = args[++i];
-      return true;
-    };
-    auto is = [&](std::string_view name) {
-      return a == name || (a.starts_with(name) && a.size() > name.size() && a[name.size()] == '=');
-    };
-    if (a == "--help" || a == "-h") {
-      std::fputs(kReplyHelp, stdout);
-      return -1;
-    } else if (a == "--dry-run") {
-      o.dryRun = true;
-    } else if (a == "--debug") {
-      o.debug = true;
-    } else if (is("--model")) {
-      if (!value(o.model)) return usageError("--model needs a model name", kReplyHelp);
-    } else if (is("--instruction")) {
-      if (!value(o.instruction)) return usageError("--instruction needs a text", kReplyHelp);
-    } else if (is("--conversation")) {
-      if (!value(o.conversation)) return usageError("--conversation needs a UUID", kReplyHelp);
-    } else if (is("--read")) {
-      if (!value(o.reading) || !MailExtensionView::readingNamed(*o.reading))
-        return usageError("--read takes quoted or message", kReplyHelp);
-    } else if (a.size() > 1 && a[0] == '-') {
-      return usageError("unknown option '" + a + "'", kReplyHelp);
-    } else if (!o.message) {
-      o.message = a;
-    } else {
-      return usageError("only one MESSAGE can be given", kReplyHelp);
-    }
-  }
-  return 0;
-}
 
 std::string dryRunJSON(const Service& service, const HttpRequest& request) {
   nlohmann::ordered_json out;
@@ -142,7 +76,7 @@ bool readReplyMessage(const std::optional<std::string>& path, std::optional<std:
 }
 
 // The options that set the panel's stored choices for this run only.
-void applyOverrides(const Options& options, MailExtensionView::Dependencies& deps) {
+void applyOverrides(const ReplyOptions& options, MailExtensionView::Dependencies& deps) {
   const auto set = [&](std::string_view key, const std::optional<std::string>& value) {
     if (value) deps.overrides[std::string(key)] = *value;
   };
@@ -153,7 +87,7 @@ void applyOverrides(const Options& options, MailExtensionView::Dependencies& dep
 }
 
 // What the run came to, said on standard output and standard error: the exit status.
-int report(const Options& options, const MailExtensionView& panel,
+int report(const ReplyOptions& options, const MailExtensionView& panel,
            const std::optional<Service>& chosen, const RecordingTransport& recorder,
            const SignalWatcher* signals) {
   if (options.dryRun && panel.errorMessage().empty()) {
@@ -176,7 +110,7 @@ int report(const Options& options, const MailExtensionView& panel,
 }
 
 // Runs the panel once on `raw` (none: a new mail) and reports how it went.
-int runReply(const Options& options, std::optional<std::string> raw) {
+int runReply(const ReplyOptions& options, std::optional<std::string> raw) {
   MainExecutor executor;
   SimpleComposeSession session =
       raw ? SimpleComposeSession(std::move(raw)) : SimpleComposeSession();
@@ -213,10 +147,78 @@ int runReply(const Options& options, std::optional<std::string> raw) {
 
 }  // namespace
 
-int replyCommand(const Args& args) {
-  Options options;
-  if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
+const Command& replyDeclaration() {
+  static const Command command{
+      .name = "reply",
+      .summary = "write a reply to a message with the chosen model",
+      .usage = R"(
+lumora reply [MESSAGE] [--model NAME] [--instruction TEXT]
+                    [--conversation UUID] [--read quoted|message] [--dry-run]
+                    [--debug]
+)",
+      .help =
+          {
+              {.text = R"(
+Writes a reply with the chosen model and streams it to standard output.
+)"},
+              {.column = 23,
+               .entries = {{"MESSAGE",
+                            "the raw message being answered (a file, or - for standard\n"
+                            "input); without it the reply is to a new mail"},
+                           {"--model"},
+                           {"--instruction"},
+                           {"--conversation"},
+                           {"--read"},
+                           {"--dry-run"},
+                           {"--debug"}}},
+              {.text = R"(
+Exit status: 0 done, 1 failed (reason on standard error), 2 usage error,
+130 stopped by SIGINT or SIGTERM.
+)"},
+          },
+      .options =
+          {
+              {.name = "--model",
+               .value = "NAME",
+               .needs = "a model name",
+               .help = "the model for this run (default: the stored selection, or\n"
+                       "the default model)"},
+              {.name = "--instruction",
+               .value = "TEXT",
+               .needs = "a text",
+               .help = "the instruction for this run"},
+              {.name = "--conversation",
+               .value = "UUID",
+               .needs = "a UUID",
+               .help = "the stored conversation to use as preset for this run"},
+              {.name = "--read",
+               .choices = readingNames(),
+               .help = "what the model reads of MESSAGE: its quoted passages, or the\n"
+                       "whole message (sender, subject, date, the new text, then the\n"
+                       "earlier thread; no signature, attachments named only)\n"
+                       "(default: the setting mailReading, else quoted)"},
+              {.name = "--dry-run", .help = "print the request as JSON instead of sending it"},
+              {.name = "--debug", .help = "debug lines on standard error (also LUMORA_DEBUG=1)"},
+          },
+      .rules = {.operands = optionalMessage()},
+      .run = replyCommand,
+  };
+  return command;
+}
 
+int replyCommand(const Args& args) {
+  const Command& command = replyDeclaration();
+  Parsed parsed;
+  if (const auto end = readArguments(args, command, parsed)) return *end;
+  ReplyOptions options{
+      .message = parsed.operands.empty() ? std::nullopt : std::optional(parsed.operands[0]),
+      .model = parsed.value("--model"),
+      .instruction = parsed.value("--instruction"),
+      .conversation = parsed.value("--conversation"),
+      .reading = parsed.value("--read"),
+      .dryRun = parsed.has("--dry-run"),
+      .debug = parsed.has("--debug"),
+  };
   if (options.debug) frontend::sendDebugLinesToStandardError();
 
   // libcurl and its libraries take as long to load as the rest of the start: loaded meanwhile.
@@ -235,7 +237,7 @@ int replyCommand(const Args& args) {
       if (!row || !row->fields.id) {
         return usageError("no conversation has the id \"" + *options.conversation +
                               "\"; 'lumora conversations list' shows them",
-                          kReplyHelp);
+                          command);
       }
       options.conversation = *row->fields.id;
     }

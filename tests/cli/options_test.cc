@@ -1,6 +1,6 @@
 // The reader of the command line and the declarations it reads by: how each form of an option
-// and its value is taken, how a mistake is found and worded, and how --help is laid out from
-// the declarations.
+// and its value is taken, how a mistake is found and worded, how --help is laid out from the
+// declarations, and that every command's help names exactly the options it reads.
 #include "Options.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "CommandLine.h"
+#include "Documents.h"
 #include "lumora/panel/MailExtensionView.h"
 
 namespace lumora::cli {
@@ -233,6 +234,24 @@ TEST(HelpText, ListsOptionsFromTheirDeclarations) {
   EXPECT_THROW(helpText(undeclared), std::logic_error);
 }
 
+// The completions and the manual page are made from the declarations, and the build stops when
+// a help text and the options a command reads part ways.
+TEST(HelpText, NamesExactlyTheOptionsACommandReads) {
+  helpdoc::CommandHelp command{"demo",
+                               "",
+                               helpdoc::parseHelp("Usage: lumora demo [--cloud]\n\n"
+                                                  "With --region REGION.\n"),
+                               {{"--cloud", ""}, {"--region", "REGION"}}};
+  EXPECT_EQ(helpdoc::undeclaredOptions(command), "");
+  command.options.pop_back();
+  EXPECT_EQ(helpdoc::undeclaredOptions(command),
+            "'lumora demo --help' names --region, which it does not read\n");
+  command.options.push_back({"--debug", ""});
+  EXPECT_EQ(helpdoc::undeclaredOptions(command),
+            "'lumora demo --help' names --region, which it does not read\n"
+            "'lumora demo' reads --debug, which its --help does not name\n");
+}
+
 TEST(CommandDeclarations, AgreeWithTheirHelpAndWithThePanel) {
   std::set<std::string_view> names;
   for (const Command* command : commands()) {
@@ -242,6 +261,12 @@ TEST(CommandDeclarations, AgreeWithTheirHelpAndWithThePanel) {
     const std::string help = helpText(*command);
     EXPECT_TRUE(help.starts_with("Usage: lumora " + std::string(command->name))) << help;
     EXPECT_TRUE(help.ends_with("\n"));
+    std::vector<helpdoc::Option> declared;
+    for (const Option& option : command->options)
+      declared.push_back({std::string(option.name), ""});
+    EXPECT_EQ(helpdoc::undeclaredOptions(
+                  {std::string(command->name), "", helpdoc::parseHelp(help), declared}),
+              "");
     for (const Option& option : command->options) {
       SCOPED_TRACE(std::string(option.name));
       EXPECT_TRUE(option.name.starts_with("--"));

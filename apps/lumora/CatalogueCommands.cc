@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/chat/ChatEnvironment.h"
@@ -19,30 +20,6 @@
 
 namespace lumora::cli {
 namespace {
-
-constexpr const char* kModelsHelp =
-    "Usage: lumora models\n"
-    "\n"
-    "Lists the model catalogue, one model a line, its fields separated by tabs: the id, the\n"
-    "name shown for it, the id of the service that would answer it under the current\n"
-    "settings, \"deprecated\" or \"-\", and \"cloud-only\" or \"-\".\n"
-    "Exit status: 0 done, 1 the settings could not be read, 2 usage error.\n";
-
-constexpr const char* kRouteHelp =
-    "Usage: lumora route MODEL\n"
-    "\n"
-    "Prints the id of the service that would answer a reply with MODEL under the current\n"
-    "settings, then, on a second line, why.\n"
-    "Exit status: 0 done, 1 the settings could not be read, 2 usage error.\n";
-
-constexpr const char* kVoicesHelp =
-    "Usage: lumora voices --region REGION [--cloud]\n"
-    "\n"
-    "Lists the voices of the Azure speech service in REGION (such as westeurope), one a line,\n"
-    "its fields separated by tabs: the short name, the local name, the gender and the locale.\n"
-    "The subscription key comes from LUMORA_AZURE_SPEECH_KEY; with --cloud the list is asked\n"
-    "of the hosted cloud with the \"cloudToken\" setting instead.\n"
-    "Exit status: 0 done, 1 the list could not be read, 2 usage error.\n";
 
 std::string reason(const LLMClients::RouteDecision& route, const std::string& model) {
   const std::string service = route.service.id();
@@ -92,14 +69,62 @@ std::string reason(const LLMClients::RouteDecision& route, const std::string& mo
 
 }  // namespace
 
+const Command& modelsDeclaration() {
+  static const Command command{
+      .name = "models",
+      .summary = "list the model catalogue",
+      .usage = "lumora models\n",
+      .help = {{.text = R"(
+Lists the model catalogue, one model a line, its fields separated by tabs: the id, the
+name shown for it, the id of the service that would answer it under the current
+settings, "deprecated" or "-", and "cloud-only" or "-".
+Exit status: 0 done, 1 the settings could not be read, 2 usage error.
+)"}},
+      .rules = operandsOnly({.most = 0, .tooMany = "models takes no arguments"}, HelpAt::first),
+      .run = modelsCommand,
+  };
+  return command;
+}
+
+const Command& routeDeclaration() {
+  static const Command command{
+      .name = "route",
+      .summary = "show which service would answer a model, and why",
+      .usage = "lumora route MODEL\n",
+      .help = {{.text = R"(
+Prints the id of the service that would answer a reply with MODEL under the current
+settings, then, on a second line, why.
+Exit status: 0 done, 1 the settings could not be read, 2 usage error.
+)"}},
+      .rules = operandsOnly(exactlyOne("MODEL", "route takes one MODEL"), HelpAt::alone),
+      .run = routeCommand,
+  };
+  return command;
+}
+
+const Command& voicesDeclaration() {
+  static const Command command{
+      .name = "voices",
+      .summary = "list the voices of the Azure speech service",
+      .usage = "lumora voices --region REGION [--cloud]\n",
+      .help = {{.text = R"(
+Lists the voices of the Azure speech service in REGION (such as westeurope), one a line,
+its fields separated by tabs: the short name, the local name, the gender and the locale.
+The subscription key comes from LUMORA_AZURE_SPEECH_KEY; with --cloud the list is asked
+of the hosted cloud with the "cloudToken" setting instead.
+Exit status: 0 done, 1 the list could not be read, 2 usage error.
+)"}},
+      .options = {{.name = "--region", .value = "REGION"}, {.name = "--cloud"}},
+      .rules = {.operands = {.most = 0},
+                .saying = [](const Mistake& m) { return "unknown argument " + m.word; }},
+      .run = voicesCommand,
+  };
+  return command;
+}
+
 int modelsCommand(const Args& args) {
-  if (!args.empty()) {
-    if (args[0] == "--help" || args[0] == "-h") {
-      std::fputs(kModelsHelp, stdout);
-      return kExitOk;
-    }
-    return usageError("models takes no arguments", kModelsHelp);
-  }
+  Parsed parsed;
+  if (const auto end = readArguments(args, modelsDeclaration(), parsed)) return *end;
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
@@ -121,12 +146,9 @@ int modelsCommand(const Args& args) {
 }
 
 int routeCommand(const Args& args) {
-  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
-    std::fputs(kRouteHelp, stdout);
-    return kExitOk;
-  }
-  if (args.size() != 1) return usageError("route takes one MODEL", kRouteHelp);
-  if (text::trimmed(args[0]).empty()) return usageError("MODEL is empty", kRouteHelp);
+  Parsed parsed;
+  if (const auto end = readArguments(args, routeDeclaration(), parsed)) return *end;
+  if (text::trimmed(args[0]).empty()) return usageError("MODEL is empty", routeDeclaration());
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
@@ -142,23 +164,12 @@ int routeCommand(const Args& args) {
 }
 
 int voicesCommand(const Args& args) {
-  std::string region;
-  bool cloud = false;
-  for (size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--help" || args[i] == "-h") {
-      std::fputs(kVoicesHelp, stdout);
-      return kExitOk;
-    } else if (args[i] == "--cloud") {
-      cloud = true;
-    } else if (args[i] == "--region" && i + 1 < args.size()) {
-      region = args[++i];
-    } else if (args[i].starts_with("--region=")) {
-      region = args[i].substr(9);
-    } else {
-      return usageError("unknown argument " + args[i], kVoicesHelp);
-    }
-  }
-  if (region.empty()) return usageError("voices needs --region REGION", kVoicesHelp);
+  const Command& command = voicesDeclaration();
+  Parsed parsed;
+  if (const auto end = readArguments(args, command, parsed)) return *end;
+  const std::string region = parsed.value("--region").value_or("");
+  const bool cloud = parsed.has("--cloud");
+  if (region.empty()) return usageError("voices needs --region REGION", command);
   try {
     const ChatEnvironment environment{.sharedDefaults = sharedDefaults(),
                                       .transport = defaultTransport(),
@@ -170,9 +181,9 @@ int voicesCommand(const Args& args) {
       token = key;
     }
     if (token.empty())
-      return usageError(cloud ? "the \"cloudToken\" setting is empty"
-                              : "LUMORA_AZURE_SPEECH_KEY is not set",
-                        kVoicesHelp);
+      return usageError(
+          cloud ? "the \"cloudToken\" setting is empty" : "LUMORA_AZURE_SPEECH_KEY is not set",
+          command);
     for (const auto& voice : AzureTTSClient(region, token, cloud, environment).listVoices())
       std::printf("%s\t%s\t%s\t%s\n", voice.shortName.c_str(), voice.localName.c_str(),
                   voice.gender.c_str(), voice.locale.c_str());

@@ -1,9 +1,8 @@
 // The subcommands of `lumora`. Each is a short function over library calls that picks an exit
-// status; main.cc only dispatches.
+// status; main.cc only dispatches, by the declarations in CommandLine.h.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "Options.h"
 
 namespace lumora::cli {
 
@@ -12,8 +11,6 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitInterrupted = 130;
-
-using Args = std::vector<std::string>;
 
 int replyCommand(const Args& args);
 int panelCommand(const Args& args);

@@ -11,89 +11,16 @@
 #include <cstring>
 #include <filesystem>
 
+#include "CommandLine.h"
 #include "Commands.h"
+#include "DebugLines.h"
 #include "Support.h"
 #include "TerminalPanel.h"
 #include "lumora/mailcontent/DraftText.h"
 #include "lumora/panel/MailExtensionView.h"
-#include "lumora/platform/Debug.h"
 
 namespace lumora::cli {
 namespace {
-
-constexpr const char* kComposeHelp =
-    "Usage: lumora compose [--read quoted|message] [--editor CMD] [--no-mouse] [--debug] FILE\n"
-    "\n"
-    "An editor for a mail client (neomutt's and aerc's editor): the panel opens on the draft\n"
-    "FILE, reading the message quoted in it; Insert writes the finished reply into FILE after\n"
-    "your own text and before the quoted message, and closes the panel; then the real editor\n"
-    "runs on FILE, and its exit status is this command's.\n"
-    "\n"
-    "  FILE            the draft the mail client hands its editor; a header block in it (as\n"
-    "                  neomutt's edit_headers writes) is kept as it is\n"
-    "  --read quoted|message\n"
-    "                  what the model reads of the draft (default here: message, the whole\n"
-    "                  quoted message and what you typed)\n"
-    "  --editor CMD    the editor to run after the panel (default: LUMORA_EDITOR, else VISUAL\n"
-    "                  or EDITOR unless they name lumora, else vi); run by /bin/sh with FILE\n"
-    "                  as its last argument\n"
-    "  --no-mouse      leave the mouse to the terminal\n"
-    "  --debug         debug lines on standard error, written when the panel closes\n"
-    "\n"
-    "In the panel, i on the result page is Insert; quitting without it leaves FILE exactly as\n"
-    "it was. FILE is written whole or not at all (a new file renamed over it, its mode kept).\n"
-    "\n"
-    "Exit status: the editor's; 1 when FILE cannot be read or the editor cannot be run,\n"
-    "2 usage error.\n";
-
-struct Options {
-  std::optional<std::string> file;
-  std::optional<std::string> reading;
-  std::optional<std::string> editor;
-  bool mouse = true;
-  bool debug = false;
-};
-
-int parse(const Args& args, Options& o) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    // "--name VALUE" or "--name=VALUE".
-    const auto value = [&](std::string_view name, std::optional<std::string>& out) {
-      if (a == name) {
-        if (i + 1 >= args.size()) return false;
-        out = args[++i];
-        return true;
-      }
-      out = a.substr(name.size() + 1);
-      return true;
-    };
-    const auto is = [&](std::string_view name) {
-      return a == name || (a.starts_with(name) && a.size() > name.size() && a[name.size()] == '=');
-    };
-    if (a == "--help" || a == "-h") {
-      std::fputs(kComposeHelp, stdout);
-      return -1;
-    } else if (is("--read")) {
-      if (!value("--read", o.reading) || !MailExtensionView::readingNamed(*o.reading))
-        return usageError("--read takes quoted or message", kComposeHelp);
-    } else if (is("--editor")) {
-      if (!value("--editor", o.editor) || o.editor->empty())
-        return usageError("--editor needs a command", kComposeHelp);
-    } else if (a == "--no-mouse") {
-      o.mouse = false;
-    } else if (a == "--debug") {
-      o.debug = true;
-    } else if (a.size() > 1 && a[0] == '-') {
-      return usageError("unknown option '" + a + "'", kComposeHelp);
-    } else if (!o.file) {
-      o.file = a;
-    } else {
-      return usageError("only one FILE can be given", kComposeHelp);
-    }
-  }
-  if (!o.file) return usageError("FILE is missing: the draft to open", kComposeHelp);
-  return 0;
-}
 
 // Insert: the draft as it was handed over, with the reply put in, written over the file whole
 // or not at all.
@@ -182,22 +109,82 @@ int runEditor(const std::string& command, const std::string& file) {
 
 }  // namespace
 
-int composeCommand(const Args& args) {
-  Options options;
-  if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
-  if (options.debug) debug::setSink(debug::stderrSink());
+const Command& composeDeclaration() {
+  static const Command command{
+      .name = "compose",
+      .summary = "the panel on a draft, as a mail client's editor: Insert, then the editor",
+      .usage = R"(
+lumora compose [--read quoted|message] [--editor CMD] [--no-mouse] [--debug] FILE
+)",
+      .help =
+          {
+              {.text = R"(
+An editor for a mail client (neomutt's and aerc's editor): the panel opens on the draft
+FILE, reading the message quoted in it; Insert writes the finished reply into FILE after
+your own text and before the quoted message, and closes the panel; then the real editor
+runs on FILE, and its exit status is this command's.
+)"},
+              {.column = 18,
+               .entries = {{"FILE",
+                            "the draft the mail client hands its editor; a header block in it (as\n"
+                            "neomutt's edit_headers writes) is kept as it is"},
+                           {"--read"},
+                           {"--editor"},
+                           {"--no-mouse"},
+                           {"--debug"}}},
+              {.text = R"(
+In the panel, i on the result page is Insert; quitting without it leaves FILE exactly as
+it was. FILE is written whole or not at all (a new file renamed over it, its mode kept).
+)"},
+              {.text = R"(
+Exit status: the editor's; 1 when FILE cannot be read or the editor cannot be run,
+2 usage error.
+)"},
+          },
+      .options =
+          {
+              {.name = "--read",
+               .choices = readingNames(),
+               .help = "what the model reads of the draft (default here: message, the whole\n"
+                       "quoted message and what you typed)"},
+              {.name = "--editor",
+               .value = "CMD",
+               .needs = "a command",
+               .takesEmpty = false,
+               .help = "the editor to run after the panel (default: LUMORA_EDITOR, else VISUAL\n"
+                       "or EDITOR unless they name lumora, else vi); run by /bin/sh with FILE\n"
+                       "as its last argument"},
+              {.name = "--no-mouse", .help = "leave the mouse to the terminal"},
+              {.name = "--debug",
+               .help = "debug lines on standard error, written when the panel closes"},
+          },
+      .rules = {.operands = {.name = "FILE",
+                             .least = 1,
+                             .most = 1,
+                             .tooFew = "FILE is missing: the draft to open",
+                             .tooMany = "only one FILE can be given"}},
+      .run = composeCommand,
+  };
+  return command;
+}
 
-  std::optional<std::string> draft = readMessage(*options.file);
+int composeCommand(const Args& args) {
+  Parsed parsed;
+  if (const auto end = readArguments(args, composeDeclaration(), parsed)) return *end;
+  if (parsed.has("--debug")) frontend::sendDebugLinesToStandardError();
+  const std::string& path = parsed.operands[0];
+
+  std::optional<std::string> draft = readMessage(path);
   if (!draft) return kExitFailed;
-  DraftFile file(*options.file, *draft);
+  DraftFile file(path, *draft);
   // The panel's own failure (no terminal, say) leaves the draft to the editor: the user is
   // never kept from writing the mail.
   runTerminalPanel({.message = std::move(draft),
                     .draft = true,
-                    .reading = options.reading.value_or("message"),
-                    .mouse = options.mouse,
+                    .reading = parsed.value("--read").value_or("message"),
+                    .mouse = !parsed.has("--no-mouse"),
                     .inserter = &file});
-  return runEditor(chooseEditor(options.editor), *options.file);
+  return runEditor(chooseEditor(parsed.value("--editor")), path);
 }
 
 }  // namespace lumora::cli

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/mailcontent/mime/MimeHeader.h"
@@ -22,31 +23,7 @@ constexpr int kExitDataError = 65;    // the message may not be sent
 constexpr int kExitUnavailable = 69;  // the real sendmail could not be run
 constexpr int kExitIoError = 74;      // the real sendmail did not take the whole message
 
-constexpr const char* kCheckHelp =
-    "Usage: lumora check-recipients ADDRESS...\n"
-    "\n"
-    "Prints \"ADDRESS: TEXT\" for each address that the recipient rule marks. When sending to\n"
-    "these addresses would be refused, writes the refusal to standard error and exits 1.\n";
-constexpr const char* kHeadersHelp =
-    "Usage: lumora headers\n\nPrints the extra header(s) of outgoing mail, as \"Name: value\".\n";
-constexpr const char* kColourHelp =
-    "Usage: lumora colour SUBJECT\n"
-    "\n"
-    "Prints the colour of a message with SUBJECT, or nothing and exits 1 when it has none.\n";
-constexpr const char* kSendmailHelp =
-    "Usage: lumora sendmail [ARGS...]\n"
-    "\n"
-    "A drop-in sendmail for the mail client: reads the message on standard input, applies the\n"
-    "recipient rule, adds the extra header and hands the message with the same ARGS to the\n"
-    "real sendmail (LUMORA_SENDMAIL, default /usr/sbin/sendmail).\n"
-    "Exit status: the real sendmail's, 65 when the recipient rule refuses the message (the\n"
-    "refusal on standard error, nothing sent), 69 when the real sendmail cannot be run.\n";
-
 const char* colourName(MessageColor colour) { return colour == MessageColor::red ? "red" : ""; }
-
-bool wantsHelp(const Args& args) {
-  return args.size() == 1 && (args[0] == "--help" || args[0] == "-h");
-}
 
 // The extra header lines, each ended with `eol`.
 std::string extraHeaderLines(std::string_view eol) {
@@ -151,12 +128,72 @@ std::vector<std::string> recipients(const Args& args, const std::string& message
 
 }  // namespace
 
+const Command& checkRecipientsDeclaration() {
+  static const Command command{
+      .name = "check-recipients",
+      .summary = "mark recipients that mail may not go to",
+      .usage = "lumora check-recipients ADDRESS...\n",
+      .help = {{.text = R"(
+Prints "ADDRESS: TEXT" for each address that the recipient rule marks. When sending to
+these addresses would be refused, writes the refusal to standard error and exits 1.
+)"}},
+      .rules = operandsOnly(
+          {.name = "ADDRESS", .least = 1, .tooFew = "check-recipients needs at least one ADDRESS"},
+          HelpAt::alone),
+      .run = checkRecipientsCommand,
+  };
+  return command;
+}
+
+const Command& headersDeclaration() {
+  static const Command command{
+      .name = "headers",
+      .summary = "print the extra header of outgoing mail",
+      .usage = "lumora headers\n",
+      .help = {{.text = "Prints the extra header(s) of outgoing mail, as \"Name: value\".\n"}},
+      .rules = operandsOnly({.most = 0, .tooMany = "headers takes no arguments"}, HelpAt::alone),
+      .run = headersCommand,
+  };
+  return command;
+}
+
+const Command& colourDeclaration() {
+  static const Command command{
+      .name = "colour",
+      .summary = "print the colour of a message by its subject",
+      .usage = "lumora colour SUBJECT\n",
+      .help = {{.text = R"(
+Prints the colour of a message with SUBJECT, or nothing and exits 1 when it has none.
+)"}},
+      .rules = operandsOnly(exactlyOne("SUBJECT", "colour takes one SUBJECT"), HelpAt::alone),
+      .run = colourCommand,
+  };
+  return command;
+}
+
+const Command& sendmailDeclaration() {
+  static const Command command{
+      .name = "sendmail",
+      .summary = "send a message through the real sendmail, with the rules applied",
+      .usage = "lumora sendmail [ARGS...]\n",
+      .help = {{.text = R"(
+A drop-in sendmail for the mail client: reads the message on standard input, applies the
+recipient rule, adds the extra header and hands the message with the same ARGS to the
+real sendmail (LUMORA_SENDMAIL, default /usr/sbin/sendmail).
+Exit status: the real sendmail's, 65 when the recipient rule refuses the message (the
+refusal on standard error, nothing sent), 69 when the real sendmail cannot be run.
+)"}},
+      // Only --help alone: every other argument is the real sendmail's (-h among them), and a
+      // mail client never calls sendmail with this one.
+      .rules = {.help = HelpAt::alone, .shortHelp = false, .optionWords = OptionWords::none},
+      .run = sendmailCommand,
+  };
+  return command;
+}
+
 int checkRecipientsCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kCheckHelp, stdout);
-    return kExitOk;
-  }
-  if (args.empty()) return usageError("check-recipients needs at least one ADDRESS", kCheckHelp);
+  Parsed parsed;
+  if (const auto end = readArguments(args, checkRecipientsDeclaration(), parsed)) return *end;
   for (const std::string& address : args) {
     const auto annotations = ComposeSessionHandler::annotations({address});
     if (auto it = annotations.find(address); it != annotations.end())
@@ -170,21 +207,15 @@ int checkRecipientsCommand(const Args& args) {
 }
 
 int headersCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kHeadersHelp, stdout);
-    return kExitOk;
-  }
-  if (!args.empty()) return usageError("headers takes no arguments", kHeadersHelp);
+  Parsed parsed;
+  if (const auto end = readArguments(args, headersDeclaration(), parsed)) return *end;
   std::fputs(extraHeaderLines("\n").c_str(), stdout);
   return kExitOk;
 }
 
 int colourCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kColourHelp, stdout);
-    return kExitOk;
-  }
-  if (args.size() != 1) return usageError("colour takes one SUBJECT", kColourHelp);
+  Parsed parsed;
+  if (const auto end = readArguments(args, colourDeclaration(), parsed)) return *end;
   std::optional<MessageActionDecision> decision;
   MessageActionHandler::shared().decideAction(args[0], [&](auto d) { decision = d; });
   if (!decision) return kExitFailed;
@@ -193,12 +224,8 @@ int colourCommand(const Args& args) {
 }
 
 int sendmailCommand(const Args& args) {
-  // Only --help alone: every other argument is the real sendmail's, and a mail client never
-  // calls sendmail with this one.
-  if (args.size() == 1 && args[0] == "--help") {
-    std::fputs(kSendmailHelp, stdout);
-    return kExitOk;
-  }
+  Parsed parsed;
+  if (const auto end = readArguments(args, sendmailDeclaration(), parsed)) return *end;
   const std::optional<std::string> message = readMessage("-");
   if (!message) return kExitFailed;
   if (auto refusal = ComposeSessionHandler::refusal(recipients(args, *message))) {

@@ -17,29 +17,13 @@
 #include <vector>
 
 #include "AddOn.h"
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/store/DefaultsStore.h"
 
 namespace lumora::cli {
 namespace {
-
-constexpr const char* kHelp =
-    "Usage: lumora integrate neomutt|aerc|thunderbird [--mail-rules] [--print] [--host PATH]\n"
-    "\n"
-    "neomutt, aerc: prints the lines to add to the mail client's configuration: Lumora as the\n"
-    "editor of a reply (the panel opens on the draft, Insert puts the reply into it, then your\n"
-    "editor opens), and a key that opens the panel on the message being read.\n"
-    "  --mail-rules  (neomutt, aerc) also the sendmail wrapper (the recipient check and the\n"
-    "                extra header on every outgoing mail) and the subject colour\n"
-    "\n"
-    "thunderbird: installs, for the current user, the manifest through which Lumora's\n"
-    "Thunderbird add-on starts lumora-native-host\n"
-    "(~/.mozilla/native-messaging-hosts/tech.zorvel.lumora.json), says where the add-on is,\n"
-    "and what is left to do.\n"
-    "  --print      (thunderbird) print the manifest instead of installing it\n"
-    "  --host PATH  (thunderbird) the native host program (default: lumora-native-host\n"
-    "               beside lumora)\n";
 
 // The editor that opens after the panel: the user's own, as VISUAL or EDITOR name it now,
 // unless they already name lumora; quoted for the shell that runs it.
@@ -162,18 +146,25 @@ int failed(const std::string& message) {
   return kExitFailed;
 }
 
+// The words after the client's name, read by the options that client takes, each value a word
+// of its own; `saying` words every mistake. Returns the exit status when they are not right.
+std::optional<int> readClientOptions(const Args& args,
+                                     std::initializer_list<std::string_view> names,
+                                     std::function<std::string(const Mistake&)> saying,
+                                     Parsed& parsed) {
+  const Command& command = integrateDeclaration();
+  const std::vector<Option> options = pick(command.options, names);
+  return readArguments(Args(args.begin() + 1, args.end()), command,
+                       trailingOptions(std::move(saying)), options, parsed);
+}
+
 int integrateThunderbird(const Args& args) {
-  bool print = false;
+  Parsed parsed;
+  const auto unknown = [](const Mistake& m) { return "unknown option '" + m.word + "'"; };
+  if (const auto end = readClientOptions(args, {"--print", "--host"}, unknown, parsed)) return *end;
+  const bool print = parsed.has("--print");
   std::optional<fs::path> host;
-  for (size_t i = 1; i < args.size(); ++i) {
-    if (args[i] == "--print") {
-      print = true;
-    } else if (args[i] == "--host" && i + 1 < args.size()) {
-      host = fs::absolute(args[++i]);
-    } else {
-      return usageError("unknown option '" + args[i] + "'", kHelp);
-    }
-  }
+  if (const auto given = parsed.value("--host")) host = fs::absolute(*given);
   if (!host) host = programDirectory() / frontend::kNativeHostProgram;
   if (::access(host->c_str(), X_OK) != 0) {
     return failed("cannot run the native host " + host->string() + ": " + std::strerror(errno) +
@@ -237,25 +228,66 @@ int integrateThunderbird(const Args& args) {
 
 }  // namespace
 
+const Command& integrateDeclaration() {
+  static const Command command{
+      .name = "integrate",
+      .summary = "print the configuration lines for neomutt or aerc",
+      .usage = R"(
+lumora integrate neomutt|aerc|thunderbird [--mail-rules] [--print] [--host PATH]
+)",
+      .help =
+          {
+              {.text = R"(
+neomutt, aerc: prints the lines to add to the mail client's configuration: Lumora as the
+editor of a reply (the panel opens on the draft, Insert puts the reply into it, then your
+editor opens), and a key that opens the panel on the message being read.
+)",
+               .column = 16,
+               .entries = {{"--mail-rules"}}},
+              {.text = R"(
+thunderbird: installs, for the current user, the manifest through which Lumora's
+Thunderbird add-on starts lumora-native-host
+(~/.mozilla/native-messaging-hosts/tech.zorvel.lumora.json), says where the add-on is,
+and what is left to do.
+)",
+               .column = 15,
+               .entries = {{"--print"}, {"--host"}}},
+          },
+      .options =
+          {
+              {.name = "--mail-rules",
+               .help = "(neomutt, aerc) also the sendmail wrapper (the recipient check and the\n"
+                       "extra header on every outgoing mail) and the subject colour"},
+              {.name = "--print",
+               .help = "(thunderbird) print the manifest instead of installing it"},
+              {.name = "--host",
+               .value = "PATH",
+               .help = "(thunderbird) the native host program (default: lumora-native-host\n"
+                       "beside lumora)"},
+          },
+      // The first word is the client; the options after it are that client's.
+      .rules =
+          operandsOnly({.least = 1, .tooFew = "integrate takes one mail client"}, HelpAt::alone),
+      .run = integrateCommand,
+  };
+  return command;
+}
+
 int integrateCommand(const Args& args) {
-  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
-    std::fputs(kHelp, stdout);
-    return kExitOk;
-  }
-  if (!args.empty() && args[0] == "thunderbird") return integrateThunderbird(args);
-  if (args.empty()) return usageError("integrate takes one mail client", kHelp);
-  bool mailRules = false;
-  for (size_t i = 1; i < args.size(); ++i) {
-    if (args[i] != "--mail-rules") return usageError("integrate takes one mail client", kHelp);
-    mailRules = true;
-  }
+  const Command& command = integrateDeclaration();
+  Parsed parsed;
+  if (const auto end = readArguments(args, command, parsed)) return *end;
+  if (args[0] == "thunderbird") return integrateThunderbird(args);
+  const auto oneClient = [](const Mistake&) { return "integrate takes one mail client"; };
+  if (const auto end = readClientOptions(args, {"--mail-rules"}, oneClient, parsed)) return *end;
+  const bool mailRules = parsed.has("--mail-rules");
   std::string lines;
   if (args[0] == "neomutt") {
     lines = neomuttLines(mailRules);
   } else if (args[0] == "aerc") {
     lines = aercLines(mailRules);
   } else {
-    return usageError("no integration for '" + args[0] + "'", kHelp);
+    return usageError("no integration for '" + args[0] + "'", command);
   }
   std::fwrite(lines.data(), 1, lines.size(), stdout);
   return kExitOk;

@@ -16,15 +16,17 @@
 #include <mutex>
 
 #include "Clipboard.h"
+#include "CommandLine.h"
 #include "Commands.h"
+#include "DebugLines.h"
 #include "Support.h"
+#include "TerminalPanel.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/panel/SessionHandlers.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/store/Features.h"
 #include "terminal/PanelScreen.h"
 #include "terminal/Terminal.h"
-#include "TerminalPanel.h"
 
 namespace lumora::cli {
 namespace {
@@ -33,64 +35,10 @@ using namespace std::chrono_literals;
 using terminal::PanelScreen;
 using terminal::Terminal;
 
-constexpr const char* kPanelHelp =
-    "Usage: lumora panel [MESSAGE] [--read quoted|message] [--no-mouse] [--debug]\n"
-    "\n"
-    "The compose assistant as a full-screen panel in this terminal: write the instruction,\n"
-    "pick a conversation and a model, Generate, and copy the reply.\n"
-    "\n"
-    "  MESSAGE     the raw message being answered (a file, or - for standard input);\n"
-    "              without it, standard input when that is not a terminal and not empty,\n"
-    "              else a new mail\n"
-    "  --read quoted|message\n"
-    "              what the model reads of MESSAGE, for this run: its quoted passages, or\n"
-    "              the whole message (default: the setting mailReading, else quoted)\n"
-    "  --no-mouse  leave the mouse to the terminal (for selecting text)\n"
-    "  --debug     debug lines on standard error, written when the panel closes if standard\n"
-    "              error is the terminal (also LUMORA_DEBUG=1)\n"
-    "\n"
-    "The keyboard is read from the terminal (/dev/tty), so a mail client can pipe the\n"
-    "message in.\n"
-    "\n"
-    "Input page:\n"
-    "  Tab, Shift-Tab   next or previous field: instruction, conversation, model, Generate\n"
-    "  Enter           in the instruction: a new line; on a picker: open it; on Generate: run\n"
-    "  typing          on a picker: open it filtered; in an open picker: filter it\n"
-    "  Up, Down, Enter  in an open picker: move and choose; Esc closes it\n"
-    "  Ctrl-G, F5       Generate\n"
-    "  Ctrl-R           switch what the model reads: the quoted passages or the whole\n"
-    "                   message (the line above the pickers says which; remembered in\n"
-    "                   mailReading unless --read was given)\n"
-    "  Ctrl-A, Ctrl-E, Ctrl-K, Ctrl-U, Ctrl-W   line start, line end, delete to end, delete\n"
-    "                   to start, delete word\n"
-    "Result page:\n"
-    "  s Stop (while writing)   r Regenerate   c Copy   b or Esc Back\n"
-    "  i Insert the finished reply into the draft (under lumora compose)\n"
-    "  Up, Down, PgUp, PgDn, Home, End, Space   scroll\n"
-    "Anywhere: Ctrl-Q quits, stopping a run (q too, on the result page and on Generate);\n"
-    "Ctrl-C quits with status 130. The mouse can click controls and scroll.\n"
-    "\n"
-    "Copy puts the reply on the clipboard by the first way that works: the command in\n"
-    "LUMORA_CLIPBOARD_COMMAND or the setting clipboardCommand (the reply on its standard\n"
-    "input), wl-copy, xclip or xsel in a graphical session, tmux (load-buffer -w) under tmux,\n"
-    "else the terminal's OSC 52 sequence. \"Copied\" means a program or tmux took it; \"Sent to\n"
-    "the terminal's clipboard\" means the sequence went out, which the terminal does not\n"
-    "confirm. When nothing worked, the error line says what to install or set.\n"
-    "\n"
-    "Exit status: 0 quit, 1 failed (reason on standard error), 2 usage error, 130 Ctrl-C,\n"
-    "SIGINT, SIGTERM or SIGHUP.\n";
-
 // How long the screen waits between two drawings at the least, however fast the reply comes.
 constexpr auto kFrameInterval = 30ms;
 // How long the loop sleeps at the most between two looks at the executor's work.
 constexpr auto kIdleWait = 50ms;
-
-struct Options {
-  std::optional<std::string> message;
-  std::optional<std::string> reading;
-  bool mouse = true;
-  bool debug = false;
-};
 
 volatile std::sig_atomic_t gSignalled = 0;
 
@@ -146,32 +94,6 @@ class HeldDebugLines {
   std::mutex mutex_;
   std::deque<std::string> lines_;
 };
-
-int parse(const Args& args, Options& o) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (a == "--help" || a == "-h") {
-      std::fputs(kPanelHelp, stdout);
-      return -1;
-    } else if (a == "--read" || a.starts_with("--read=")) {
-      if (a == "--read" && i + 1 < args.size()) o.reading = args[++i];
-      if (a != "--read") o.reading = a.substr(7);
-      if (!o.reading || !MailExtensionView::readingNamed(*o.reading))
-        return usageError("--read takes quoted or message", kPanelHelp);
-    } else if (a == "--no-mouse") {
-      o.mouse = false;
-    } else if (a == "--debug") {
-      o.debug = true;
-    } else if (a.size() > 1 && a[0] == '-') {
-      return usageError("unknown option '" + a + "'", kPanelHelp);
-    } else if (!o.message) {
-      o.message = a;
-    } else {
-      return usageError("only one MESSAGE can be given", kPanelHelp);
-    }
-  }
-  return 0;
-}
 
 // Wide characters need a UTF-8 character type; one that is not is replaced for this process.
 void useUtf8Locale() {
@@ -266,21 +188,100 @@ int runTerminalPanel(TerminalPanelRun run) {
   }
 }
 
+const Command& panelDeclaration() {
+  static const Command command{
+      .name = "panel",
+      .summary = "the compose assistant as a full-screen terminal panel",
+      .usage = R"(
+lumora panel [MESSAGE] [--read quoted|message] [--no-mouse] [--debug]
+)",
+      .help =
+          {
+              {.text = R"(
+The compose assistant as a full-screen panel in this terminal: write the instruction,
+pick a conversation and a model, Generate, and copy the reply.
+)"},
+              {.column = 14,
+               .entries =
+                   {{"MESSAGE",
+                     "the raw message being answered (a file, or - for standard input);\n"
+                     "without it, standard input when that is not a terminal and not empty,\n"
+                     "else a new mail"},
+                    {"--read"},
+                    {"--no-mouse"},
+                    {"--debug"}}},
+              {.text = R"(
+The keyboard is read from the terminal (/dev/tty), so a mail client can pipe the
+message in.
+)"},
+              {.text = R"(
+Input page:
+  Tab, Shift-Tab   next or previous field: instruction, conversation, model, Generate
+  Enter           in the instruction: a new line; on a picker: open it; on Generate: run
+  typing          on a picker: open it filtered; in an open picker: filter it
+  Up, Down, Enter  in an open picker: move and choose; Esc closes it
+  Ctrl-G, F5       Generate
+  Ctrl-R           switch what the model reads: the quoted passages or the whole
+                   message (the line above the pickers says which; remembered in
+                   mailReading unless --read was given)
+  Ctrl-A, Ctrl-E, Ctrl-K, Ctrl-U, Ctrl-W   line start, line end, delete to end, delete
+                   to start, delete word
+Result page:
+  s Stop (while writing)   r Regenerate   c Copy   b or Esc Back
+  i Insert the finished reply into the draft (under lumora compose)
+  Up, Down, PgUp, PgDn, Home, End, Space   scroll
+Anywhere: Ctrl-Q quits, stopping a run (q too, on the result page and on Generate);
+Ctrl-C quits with status 130. The mouse can click controls and scroll.
+)"},
+              {.text = R"(
+Copy puts the reply on the clipboard by the first way that works: the command in
+LUMORA_CLIPBOARD_COMMAND or the setting clipboardCommand (the reply on its standard
+input), wl-copy, xclip or xsel in a graphical session, tmux (load-buffer -w) under tmux,
+else the terminal's OSC 52 sequence. "Copied" means a program or tmux took it; "Sent to
+the terminal's clipboard" means the sequence went out, which the terminal does not
+confirm. When nothing worked, the error line says what to install or set.
+)"},
+              {.text = R"(
+Exit status: 0 quit, 1 failed (reason on standard error), 2 usage error, 130 Ctrl-C,
+SIGINT, SIGTERM or SIGHUP.
+)"},
+          },
+      .options =
+          {
+              {.name = "--read",
+               .choices = readingNames(),
+               .help = "what the model reads of MESSAGE, for this run: its quoted passages, or\n"
+                       "the whole message (default: the setting mailReading, else quoted)"},
+              {.name = "--no-mouse",
+               .help = "leave the mouse to the terminal (for selecting text)"},
+              {.name = "--debug",
+               .help = "debug lines on standard error, written when the panel closes if standard\n"
+                       "error is the terminal (also LUMORA_DEBUG=1)"},
+          },
+      .rules = {.operands = optionalMessage()},
+      .run = panelCommand,
+  };
+  return command;
+}
+
 int panelCommand(const Args& args) {
-  Options options;
-  if (int status = parse(args, options); status != 0) return status < 0 ? kExitOk : status;
-  if (options.debug) debug::setSink(debug::stderrSink());
+  Parsed parsed;
+  if (const auto end = readArguments(args, panelDeclaration(), parsed)) return *end;
+  if (parsed.has("--debug")) frontend::sendDebugLinesToStandardError();
+  const std::optional<std::string> message =
+      parsed.operands.empty() ? std::nullopt : std::optional(parsed.operands[0]);
 
   std::optional<std::string> raw;
-  if (options.message || isatty(STDIN_FILENO) != 1) {
-    auto bytes = readMessage(options.message.value_or("-"));
+  if (message || isatty(STDIN_FILENO) != 1) {
+    auto bytes = readMessage(message.value_or("-"));
     if (!bytes) return kExitFailed;
     // Nothing on a standard input that was not asked for (/dev/null from a launcher) is a new
     // mail, not an empty message.
-    if (options.message || !bytes->empty()) raw = std::move(*bytes);
+    if (message || !bytes->empty()) raw = std::move(*bytes);
   }
-  return runTerminalPanel(
-      {.message = std::move(raw), .reading = options.reading, .mouse = options.mouse});
+  return runTerminalPanel({.message = std::move(raw),
+                           .reading = parsed.value("--read"),
+                           .mouse = !parsed.has("--no-mouse")});
 }
 
 }  // namespace lumora::cli

@@ -12,12 +12,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <optional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/platform/Errors.h"
@@ -28,33 +29,6 @@
 
 namespace lumora::cli {
 namespace {
-
-constexpr const char* kHelp =
-    "Usage: lumora settings list | get KEY | set KEY - | set KEY | set KEY VALUE | unset KEY |\n"
-    "         path\n"
-    "\n"
-    "Reads and writes the settings exactly as the companion chat application does; the key\n"
-    "decides which of the two settings files holds it.\n"
-    "\n"
-    "  set KEY -      stores the first line of standard input (its line end dropped): the way\n"
-    "                 to store a key from a file or a password manager, e.g.\n"
-    "                 pass show openai | lumora settings set apiKey -\n"
-    "  set KEY        asks for the value on the terminal, without showing what is typed\n"
-    "                 (use these two for credentials: a VALUE on the command line stays in the\n"
-    "                 shell's history and shows in the process list)\n"
-    "  set KEY VALUE  stores VALUE, read by the key's type: true or false, a number, a JSON\n"
-    "                 object of strings for azureModels, the JSON text of a list of strings for\n"
-    "                 openAICompatibleModels (stored as given), text for the others\n"
-    "  list           every key with the value the system reads, one 'KEY = VALUE' line each,\n"
-    "                 VALUE in JSON; credentials, and the password or key inside a URL, are\n"
-    "                 shown as '…' and their last four characters\n"
-    "  get KEY        the value the system reads for KEY, its default when KEY is not set: text\n"
-    "                 as it is, other types in JSON; a credential masked as in 'list'\n"
-    "  unset KEY      removes KEY, so that its default applies again\n"
-    "  path           the file of the shared suite, then the command's own file, one a line\n"
-    "\n"
-    "Put -- before a VALUE that begins with '--'. A VALUE of - always means standard input.\n"
-    "Exit status: 0 done, 1 a settings file could not be read or written, 2 usage error.\n";
 
 std::string dumpJson(const nlohmann::json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -116,7 +90,7 @@ int unknownKey(const std::string& key) {
   return usageError("unknown setting \"" + key + "\"; " +
                         (near ? "did you mean \"" + std::string(*near) + "\"? " : "") +
                         "'lumora settings list' shows every key",
-                    kHelp);
+                    settingsDeclaration());
 }
 
 int list() {
@@ -203,14 +177,14 @@ int set(const std::string& key, std::optional<std::string> given) {
     return usageError("'set " + key +
                           "' without a VALUE asks on the terminal, and standard input is not "
                           "one; give '-' to read the value from standard input",
-                      kHelp);
+                      settingsDeclaration());
   }
   if (!given) given = promptHidden(key);
   else if (*given == "-") given = readLine(STDIN_FILENO);
   if (!given) {
     return usageError("no value for " + key + " was read: the input was empty, or its line " +
                           "longer than 1 MiB",
-                      kHelp);
+                      settingsDeclaration());
   }
   const std::string& text = *given;
   if (entry->credential) redact::registerSecret(text);
@@ -218,7 +192,7 @@ int set(const std::string& key, std::optional<std::string> given) {
   try {
     value = parseSettingText(*entry, text);
   } catch (const DecodingError& e) {
-    return usageError(e.what(), kHelp);
+    return usageError(e.what(), settingsDeclaration());
   }
   storeOf(*entry, sharedDefaults(), ownDefaults()).set(entry->key, value);
   return kExitOk;
@@ -239,27 +213,71 @@ int path() {
 }
 
 int wrongCount(const std::string& command, const char* shape) {
-  return usageError("'" + command + "' takes " + shape, kHelp);
+  return usageError("'" + command + "' takes " + shape, settingsDeclaration());
 }
 
 }  // namespace
 
+const Command& settingsDeclaration() {
+  static const Command command{
+      .name = "settings",
+      .summary = "read and write the settings",
+      .usage = R"(
+lumora settings list | get KEY | set KEY - | set KEY | set KEY VALUE | unset KEY |
+         path
+)",
+      .help =
+          {
+              {.text = R"(
+Reads and writes the settings exactly as the companion chat application does; the key
+decides which of the two settings files holds it.
+)"},
+              {.column = 17,
+               .entries =
+                   {
+                       {"set KEY -",
+                        "stores the first line of standard input (its line end dropped): the way\n"
+                        "to store a key from a file or a password manager, e.g.\n"
+                        "pass show openai | lumora settings set apiKey -"},
+                       {"set KEY",
+                        "asks for the value on the terminal, without showing what is typed\n"
+                        "(use these two for credentials: a VALUE on the command line stays in the\n"
+                        "shell's history and shows in the process list)"},
+                       {"set KEY VALUE",
+                        "stores VALUE, read by the key's type: true or false, a number, a JSON\n"
+                        "object of strings for azureModels, the JSON text of a list of strings "
+                        "for\n"
+                        "openAICompatibleModels (stored as given), text for the others"},
+                       {"list",
+                        "every key with the value the system reads, one 'KEY = VALUE' line each,\n"
+                        "VALUE in JSON; credentials, and the password or key inside a URL, are\n"
+                        "shown as '…' and their last four characters"},
+                       {"get KEY",
+                        "the value the system reads for KEY, its default when KEY is not set: "
+                        "text\n"
+                        "as it is, other types in JSON; a credential masked as in 'list'"},
+                       {"unset KEY", "removes KEY, so that its default applies again"},
+                       {"path",
+                        "the file of the shared suite, then the command's own file, one a line"},
+                   }},
+              {.text = R"(
+Put -- before a VALUE that begins with '--'. A VALUE of - always means standard input.
+Exit status: 0 done, 1 a settings file could not be read or written, 2 usage error.
+)"},
+          },
+      // The words are the subcommand's; "--" lets a VALUE begin with "--".
+      .rules = {.operands = {.least = 1, .tooFew = "missing command"},
+                .optionWords = OptionWords::doubleDash,
+                .endMark = true},
+      .run = settingsCommand,
+  };
+  return command;
+}
+
 int settingsCommand(const Args& args) {
-  std::vector<std::string> words;
-  bool options = true;
-  for (const std::string& arg : args) {
-    if (options && arg == "--") {
-      options = false;
-    } else if (options && (arg == "--help" || arg == "-h")) {
-      std::fputs(kHelp, stdout);
-      return kExitOk;
-    } else if (options && arg.size() > 2 && arg.starts_with("--")) {
-      return usageError("unknown option '" + arg + "'", kHelp);
-    } else {
-      words.push_back(arg);
-    }
-  }
-  if (words.empty()) return usageError("missing command", kHelp);
+  Parsed parsed;
+  if (const auto end = readArguments(args, settingsDeclaration(), parsed)) return *end;
+  const std::vector<std::string>& words = parsed.operands;
   const std::string& command = words[0];
   const size_t operands = words.size() - 1;
   try {
@@ -277,7 +295,7 @@ int settingsCommand(const Args& args) {
     std::fprintf(stderr, "lumora: %s\n", redact::scrub(e.what()).c_str());
     return kExitFailed;
   }
-  return usageError("unknown command '" + command + "'", kHelp);
+  return usageError("unknown command '" + command + "'", settingsDeclaration());
 }
 
 }  // namespace lumora::cli

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Support.h"
 #include "lumora/chat/Errors.h"
@@ -15,35 +16,6 @@
 
 namespace lumora::cli {
 namespace {
-
-constexpr const char* kConversationsHelp =
-    "Usage: lumora conversations list | show ID | add | edit ID | archive ID | unarchive ID |\n"
-    "                            pin ID | unpin ID | rm ID\n"
-    "\n"
-    "The stored conversations, the presets of instruction and model that the panel offers.\n"
-    "\n"
-    "  list        one a line, fields separated by tabs: id, title, model (or -), pinned or -,\n"
-    "              archived or -; pinned first, then the most recently updated\n"
-    "  show ID     every field, one 'name: value' line each, the instruction last\n"
-    "  add         a new conversation from --title TEXT, --instruction TEXT and --model NAME;\n"
-    "              prints its id\n"
-    "  edit ID     changes the fields given with --title, --instruction and --model\n"
-    "  archive ID, unarchive ID, pin ID, unpin ID, rm ID\n"
-    "\n"
-    "Exit status: 0 done, 1 the store could not be used or no conversation has that id,\n"
-    "2 usage error.\n";
-
-constexpr const char* kTeamsHelp =
-    "Usage: lumora teams list | add DOMAIN TOKEN [--name NAME] | rm ID\n"
-    "\n"
-    "The self-hosted team servers; the newest team answers first.\n"
-    "\n"
-    "  list                         one a line, separated by tabs: id, name (or -), domain,\n"
-    "                               and the token masked\n"
-    "  add DOMAIN TOKEN [--name N]  stores a team; prints its id\n"
-    "  rm ID                        removes the team\n"
-    "\n"
-    "Exit status: 0 done, 1 the store could not be used or no team has that id, 2 usage error.\n";
 
 int failed(const std::string& text) {
   std::fprintf(stderr, "lumora: %s\n", redact::scrub(text).c_str());
@@ -72,33 +44,29 @@ std::string orDash(const std::optional<std::string>& value) {
   return value && !value->empty() ? *value : "-";
 }
 
-// --title, --instruction and --model from `args` starting at `from`; nullopt on a usage error.
-struct FieldOptions {
+// The fields that `add` and `edit` set, read from the words after the subcommand (and its ID):
+// only "--title TEXT", "--instruction TEXT" and "--model NAME", each value a word of its own.
+// Returns the exit status when the words are not those, said with the usage.
+struct Fields {
   std::optional<std::string> title, instruction, model;
 };
-std::optional<FieldOptions> fieldOptions(const Args& args, size_t from) {
-  FieldOptions options;
-  for (size_t i = from; i < args.size(); i += 2) {
-    if (i + 1 >= args.size()) return std::nullopt;
-    if (args[i] == "--title")
-      options.title = args[i + 1];
-    else if (args[i] == "--instruction")
-      options.instruction = args[i + 1];
-    else if (args[i] == "--model")
-      options.model = args[i + 1];
-    else
-      return std::nullopt;
-  }
-  return options;
+std::optional<int> readFields(const Args& args, size_t from, Fields& fields) {
+  const Command& command = conversationsDeclaration();
+  const std::string& verb = args[0];
+  const Rules rules = trailingOptions(
+      [&verb](const Mistake&) { return verb + " takes --title, --instruction and --model"; });
+  Parsed parsed;
+  const Args words(args.begin() + static_cast<std::ptrdiff_t>(from), args.end());
+  if (const auto end = readArguments(words, command, rules, command.options, parsed)) return end;
+  fields = {parsed.value("--title"), parsed.value("--instruction"), parsed.value("--model")};
+  return std::nullopt;
 }
 
 int conversations(const Args& args) {
-  if (args.empty()) return usageError("conversations needs a subcommand", kConversationsHelp);
+  const Command& command = conversationsDeclaration();
+  Parsed parsed;
+  if (const auto end = readArguments(args, command, parsed)) return *end;
   const std::string& verb = args[0];
-  if (verb == "--help" || verb == "-h") {
-    std::fputs(kConversationsHelp, stdout);
-    return kExitOk;
-  }
   StoreContext& store = *sharedStoreContext();
   if (verb == "list" && args.size() == 1) {
     for (const auto& c : store.allConversations()) {
@@ -110,13 +78,12 @@ int conversations(const Args& args) {
     return kExitOk;
   }
   if (verb == "add") {
-    const auto options = fieldOptions(args, 1);
-    if (!options) return usageError("add takes --title, --instruction and --model", kConversationsHelp);
-    std::printf("%s\n",
-                store.addConversation(options->title, options->instruction, options->model).c_str());
+    Fields given;
+    if (const auto end = readFields(args, 1, given)) return *end;
+    std::printf("%s\n", store.addConversation(given.title, given.instruction, given.model).c_str());
     return kExitOk;
   }
-  if (args.size() < 2) return usageError(verb + " needs an ID", kConversationsHelp);
+  if (args.size() < 2) return usageError(verb + " needs an ID", command);
   const std::string& id = args[1];
   auto found = store.conversation(id);
   if (!found) return failed("No conversation has the id " + id + ".");
@@ -135,31 +102,29 @@ int conversations(const Args& args) {
     return kExitOk;
   }
   if (verb == "edit") {
-    const auto options = fieldOptions(args, 2);
-    if (!options) return usageError("edit takes --title, --instruction and --model", kConversationsHelp);
-    if (options->title) fields.title = options->title;
-    if (options->instruction) fields.systemPrompt = options->instruction;
-    if (options->model) fields.model = options->model;
+    Fields given;
+    if (const auto end = readFields(args, 2, given)) return *end;
+    if (given.title) fields.title = given.title;
+    if (given.instruction) fields.systemPrompt = given.instruction;
+    if (given.model) fields.model = given.model;
   } else if (args.size() != 2) {
-    return usageError(verb + " takes one ID", kConversationsHelp);
+    return usageError(verb + " takes one ID", command);
   } else if (verb == "archive" || verb == "unarchive") {
     fields.isArchived = verb == "archive";
   } else if (verb == "pin" || verb == "unpin") {
     fields.isPinned = verb == "pin";
   } else {
-    return usageError("unknown subcommand '" + verb + "'", kConversationsHelp);
+    return usageError("unknown subcommand '" + verb + "'", command);
   }
   store.updateConversation(id, fields);
   return kExitOk;
 }
 
 int teams(const Args& args) {
-  if (args.empty()) return usageError("teams needs a subcommand", kTeamsHelp);
+  const Command& command = teamsDeclaration();
+  Parsed parsed;
+  if (const auto end = readArguments(args, command, parsed)) return *end;
   const std::string& verb = args[0];
-  if (verb == "--help" || verb == "-h") {
-    std::fputs(kTeamsHelp, stdout);
-    return kExitOk;
-  }
   if (verb == "list" && args.size() == 1) {
     for (const auto& t : sharedStoreContext()->allTeams()) {
       const std::string token = t.team.token.value_or("");
@@ -172,38 +137,117 @@ int teams(const Args& args) {
     }
     return kExitOk;
   }
-  if (verb == "add" && (args.size() == 3 || (args.size() == 5 && args[3] == "--name"))) {
+  // DOMAIN and TOKEN come first, and --name NAME, if given, once after them.
+  if (verb == "add" && (args.size() == 3 || args.size() == 5)) {
+    Parsed named;
+    const Rules rules =
+        trailingOptions([](const Mistake&) { return "unknown or incomplete subcommand"; });
+    if (const auto end = readArguments(Args(args.begin() + 3, args.end()), command, rules,
+                                       command.options, named))
+      return *end;
     const std::string domain(text::trimmed(args[1]));
     const std::string token(text::trimmed(args[2]));
     if (domain.empty() || token.empty())
-      return usageError("a team needs a DOMAIN and a TOKEN", kTeamsHelp);
+      return usageError("a team needs a DOMAIN and a TOKEN", command);
     redact::registerSecret(token);
     redact::registerUrlSecrets(domain);
-    std::optional<std::string> name;
-    if (args.size() == 5) name = args[4];
+    const std::optional<std::string> name = named.value("--name");
     std::printf("%lld\n", static_cast<long long>(sharedStoreContext()->addTeam(name, domain, token)));
     return kExitOk;
   }
   if (verb == "rm" && args.size() == 2) {
     char* end = nullptr;
     const long long row = std::strtoll(args[1].c_str(), &end, 10);
-    if (args[1].empty() || *end != '\0') return usageError("ID is a number from 'teams list'", kTeamsHelp);
+    if (args[1].empty() || *end != '\0')
+      return usageError("ID is a number from 'teams list'", command);
     if (!sharedStoreContext()->removeTeam(row)) return failed("No team has the id " + args[1] + ".");
     return kExitOk;
   }
-  return usageError("unknown or incomplete subcommand", kTeamsHelp);
+  return usageError("unknown or incomplete subcommand", command);
 }
 
-template <typename Command>
-int guarded(Command command, const Args& args) {
+template <typename Run>
+int guarded(Run run, const Args& args) {
   try {
-    return command(args);
+    return run(args);
   } catch (const std::exception& e) {
     return failed(describeFailure(e));
   }
 }
 
 }  // namespace
+
+const Command& conversationsDeclaration() {
+  static const Command command{
+      .name = "conversations",
+      .summary = "the stored presets of instruction and model",
+      .usage = R"(
+lumora conversations list | show ID | add | edit ID | archive ID | unarchive ID |
+                            pin ID | unpin ID | rm ID
+)",
+      .help =
+          {
+              {.text = R"(
+The stored conversations, the presets of instruction and model that the panel offers.
+)"},
+              {.column = 14,
+               .entries =
+                   {
+                       {"list",
+                        "one a line, fields separated by tabs: id, title, model (or -), pinned or "
+                        "-,\n"
+                        "archived or -; pinned first, then the most recently updated"},
+                       {"show ID",
+                        "every field, one 'name: value' line each, the instruction last"},
+                       {"add",
+                        "a new conversation from --title TEXT, --instruction TEXT and --model "
+                        "NAME;\n"
+                        "prints its id"},
+                       {"edit ID",
+                        "changes the fields given with --title, --instruction and --model"},
+                       {"archive ID, unarchive ID, pin ID, unpin ID, rm ID"},
+                   }},
+              {.text = R"(
+Exit status: 0 done, 1 the store could not be used or no conversation has that id,
+2 usage error.
+)"},
+          },
+      // Only for add and edit, which read them (readFields).
+      .options = {{.name = "--title", .value = "TEXT"},
+                  {.name = "--instruction", .value = "TEXT"},
+                  {.name = "--model", .value = "NAME"}},
+      // The first word is the subcommand; each reads the rest by itself.
+      .rules =
+          operandsOnly({.least = 1, .tooFew = "conversations needs a subcommand"}, HelpAt::first),
+      .run = conversationsCommand,
+  };
+  return command;
+}
+
+const Command& teamsDeclaration() {
+  static const Command command{
+      .name = "teams",
+      .summary = "the self-hosted team servers",
+      .usage = "lumora teams list | add DOMAIN TOKEN [--name NAME] | rm ID\n",
+      .help =
+          {
+              {.text = "The self-hosted team servers; the newest team answers first.\n"},
+              {.column = 31,
+               .entries = {{"list",
+                            "one a line, separated by tabs: id, name (or -), domain,\n"
+                            "and the token masked"},
+                           {"add DOMAIN TOKEN [--name N]", "stores a team; prints its id"},
+                           {"rm ID", "removes the team"}}},
+              {.text = R"(
+Exit status: 0 done, 1 the store could not be used or no team has that id, 2 usage error.
+)"},
+          },
+      .options = {{.name = "--name", .value = "NAME"}},
+      .rules = operandsOnly({.least = 1, .tooFew = "teams needs a subcommand"}, HelpAt::first),
+      .run = teamsCommand,
+  };
+  return command;
+}
 
 int conversationsCommand(const Args& args) { return guarded(conversations, args); }
 int teamsCommand(const Args& args) { return guarded(teams, args); }

@@ -10,14 +10,20 @@
 #include <cstring>
 
 #include "Commands.h"
+#include "lumora/panel/MailExtensionView.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/UserSettings.h"
 
 namespace lumora::cli {
 
-int usageError(const std::string& message, const char* help) {
-  std::fprintf(stderr, "lumora: %s\n\n%s", message.c_str(), help);
-  return kExitUsage;
+Operands optionalMessage() {
+  return {.name = "MESSAGE", .most = 1, .tooMany = "only one MESSAGE can be given"};
+}
+
+std::vector<std::string_view> readingNames() {
+  using Reading = MailExtensionView::Reading;
+  return {MailExtensionView::readingName(Reading::quoted),
+          MailExtensionView::readingName(Reading::message)};
 }
 
 bool runsLumora(std::string_view command) {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Options.h"
 #include "PanelSetup.h"
 
 namespace lumora::cli {
@@ -13,8 +14,11 @@ namespace lumora::cli {
 using frontend::panelDependencies;
 using frontend::sharedStoreContext;
 
-// Writes "lumora: MESSAGE" and the command's usage to standard error; returns kExitUsage.
-int usageError(const std::string& message, const char* help);
+// The MESSAGE of `reply` and `panel`: the message being answered, if one is named.
+Operands optionalMessage();
+
+// What --read takes: the names of the panel's readings ("quoted", "message").
+std::vector<std::string_view> readingNames();
 
 // True when a shell command would run lumora itself (an EDITOR that is `lumora compose`): its
 // first word names a program called lumora. An empty command counts too: it runs nothing.

@@ -2,61 +2,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "CommandLine.h"
 #include "Commands.h"
-#include "lumora/platform/Debug.h"
+#include "DebugLines.h"
 
 namespace {
-
-struct Command {
-  const char* name;
-  const char* help;
-  int (*run)(const lumora::cli::Args&);
-};
-
-constexpr Command kCommands[] = {
-    {"reply", "write a reply to a message with the chosen model", lumora::cli::replyCommand},
-    {"panel", "the compose assistant as a full-screen terminal panel", lumora::cli::panelCommand},
-    {"compose", "the panel on a draft, as a mail client's editor: Insert, then the editor",
-     lumora::cli::composeCommand},
-    {"settings", "read and write the settings", lumora::cli::settingsCommand},
-    {"conversations", "the stored presets of instruction and model",
-     lumora::cli::conversationsCommand},
-    {"teams", "the self-hosted team servers", lumora::cli::teamsCommand},
-    {"models", "list the model catalogue", lumora::cli::modelsCommand},
-    {"route", "show which service would answer a model, and why", lumora::cli::routeCommand},
-    {"voices", "list the voices of the Azure speech service", lumora::cli::voicesCommand},
-    {"check-recipients", "mark recipients that mail may not go to",
-     lumora::cli::checkRecipientsCommand},
-    {"headers", "print the extra header of outgoing mail", lumora::cli::headersCommand},
-    {"colour", "print the colour of a message by its subject", lumora::cli::colourCommand},
-    {"sendmail", "send a message through the real sendmail, with the rules applied",
-     lumora::cli::sendmailCommand},
-    {"integrate", "print the configuration lines for neomutt or aerc",
-     lumora::cli::integrateCommand},
-};
-
-void usage(FILE* out) {
-  std::fprintf(out,
-               "Usage: lumora COMMAND [ARGS...]\n"
-               "\n"
-               "Lumora writes replies to e-mail with the language model of your choice.\n"
-               "\n"
-               "Commands:\n");
-  int width = 0;
-  for (const Command& c : kCommands) width = std::max(width, static_cast<int>(std::strlen(c.name)));
-  for (const Command& c : kCommands) std::fprintf(out, "  %-*s  %s\n", width, c.name, c.help);
-  std::fprintf(out,
-               "\n"
-               "Run 'lumora COMMAND --help' for a command's options.\n"
-               "Options: --help, --version\n");
-}
 
 // A standard stream the caller closed is held open on a device, so that no file the command
 // opens (a settings file, the store) takes its number and receives what was meant for the
@@ -94,29 +49,27 @@ int finishOutput(int status, bool outputClosed) {
 }
 
 int run(int argc, char** argv) {
+  using lumora::cli::programHelp;
   if (argc < 2) {
-    usage(stderr);
+    std::fputs(programHelp().c_str(), stderr);
     return lumora::cli::kExitUsage;
   }
   const std::string name = argv[1];
   if (name == "--help" || name == "-h" || name == "help") {
-    usage(stdout);
+    std::fputs(programHelp().c_str(), stdout);
     return lumora::cli::kExitOk;
   }
   if (name == "--version") {
     std::printf("lumora %s\n", LUMORA_VERSION);
     return lumora::cli::kExitOk;
   }
-  // Standard output carries each command's result, so debug lines go to standard error, and
-  // only when asked for (a command may turn them on with an option of its own).
-  const char* debugEnv = std::getenv("LUMORA_DEBUG");
-  const bool debugOn = debugEnv && std::strcmp(debugEnv, "1") == 0;
-  lumora::debug::setSink(debugOn ? lumora::debug::stderrSink() : lumora::debug::Sink());
-  for (const Command& c : kCommands) {
-    if (name == c.name) return c.run(lumora::cli::Args(argv + 2, argv + argc));
+  // A command may also turn debug lines on with an option of its own.
+  lumora::frontend::routeDebugLines();
+  for (const lumora::cli::Command* c : lumora::cli::commands()) {
+    if (name == c->name) return c->run(lumora::cli::Args(argv + 2, argv + argc));
   }
   std::fprintf(stderr, "lumora: unknown command '%s'\n", name.c_str());
-  usage(stderr);
+  std::fputs(programHelp().c_str(), stderr);
   return lumora::cli::kExitUsage;
 }
 

@@ -7,14 +7,13 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 #include <thread>
 
+#include "DebugLines.h"
 #include "Framing.h"
 #include "NativeHost.h"
 #include "PanelSetup.h"
-#include "lumora/platform/Debug.h"
 #include "lumora/platform/Http.h"
 #include "lumora/store/Features.h"
 #include "lumora/store/UserSettings.h"
@@ -47,8 +46,7 @@ int main(int argc, char** argv) {
     }
   }
   // Standard output is the port: debug lines must never reach it.
-  const char* debugEnv = std::getenv("LUMORA_DEBUG");
-  debug::setSink(debugEnv && std::strcmp(debugEnv, "1") == 0 ? debug::stderrSink() : debug::Sink());
+  frontend::routeDebugLines();
   // A write to a closed port fails with EPIPE and ends the session; it must not kill us first.
   signal(SIGPIPE, SIG_IGN);
 

@@ -1,5 +1,6 @@
 #include "Documents.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <map>
@@ -229,14 +230,20 @@ std::string quoted(std::string_view s) {
   return out + "'";
 }
 
+// A command's forms, from its usage, and the options it reads, from its declaration.
 std::vector<std::pair<std::string, CommandSyntax>> syntaxes(const ProgramHelp& program) {
   std::vector<std::pair<std::string, CommandSyntax>> out;
-  for (const CommandHelp& command : program.commands)
-    out.emplace_back(command.name, syntaxOf(command.name, command.help));
+  for (const CommandHelp& command : program.commands) {
+    CommandSyntax syntax = syntaxOf(command.name, command.help);
+    syntax.options = command.options;
+    syntax.options.push_back({"--help", ""});
+    out.emplace_back(command.name, std::move(syntax));
+  }
   return out;
 }
 
-// "--model=NAME --dry-run ...": an option that takes a value names it after '='.
+// "--model=NAME --read=quoted|message --dry-run ...": an option that takes a value names it
+// after '=', or the values it takes.
 std::string optionWords(const CommandSyntax& syntax) {
   std::string words;
   for (const Option& option : syntax.options) {
@@ -267,11 +274,28 @@ std::map<std::string, std::string> wordDescriptions(const CommandHelp& command) 
 
 }  // namespace
 
+std::string undeclaredOptions(const CommandHelp& command) {
+  std::vector<std::string> named, declared{"--help"};
+  for (const Option& option : syntaxOf(command.name, command.help).options)
+    named.push_back(option.name);
+  for (const Option& option : command.options) declared.push_back(option.name);
+  std::string out;
+  for (const std::string& name : named) {
+    if (std::find(declared.begin(), declared.end(), name) == declared.end())
+      out += "'lumora " + command.name + " --help' names " + name + ", which it does not read\n";
+  }
+  for (const std::string& name : declared) {
+    if (std::find(named.begin(), named.end(), name) == named.end())
+      out += "'lumora " + command.name + "' reads " + name + ", which its --help does not name\n";
+  }
+  return out;
+}
+
 std::string manPage(const ProgramHelp& program, std::string_view cliDoc,
                     std::string_view extraSections) {
   ManWriter man;
-  man.request(".\\\" Made from the --help texts of lumora " + program.version +
-              " and docs/cli.md when lumora was built:");
+  man.request(".\\\" Made from the command declarations of lumora " + program.version +
+              " (apps/lumora) and docs/cli.md when lumora was built:");
   man.request(".\\\" change those, not this file.");
   man.request(".TH LUMORA 1 \"\" \"lumora " + program.version + "\" \"User Commands\"");
   man.heading(".SH", "NAME");

@@ -1,4 +1,5 @@
-// The manual page and the shell completions of `lumora`, made from its help texts.
+// The manual page and the shell completions of `lumora`, made from its commands' declarations:
+// their help texts, and the options they read.
 #pragma once
 
 #include <string>
@@ -11,12 +12,15 @@ namespace lumora::helpdoc {
 
 struct CommandHelp {
   std::string name;
-  std::string summary;  // from the command list of `lumora --help`
+  std::string summary;  // its line in the command list of `lumora --help`
   HelpText help;        // `lumora NAME --help`
+  // The options the command reads, --help aside; an option whose values are a fixed set has
+  // them as its value, separated by '|' ("quoted|message").
+  std::vector<Option> options;
 };
 
 struct ProgramHelp {
-  std::string version;  // "0.1.0", from `lumora --version`
+  std::string version;  // "0.1.0"
   HelpText help;        // `lumora --help`
   std::vector<CommandHelp> commands;
 };
@@ -25,6 +29,11 @@ struct ProgramHelp {
 // becomes ENVIRONMENT; `extraSections` is man(7) markup put at the end as it is.
 std::string manPage(const ProgramHelp& program, std::string_view cliDoc,
                     std::string_view extraSections);
+
+// Empty when the options that the command's help names are the ones it reads; else what
+// differs, in words, so that the build stops before a help text that promises an option the
+// command does not take, or hides one it does.
+std::string undeclaredOptions(const CommandHelp& command);
 
 // The data a completion template works from: the commands, the positional words of each form
 // of each command and each command's options, as shell variable assignments.

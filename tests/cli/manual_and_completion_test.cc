@@ -1,6 +1,7 @@
-// lumora(1) and the bash and zsh completions, which the build makes from the --help texts:
-// how a help text is read, and that what the built page and completions offer is what the
-// built command's --help says, so that neither can fall behind a new command or option.
+// lumora(1) and the bash and zsh completions, which the build makes from the commands'
+// declarations, the same that print --help: how a help text is read, and that what the built
+// page and completions offer is what the built command's --help says, so that neither can fall
+// behind a new command or option.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -402,6 +403,33 @@ TEST_F(Completion, BothShellsOfferSubcommandsAndValues) {
     if (c.bash == files) zshWords = {"(files)"};
     EXPECT_EQ(zsh(c.words), zshWords);
   }
+}
+
+// An option whose values are a fixed set offers them, and what follows its value is read as
+// the next word of the command, not as the option's value.
+TEST_F(Completion, BothShellsOfferTheValuesAnOptionTakes) {
+  if (installed("zsh").empty())
+    GTEST_SKIP() << "zsh is not installed (scripts/deps.sh installs it)";
+  const Words readings{"quoted", "message"};
+  const Words files{"meeting.eml", "minutes.txt"};
+  const struct {
+    std::vector<std::string> words;
+    Words bash;  // zsh: the same, with "(files)" for the file names
+  } cases[] = {
+      {{"reply", "--read", ""}, readings},
+      {{"panel", "--read", ""}, readings},
+      {{"compose", "--read", ""}, readings},
+      {{"reply", "--read", "message", ""}, files},
+      {{"panel", "--no-mouse", "--read", "quoted", ""}, files},
+  };
+  for (const auto& c : cases) {
+    std::string line;
+    for (const std::string& w : c.words) line += " " + w;
+    SCOPED_TRACE("lumora" + line);
+    EXPECT_EQ(bash(c.words), c.bash);
+    EXPECT_EQ(zsh(c.words), c.bash == files ? Words{"(files)"} : c.bash);
+  }
+  EXPECT_EQ(bash({"reply", "--read", "m"}), Words{"message"});
 }
 
 TEST_F(Completion, BashCompletesThePartOfAWordTyped) {

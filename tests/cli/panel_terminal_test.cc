@@ -171,9 +171,10 @@ class PanelTerminalTest : public ::testing::Test {
 
   // A mail client in the pane, with the test's environment and `lumora` on its PATH. No debug
   // lines: the client gives the panel its own terminal, where they would be written at the end
-  // and wait for a key.
+  // and wait for a key. HOME is the test's too: the clients keep state under it (neomutt's
+  // ~/postponed), which must neither come from the user's nor be left there.
   std::string mailClientCommand(const std::string& program) {
-    std::string command = "env";
+    std::string command = "env HOME=" + quoted(home_.path().string());
     for (const auto& [name, value] : environment())
       if (name != "LUMORA_DEBUG") command += " " + name + "=" + quoted(value);
     command += " EDITOR=true PATH=" +

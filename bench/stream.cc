@@ -32,7 +32,7 @@
 #include "Spawn.h"
 #include "lumora/chat/ChatEnvironment.h"
 #include "lumora/chat/ChatRequest.h"
-#include "lumora/chat/OpenAIClient.h"
+#include "lumora/routing/OpenAIClient.h"
 #include "lumora/chat/Payloads.h"
 #include "lumora/chat/Service.h"
 #include "lumora/platform/Debug.h"

@@ -25,7 +25,7 @@ case "$mode" in
   tsan)
     flags="-fsanitize=thread"
     export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
-    subset=(-DLUMORA_TEST_SOURCE_FILTER="chat|nativehost|panel|platform|providers|store|support"
+    subset=(-DLUMORA_TEST_SOURCE_FILTER="chat|routing|nativehost|panel|platform|providers|store|support"
       -DLUMORA_FUZZ_REPLAY=OFF)
     skip="ThunderbirdEndToEnd"
     ;;

@@ -9,7 +9,7 @@
 #include "Support.h"
 #include "lumora/chat/ChatEnvironment.h"
 #include "lumora/chat/Errors.h"
-#include "lumora/chat/LLMClients.h"
+#include "lumora/routing/LLMClients.h"
 #include "lumora/media/AzureTTSClient.h"
 #include "lumora/models/ConversationModel.h"
 #include "lumora/platform/Http.h"
@@ -17,54 +17,62 @@
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/store/SettingsKeys.h"
 
 namespace lumora::cli {
 namespace {
 
+// Each reason as one whole sentence, so that it is translated whole; {model} and {service}
+// are filled in afterwards.
+std::string_view reasonSentence(LLMClients::RouteReason reason, bool catalogued) {
+  using enum LLMClients::RouteReason;
+  switch (reason) {
+    case speechModel:
+      return "{model} is a speech model: it goes to the hosted cloud or to OpenAI, whichever "
+             "comes first in your services.";
+    case cloudOnlyModel:
+      return "{model} is offered only by the hosted cloud.";
+    case claudeModel:
+      return "{model} is a Claude model: it goes to Claude, OpenRouter or the hosted cloud, "
+             "whichever comes first in your services.";
+    case geminiModel:
+      return "{model} is a Gemini model: it goes to Gemini, OpenRouter or the hosted cloud, "
+             "whichever comes first in your services.";
+    case moonshotModel:
+      return "{model} is a Moonshot model.";
+    case rekaModel:
+      return "{model} is a Reka model.";
+    case mistralModel:
+      return "{model} is a Mistral model.";
+    case groqModel:
+      return "{model} is a Groq model.";
+    case supportedByService:
+      if (!catalogued)
+        return "{model} is not in the catalogue. {service} is the first of your services that "
+               "takes a model named like it, so the request goes there; whether the model "
+               "exists is for that service to say.";
+      return "{service} is the first of your services that offers {model}.";
+    case ollamaForUnlisted:
+      return "{model} is not in the catalogue, so it goes to your Ollama server.";
+    case modelService:
+      return "The model service lists {model} under {service}.";
+    case noServices:
+      return "No service is set up: the request would go to OpenAI without a key, and be "
+             "refused.";
+    case cloudOrOpenAI:
+      return "None of your services offers {model} by name, so the hosted cloud or OpenAI "
+             "answers it.";
+    case firstService:
+      return "None of your services offers {model} by name, so the first of your services "
+             "answers it.";
+  }
+  return {};
+}
+
 std::string reason(const LLMClients::RouteDecision& route, const std::string& model) {
   const std::string service = route.service.id();
-  switch (route.step) {
-    case 1:
-      return model + localized(" is a speech model: it goes to the hosted cloud or to OpenAI, "
-                               "whichever comes first in your services.");
-    case 2:
-      return model + localized(" is offered only by the hosted cloud.");
-    case 3:
-      return model + localized(" is a Claude model: it goes to Claude, OpenRouter or the hosted "
-                               "cloud, whichever comes first in your services.");
-    case 4:
-      return model + localized(" is a Gemini model: it goes to Gemini, OpenRouter or the hosted "
-                               "cloud, whichever comes first in your services.");
-    case 5:
-      return model + localized(" is a Moonshot model.");
-    case 6:
-      return model + localized(" is a Reka model.");
-    case 7:
-      return model + localized(" is a Mistral model.");
-    case 8:
-      return model + localized(" is a Groq model.");
-    case 9:
-      if (!isCatalogueModel(model)) {
-        return model + localized(" is not in the catalogue. ") + service +
-               localized(" is the first of your services that takes a model named like it, so "
-                         "the request goes there; whether the model exists is for that service "
-                         "to say.");
-      }
-      return service + localized(" is the first of your services that offers ") + model + ".";
-    case 10:
-      return model + localized(" is not in the catalogue, so it goes to your Ollama server.");
-    case 11:
-      return localized("The model service lists ") + model + localized(" under ") + service + ".";
-    case 12:
-      return localized("No service is set up: the request would go to OpenAI without a key, "
-                       "and be refused.");
-    case 13:
-      return localized("None of your services offers ") + model +
-             localized(" by name, so the hosted cloud or OpenAI answers it.");
-    default:
-      return localized("None of your services offers ") + model +
-             localized(" by name, so the first of your services answers it.");
-  }
+  return withValues(localized(reasonSentence(route.reason, isCatalogueModel(model))),
+                    {{"model", model}, {"service", service}});
 }
 
 }  // namespace
@@ -176,7 +184,7 @@ int voicesCommand(const Args& args) {
                                       .store = {}};
     std::string token;
     if (cloud) {
-      token = sharedDefaults().string("cloudToken").value_or("");
+      token = sharedDefaults().string(keyOf(SettingName::cloudToken)).value_or("");
     } else if (const char* key = std::getenv("LUMORA_AZURE_SPEECH_KEY")) {
       token = key;
     }

@@ -163,7 +163,7 @@ int runTerminalPanel(TerminalPanelRun run) {
       MailExtensionView::Dependencies deps =
           panelDependencies(executor, session, defaultTransport(), *clipboard.pasteboard);
       if (run.reading)
-        deps.overrides[std::string(MailExtensionView::kReadingKey)] = *run.reading;
+        deps.overrides[std::string(keyOf(MailExtensionView::kReadingKey))] = *run.reading;
       deps.inserter = run.inserter;
       auto panel = MailExtensionView::make(std::move(deps));
       PanelScreen screen(*panel, {.inChina = [&features] { return features.inChina(); },

@@ -80,10 +80,10 @@ void applyOverrides(const ReplyOptions& options, MailExtensionView::Dependencies
   const auto set = [&](std::string_view key, const std::optional<std::string>& value) {
     if (value) deps.overrides[std::string(key)] = *value;
   };
-  set(MailExtensionView::kSelectedModelKey, options.model);
-  set(MailExtensionView::kPromptKey, options.instruction);
-  set(MailExtensionView::kSelectedConversationKey, options.conversation);
-  set(MailExtensionView::kReadingKey, options.reading);
+  set(keyOf(MailExtensionView::kSelectedModelKey), options.model);
+  set(keyOf(MailExtensionView::kPromptKey), options.instruction);
+  set(keyOf(MailExtensionView::kSelectedConversationKey), options.conversation);
+  set(keyOf(MailExtensionView::kReadingKey), options.reading);
 }
 
 // What the run came to, said on standard output and standard error: the exit status.

@@ -7,7 +7,7 @@
 #include <random>
 
 #include "lumora/chat/Errors.h"
-#include "lumora/chat/OpenAIClient.h"
+#include "lumora/routing/OpenAIClient.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"

@@ -3,13 +3,14 @@
 #include "lumora/platform/Text.h"
 #include "lumora/platform/Url.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/store/SettingsKeys.h"
 
 namespace lumora {
 
 SessionConfiguration makeSession(const ChatEnvironment& environment) {
   SessionConfiguration session;
   session.idleTimeout = environment.idleTimeout;
-  const std::optional<std::string> setting = environment.sharedDefaults.string("httpsProxyUrl");
+  const std::optional<std::string> setting = environment.sharedDefaults.string(keyOf(SettingName::httpsProxyUrl));
   if (!setting) return session;
   const auto url = Url::parse(text::trimmed(*setting));
   if (!url) return session;

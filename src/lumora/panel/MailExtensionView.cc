@@ -4,7 +4,7 @@
 
 #include "lumora/chat/ChunkStream.h"
 #include "lumora/chat/Errors.h"
-#include "lumora/chat/LLMClients.h"
+#include "lumora/routing/LLMClients.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Text.h"
 #include "lumora/platform/Throttle.h"
@@ -59,12 +59,14 @@ MailExtensionView::~MailExtensionView() {
   }
 }
 
-std::string MailExtensionView::stored(std::string_view key, std::string_view fallback) const {
+std::string MailExtensionView::stored(SettingName name) const {
+  const std::string_view key = keyOf(name);
   if (auto it = deps_.overrides.find(key); it != deps_.overrides.end()) return it->second;
-  return deps_.ownDefaults.string(key).value_or(std::string(fallback));
+  return deps_.ownDefaults.string(key).value_or(std::string(settingKey(name).defaultText));
 }
 
-void MailExtensionView::store(std::string_view key, const std::string& value) {
+void MailExtensionView::store(SettingName name, const std::string& value) {
+  const std::string_view key = keyOf(name);
   if (auto it = deps_.overrides.find(key); it != deps_.overrides.end()) {
     it->second = value;
   } else {
@@ -80,12 +82,12 @@ void MailExtensionView::store(std::string_view key, const std::string& value) {
   changed();
 }
 
-std::string MailExtensionView::prompt() const { return stored(kPromptKey, kDefaultPrompt); }
+std::string MailExtensionView::prompt() const { return stored(kPromptKey); }
 void MailExtensionView::setPrompt(const std::string& v) { store(kPromptKey, v); }
-std::string MailExtensionView::selectedModel() const { return stored(kSelectedModelKey, ""); }
+std::string MailExtensionView::selectedModel() const { return stored(kSelectedModelKey); }
 void MailExtensionView::setSelectedModel(const std::string& v) { store(kSelectedModelKey, v); }
 std::string MailExtensionView::selectedConversationId() const {
-  return stored(kSelectedConversationKey, "");
+  return stored(kSelectedConversationKey);
 }
 void MailExtensionView::setSelectedConversationId(const std::string& v) {
   store(kSelectedConversationKey, v);
@@ -104,7 +106,7 @@ std::optional<MailExtensionView::Reading> MailExtensionView::readingNamed(std::s
 MailExtensionView::Reading MailExtensionView::reading() const {
   // A stored word that names no reading, written by hand or by another version, reads as the
   // default.
-  return readingNamed(stored(kReadingKey, "quoted")).value_or(Reading::quoted);
+  return readingNamed(stored(kReadingKey)).value_or(Reading::quoted);
 }
 
 void MailExtensionView::setReading(Reading value) {

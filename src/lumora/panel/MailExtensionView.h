@@ -39,6 +39,7 @@
 #include "lumora/panel/Conversations.h"
 #include "lumora/platform/Pasteboard.h"
 #include "lumora/platform/Executor.h"
+#include "lumora/store/SettingsKeys.h"
 
 namespace lumora {
 
@@ -46,12 +47,12 @@ class DefaultsStore;
 
 class MailExtensionView : public std::enable_shared_from_this<MailExtensionView> {
  public:
-  static constexpr std::string_view kPromptKey = "mailDefaultPrompt";
-  static constexpr std::string_view kSelectedModelKey = "mailSelectedModel";
-  static constexpr std::string_view kSelectedConversationKey = "mailSelectedConversationId";
-  // What the model reads of the message being answered: "quoted" or "message".
-  static constexpr std::string_view kReadingKey = "mailReading";
-  static constexpr std::string_view kDefaultPrompt = "You're my assistant, please reply this email";
+  // The panel's stored fields, in the command's own settings: the instruction, the chosen
+  // model and conversation, and what the model reads of the message ("quoted" or "message").
+  static constexpr SettingName kPromptKey = SettingName::mailDefaultPrompt;
+  static constexpr SettingName kSelectedModelKey = SettingName::mailSelectedModel;
+  static constexpr SettingName kSelectedConversationKey = SettingName::mailSelectedConversationId;
+  static constexpr SettingName kReadingKey = SettingName::mailReading;
   // The least time between two saves of a conversation's edits.
   static constexpr std::chrono::seconds kSaveInterval{1};
   // Appended to the reply when a run is cancelled before its stream exists.
@@ -187,8 +188,8 @@ class MailExtensionView : public std::enable_shared_from_this<MailExtensionView>
   struct Editing;
 
   explicit MailExtensionView(Dependencies dependencies);
-  std::string stored(std::string_view key, std::string_view fallback) const;
-  void store(std::string_view key, const std::string& value);
+  std::string stored(SettingName name) const;
+  void store(SettingName name, const std::string& value);
   void generate(const std::shared_ptr<Task>& task);
   void showLatest(const std::shared_ptr<Task>& task);
   void fail(const std::shared_ptr<Task>& task, std::exception_ptr failure);

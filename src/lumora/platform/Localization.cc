@@ -59,6 +59,37 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Inserting…", "正在插入…"},
     {"Inserted", "已插入"},
     {"Sent to the terminal's clipboard (OSC 52)", "已发送到终端的剪贴板（OSC 52）"},
+    // Why `lumora route` chose a service.
+    {"{model} is a speech model: it goes to the hosted cloud or to OpenAI, whichever comes first "
+     "in your services.",
+     "{model} 是语音模型：交给托管云或 OpenAI，以你的服务中排在前面的为准。"},
+    {"{model} is offered only by the hosted cloud.", "{model} 只由托管云提供。"},
+    {"{model} is a Claude model: it goes to Claude, OpenRouter or the hosted cloud, whichever "
+     "comes first in your services.",
+     "{model} 是 Claude 模型：交给 Claude、OpenRouter 或托管云，以你的服务中排在前面的为准。"},
+    {"{model} is a Gemini model: it goes to Gemini, OpenRouter or the hosted cloud, whichever "
+     "comes first in your services.",
+     "{model} 是 Gemini 模型：交给 Gemini、OpenRouter 或托管云，以你的服务中排在前面的为准。"},
+    {"{model} is a Moonshot model.", "{model} 是 Moonshot 模型。"},
+    {"{model} is a Reka model.", "{model} 是 Reka 模型。"},
+    {"{model} is a Mistral model.", "{model} 是 Mistral 模型。"},
+    {"{model} is a Groq model.", "{model} 是 Groq 模型。"},
+    {"{model} is not in the catalogue. {service} is the first of your services that takes a "
+     "model named like it, so the request goes there; whether the model exists is for that "
+     "service to say.",
+     "{model} 不在模型目录中。{service} 是你的服务中第一个接受这类名称的，所以请求发往那里；"
+     "该模型是否存在由那个服务判断。"},
+    {"{service} is the first of your services that offers {model}.",
+     "{service} 是你的服务中第一个提供 {model} 的。"},
+    {"{model} is not in the catalogue, so it goes to your Ollama server.",
+     "{model} 不在模型目录中，所以交给你的 Ollama 服务器。"},
+    {"The model service lists {model} under {service}.", "模型服务把 {model} 列在 {service} 之下。"},
+    {"No service is set up: the request would go to OpenAI without a key, and be refused.",
+     "尚未设置任何服务：请求会不带密钥发往 OpenAI，并被拒绝。"},
+    {"None of your services offers {model} by name, so the hosted cloud or OpenAI answers it.",
+     "你的服务都没有按名称提供 {model}，所以由托管云或 OpenAI 回答。"},
+    {"None of your services offers {model} by name, so the first of your services answers it.",
+     "你的服务都没有按名称提供 {model}，所以由你的第一个服务回答。"},
 };
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <array>
 #include <mutex>
 
+#include "lumora/platform/PercentEncoding.h"
+
 namespace lumora::redact {
 namespace {
 
@@ -44,19 +46,6 @@ bool isUnreserved(unsigned char c) {
          c == '-' || c == '.' || c == '_' || c == '~';
 }
 
-std::string percentEncoded(std::string_view s, const char* hex) {
-  std::string out;
-  for (unsigned char c : s) {
-    if (isUnreserved(c)) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
-}
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -126,8 +115,8 @@ void registerSecret(std::string_view secret) {
   std::lock_guard lock(r.mutex);
   bool added = false;
   for (std::string form : {std::string(secret), jsonEscaped(secret),
-                           percentEncoded(secret, "0123456789ABCDEF"),
-                           percentEncoded(secret, "0123456789abcdef")}) {
+                           text::percentEncoded(secret, isUnreserved, text::kUpperHexDigits),
+                           text::percentEncoded(secret, isUnreserved, text::kLowerHexDigits)}) {
     added |= addPattern(r.patterns, std::move(form), mask);
   }
   // Settings are read again and again; a secret seen before leaves the order as it is.

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "lumora/platform/CurlLibrary.h"
+#include "lumora/platform/PercentEncoding.h"
 
 namespace lumora {
 namespace {
@@ -182,21 +183,7 @@ std::optional<Parts> simpleParts(std::string_view text) {
   return parts;
 }
 
-std::string encodePath(std::string_view path) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(path.size());
-  for (unsigned char c : path) {
-    if (isPathChar(c)) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
-  return out;
-}
+std::string encodePath(std::string_view path) { return text::percentEncoded(path, isPathChar); }
 
 // ---- everything else, through libcurl -------------------------------------------------------
 

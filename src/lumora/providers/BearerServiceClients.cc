@@ -2,6 +2,8 @@
 
 #include "lumora/chat/ChatRequest.h"
 #include "lumora/platform/Redact.h"
+#include "lumora/providers/ClaudeClient.h"
+#include "lumora/providers/GeminiClient.h"
 
 namespace lumora {
 
@@ -15,14 +17,19 @@ Url BearerServiceClient::requestURL(std::optional<std::string_view>) const {
   return requestUrl(endpointBase(endpoint_)).appendingPath(kChatPath);
 }
 
-bool OpenRouterClient::supportsModel(std::string_view model) const {
-  return model.starts_with("gpt") || model.starts_with("gemini") || model.starts_with("claude");
+bool MistralClient::claims(std::string_view model) {
+  return model.starts_with("mistral") || model.starts_with("open_mistral") ||
+         model.starts_with("open_mixtral");
+}
+
+bool OpenRouterClient::claims(std::string_view model) {
+  return model.starts_with("gpt") || GeminiClient::claims(model) || ClaudeClient::claims(model);
 }
 
 std::string OpenRouterClient::sentModel(std::string_view model) const {
   if (model.starts_with("gpt")) return "openai/" + std::string(model);
-  if (model.starts_with("gemini")) return "google/" + std::string(model);
-  if (model.starts_with("claude")) {
+  if (GeminiClient::claims(model)) return "google/" + std::string(model);
+  if (ClaudeClient::claims(model)) {
     // OpenRouter lists this one model without its date, with a dot.
     if (model == "claude-3-5-sonnet-20240620") return "anthropic/claude-3.5-sonnet";
     return "anthropic/" + std::string(model);

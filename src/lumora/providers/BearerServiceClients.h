@@ -26,7 +26,9 @@ class MistralClient final : public BearerServiceClient {
  public:
   MistralClient(std::string apiKey, const ChatEnvironment& environment)
       : BearerServiceClient(FixedEndpoint::mistral, std::move(apiKey), environment) {}
-  // Never chosen by name: only the route's Mistral step reaches it.
+  // The names sent to Mistral: its own and its open models'. The route sends them here before
+  // any service is asked; asked service by service, the client answers no name.
+  static bool claims(std::string_view model);
   bool supportsModel(std::string_view) const override { return false; }
 };
 
@@ -34,16 +36,18 @@ class MoonshotClient final : public BearerServiceClient {
  public:
   MoonshotClient(std::string apiKey, const ChatEnvironment& environment)
       : BearerServiceClient(FixedEndpoint::moonshot, std::move(apiKey), environment) {}
-  bool supportsModel(std::string_view model) const override {
-    return model.starts_with("moonshot");
-  }
+  // The names Moonshot answers: those starting "moonshot".
+  static bool claims(std::string_view model) { return model.starts_with("moonshot"); }
+  bool supportsModel(std::string_view model) const override { return claims(model); }
 };
 
 class OpenRouterClient final : public BearerServiceClient {
  public:
   OpenRouterClient(std::string apiKey, const ChatEnvironment& environment)
       : BearerServiceClient(FixedEndpoint::openRouter, std::move(apiKey), environment) {}
-  bool supportsModel(std::string_view model) const override;
+  // The names OpenRouter forwards: OpenAI's chat models ("gpt…"), Gemini's and Claude's.
+  static bool claims(std::string_view model);
+  bool supportsModel(std::string_view model) const override { return claims(model); }
   // OpenRouter names models by their provider: "openai/gpt-4o", "anthropic/claude-2".
   std::string sentModel(std::string_view model) const override;
 };

@@ -86,8 +86,13 @@ class ClaudeClient final : public LLMClient {
 
   bool useCloud() const { return useCloud_; }
 
-  // True for names starting "claude".
-  bool supportsModel(std::string_view model) const override { return model.starts_with("claude"); }
+  // The names Claude's service answers: those starting "claude". The route sends them here
+  // before any service is asked, and OpenRouter and the hosted cloud forward them.
+  static bool claims(std::string_view model) { return model.starts_with("claude"); }
+  // Claude's own dated names ("claude-3-opus-…"): the ones a Claude key or the hosted cloud's
+  // token takes to Claude's API when the OpenAI client was chosen for them.
+  static bool claimsByApiName(std::string_view model) { return model.starts_with("claude-"); }
+  bool supportsModel(std::string_view model) const override { return claims(model); }
 
   // Builds the request, sends it and judges the head: 200 gives the stream; any other status
   // fails with the OpenAIError that checkErrorBody makes of the body.

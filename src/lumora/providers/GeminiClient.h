@@ -29,8 +29,9 @@ class GeminiClient final : public LLMClient {
   // Registers the key for masking.
   GeminiClient(std::string apikey, const ChatEnvironment& environment);
 
-  // True for names starting "gemini".
-  bool supportsModel(std::string_view model) const override { return model.starts_with("gemini"); }
+  // The names Gemini's service answers: those starting "gemini".
+  static bool claims(std::string_view model) { return model.starts_with("gemini"); }
+  bool supportsModel(std::string_view model) const override { return claims(model); }
 
   // Chunks carry `model` as given, the reply so far, and never a finish reason. `temperature` is
   // not sent.

@@ -20,7 +20,7 @@ std::string_view GroqClient::rawValue(Model model) {
   return {};
 }
 
-bool GroqClient::isModel(std::string_view model) {
+bool GroqClient::claims(std::string_view model) {
   for (Model m : kModels)
     if (rawValue(m) == model) return true;
   return false;
@@ -28,7 +28,7 @@ bool GroqClient::isModel(std::string_view model) {
 
 int GroqClient::maxTokens(std::string_view model) {
   if (model == rawValue(Model::mixtralv8x7b)) return 32768;
-  if (isModel(model)) return 8192;
+  if (claims(model)) return 8192;
   return 4096;
 }
 

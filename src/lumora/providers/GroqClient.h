@@ -20,11 +20,12 @@ class GroqClient final : public LLMClient {
   static std::string_view rawValue(Model model);
   // The limit sent for `model`: its own for the four, 4096 for any other name.
   static int maxTokens(std::string_view model);
-  static bool isModel(std::string_view model);
+  // The names Groq answers: its four models, exactly.
+  static bool claims(std::string_view model);
 
   GroqClient(std::string apikey, const ChatEnvironment& environment);
 
-  bool supportsModel(std::string_view model) const override { return isModel(model); }
+  bool supportsModel(std::string_view model) const override { return claims(model); }
   HttpRequest chatRequest(const std::string& model, const std::vector<ChatMessage>& messages,
                           double temperature) const;
   ChunkStream streamChat(const std::string& model, const std::vector<ChatMessage>& messages,

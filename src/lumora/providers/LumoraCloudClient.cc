@@ -85,6 +85,11 @@ bool LumoraCloudClient::supportsModel(std::string_view model) const {
   return isCatalogueModel(model);
 }
 
+bool LumoraCloudClient::claimsAlone(std::string_view model) {
+  const auto catalogued = ConversationModel::fromRawValue(model);
+  return catalogued && catalogued->isCloudOnlyModel();
+}
+
 HttpRequest LumoraCloudClient::chatRequest(const std::string& model,
                                            const std::vector<ChatMessage>& messages,
                                            double) const {

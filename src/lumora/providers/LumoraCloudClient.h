@@ -36,6 +36,8 @@ class LumoraCloudClient final : public LLMClient {
 
   // Any catalogue model, by its exact id.
   bool supportsModel(std::string_view model) const override;
+  // The catalogue models that only the hosted cloud offers: no other service is asked for them.
+  static bool claimsAlone(std::string_view model);
   HttpRequest chatRequest(const std::string& model, const std::vector<ChatMessage>& messages,
                           double temperature) const;
   ChunkStream streamChat(const std::string& model, const std::vector<ChatMessage>& messages,

@@ -4,6 +4,7 @@
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/JsonRecord.h"
 #include "lumora/chat/Payloads.h"
+#include "lumora/models/ConversationModel.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Text.h"
 #include "lumora/platform/Url.h"
@@ -41,6 +42,8 @@ std::optional<StreamChunk> Lines::line(std::string_view raw) {
   text_->append(content);
   return chunk(model, done ? std::optional<std::string_view>("Finished") : std::nullopt);
 }
+
+bool OllamaClient::claims(std::string_view model) { return !isCatalogueModel(model); }
 
 OllamaClient::OllamaClient(std::string_view ollamaURL, const ChatEnvironment& environment)
     : ollamaURL_(text::trimmed(ollamaURL)), environment_(environment) {}

@@ -37,7 +37,9 @@ class OllamaClient final : public LLMClient {
   // `ollamaURL`: the server's base address; surrounding blanks are dropped.
   OllamaClient(std::string_view ollamaURL, const ChatEnvironment& environment);
 
-  // Never chosen by name: only the route's Ollama service reaches it.
+  // The names a local server is asked for: any outside the catalogue. The route asks this
+  // only after every service had its turn, so the client itself answers no name.
+  static bool claims(std::string_view model);
   bool supportsModel(std::string_view) const override { return false; }
   // Throws AppError::apiError("Bad URL!") when the address and path make no URL.
   HttpRequest chatRequest(const std::string& model, const std::vector<ChatMessage>& messages,

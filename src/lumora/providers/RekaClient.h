@@ -52,8 +52,9 @@ class RekaClient final : public LLMClient {
   // Registers `apiKey` for masking.
   RekaClient(std::string apiKey, const ChatEnvironment& environment);
 
-  // True for names starting "reka".
-  bool supportsModel(std::string_view model) const override { return model.starts_with("reka"); }
+  // The names Reka's service answers: those starting "reka".
+  static bool claims(std::string_view model) { return model.starts_with("reka"); }
+  bool supportsModel(std::string_view model) const override { return claims(model); }
 
   // Builds the request, sends it and judges the head: 200 gives the stream; any other status
   // fails with the OpenAIError that checkErrorBody makes of the body.

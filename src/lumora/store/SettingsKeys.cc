@@ -29,91 +29,107 @@ std::string shortNumber(double value) {
   return ec == std::errc() ? std::string(buffer, end) : std::to_string(value);
 }
 
-constexpr SettingKey plain(std::string_view key, SettingStore store, SettingType type,
-                           std::string_view defaultText) {
-  return {key, store, type, defaultText, {}, false};
+constexpr SettingKey plain(SettingName name, std::string_view key, SettingStore store,
+                           SettingType type, std::string_view defaultText) {
+  return {name, key, store, type, defaultText, {}, false};
 }
 
 // A credential or endpoint of the companion's service list: a string, empty by default.
-constexpr SettingKey endpoint(std::string_view key) { return plain(key, kShared, kString, ""); }
-constexpr SettingKey credential(std::string_view key) {
-  return {key, kShared, kString, "", {}, true};
+constexpr SettingKey endpoint(SettingName name, std::string_view key) {
+  return plain(name, key, kShared, kString, "");
+}
+constexpr SettingKey credential(SettingName name, std::string_view key) {
+  return {name, key, kShared, kString, "", {}, true};
 }
 // A validity flag the companion keeps after checking a service's credentials.
-constexpr SettingKey validity(std::string_view key) { return plain(key, kShared, kBool, "false"); }
+constexpr SettingKey validity(SettingName name, std::string_view key) {
+  return plain(name, key, kShared, kBool, "false");
+}
 
+using enum SettingName;
+
+// Each row names its key twice, side by side: the name code uses and the text stored data
+// knows. The check below keeps the rows in the names' order, so a name always finds its row.
 constexpr SettingKey kKeys[] = {
-    {"fontSize", kOwn, kInteger, "14", {}, false, {}, 1},
-    plain("whisperLanguage", kShared, kString, ""),
-    {"defaultModel", kShared, kString, "gpt-3.5-turbo", "ERNIE-Bot", false},
-    plain("defaultSpeechVoice", kShared, kString, ""),
-    plain("defaultContextMessages", kOwn, kInteger, "4"),
-    plain("renderMarkdown", kOwn, kBool, "true"),
-    plain("conversationAutoFocus", kOwn, kBool, "true"),
-    plain("useDoH", kOwn, kBool, "true"),
-    plain("hapticFeedback", kOwn, kBool, "true"),
-    plain("dohServer", kOwn, kString, "aliyun"),
-    plain("httpsProxyUrl", kShared, kString, ""),
+    {fontSize, "fontSize", kOwn, kInteger, "14", {}, false, {}, 1},
+    plain(whisperLanguage, "whisperLanguage", kShared, kString, ""),
+    {defaultModel, "defaultModel", kShared, kString, "gpt-3.5-turbo", "ERNIE-Bot", false},
+    plain(defaultSpeechVoice, "defaultSpeechVoice", kShared, kString, ""),
+    plain(defaultContextMessages, "defaultContextMessages", kOwn, kInteger, "4"),
+    plain(renderMarkdown, "renderMarkdown", kOwn, kBool, "true"),
+    plain(conversationAutoFocus, "conversationAutoFocus", kOwn, kBool, "true"),
+    plain(useDoH, "useDoH", kOwn, kBool, "true"),
+    plain(hapticFeedback, "hapticFeedback", kOwn, kBool, "true"),
+    plain(dohServer, "dohServer", kOwn, kString, "aliyun"),
+    plain(httpsProxyUrl, "httpsProxyUrl", kShared, kString, ""),
     // The range every service takes.
-    {"temperature", kOwn, kNumber, "1.0", {}, false, {}, INT64_MIN, kBelowZero, 2},
-    plain("showDollar", kOwn, kBool, "true"),
-    credential("apiKey"),
-    credential("cloudToken"),
-    endpoint("customApiDomain"),
-    plain("customApiDomainSendKey", kShared, kBool, "false"),
-    plain("aiGateway", kShared, kString, ""),
-    endpoint("azureEndPoint"),
-    credential("azureApiKey"),
-    credential("claudeApikey"),
-    credential("geminiApiKey"),
-    credential("groqApiKey"),
-    plain("keyboardAutoSwitch", kShared, kBool, "true"),
-    plain("keyboardSaveMessage", kShared, kBool, "true"),
-    plain("keyboardReplaceInputPrompt", kShared, kBool, "false"),
-    plain("keyboardClearPasteboard", kShared, kBool, "false"),
-    plain("autoCompleteShortcutKey", kShared, kString, "shiftEnter"),
-    plain("autoCompleteServiceEnabled", kShared, kBool, "false"),
-    plain("saveMessagesInConversation", kShared, kBool, "false"),
-    plain("hideDockIconAfterLastScreen", kShared, kBool, "false"),
-    endpoint("ollamaURL"),
-    credential("moonshotApiKey"),
-    credential("openRouterApiKey"),
-    credential("mistralApiKey"),
-    endpoint("openAICompatibleEndpoint"),
-    endpoint("openAICompatiblePath"),
-    endpoint("openAICompatibleHeader"),
-    credential("openAICompatibleApiKey"),
-    plain("openAICompatibleModels", kShared, SettingType::stringList, "[]"),
-    credential("rekaApiKey"),
-    validity("isOpenAiValid"),
-    validity("isAzureValid"),
-    validity("isClaudeValid"),
-    validity("isGeminiValid"),
-    validity("isGroqValid"),
-    validity("isAzureTTSValid"),
-    validity("isOllamaValid"),
-    validity("isMoonshotValid"),
-    validity("isOpenRouterValid"),
-    validity("isMistralValid"),
-    validity("isOpenAICompatibleValid"),
-    validity("isRekaValid"),
+    {temperature, "temperature", kOwn, kNumber, "1.0", {}, false, {}, INT64_MIN, kBelowZero, 2},
+    plain(showDollar, "showDollar", kOwn, kBool, "true"),
+    credential(apiKey, "apiKey"),
+    credential(cloudToken, "cloudToken"),
+    endpoint(customApiDomain, "customApiDomain"),
+    plain(customApiDomainSendKey, "customApiDomainSendKey", kShared, kBool, "false"),
+    plain(aiGateway, "aiGateway", kShared, kString, ""),
+    endpoint(azureEndPoint, "azureEndPoint"),
+    credential(azureApiKey, "azureApiKey"),
+    credential(claudeApikey, "claudeApikey"),
+    credential(geminiApiKey, "geminiApiKey"),
+    credential(groqApiKey, "groqApiKey"),
+    plain(keyboardAutoSwitch, "keyboardAutoSwitch", kShared, kBool, "true"),
+    plain(keyboardSaveMessage, "keyboardSaveMessage", kShared, kBool, "true"),
+    plain(keyboardReplaceInputPrompt, "keyboardReplaceInputPrompt", kShared, kBool, "false"),
+    plain(keyboardClearPasteboard, "keyboardClearPasteboard", kShared, kBool, "false"),
+    plain(autoCompleteShortcutKey, "autoCompleteShortcutKey", kShared, kString, "shiftEnter"),
+    plain(autoCompleteServiceEnabled, "autoCompleteServiceEnabled", kShared, kBool, "false"),
+    plain(saveMessagesInConversation, "saveMessagesInConversation", kShared, kBool, "false"),
+    plain(hideDockIconAfterLastScreen, "hideDockIconAfterLastScreen", kShared, kBool, "false"),
+    endpoint(ollamaURL, "ollamaURL"),
+    credential(moonshotApiKey, "moonshotApiKey"),
+    credential(openRouterApiKey, "openRouterApiKey"),
+    credential(mistralApiKey, "mistralApiKey"),
+    endpoint(openAICompatibleEndpoint, "openAICompatibleEndpoint"),
+    endpoint(openAICompatiblePath, "openAICompatiblePath"),
+    endpoint(openAICompatibleHeader, "openAICompatibleHeader"),
+    credential(openAICompatibleApiKey, "openAICompatibleApiKey"),
+    plain(openAICompatibleModels, "openAICompatibleModels", kShared, SettingType::stringList, "[]"),
+    credential(rekaApiKey, "rekaApiKey"),
+    validity(isOpenAiValid, "isOpenAiValid"),
+    validity(isAzureValid, "isAzureValid"),
+    validity(isClaudeValid, "isClaudeValid"),
+    validity(isGeminiValid, "isGeminiValid"),
+    validity(isGroqValid, "isGroqValid"),
+    validity(isAzureTTSValid, "isAzureTTSValid"),
+    validity(isOllamaValid, "isOllamaValid"),
+    validity(isMoonshotValid, "isMoonshotValid"),
+    validity(isOpenRouterValid, "isOpenRouterValid"),
+    validity(isMistralValid, "isMistralValid"),
+    validity(isOpenAICompatibleValid, "isOpenAICompatibleValid"),
+    validity(isRekaValid, "isRekaValid"),
     // Read directly by their users rather than through a field of UserSettings.
-    plain("azureModels", kShared, SettingType::dictionary, "{}"),
-    plain("mailDefaultPrompt", kOwn, kString, "You're my assistant, please reply this email"),
-    plain("mailSelectedModel", kOwn, kString, ""),
-    plain("mailSelectedConversationId", kOwn, kString, ""),
+    plain(azureModels, "azureModels", kShared, SettingType::dictionary, "{}"),
+    plain(mailDefaultPrompt, "mailDefaultPrompt", kOwn, kString, "You're my assistant, please reply this email"),
+    plain(mailSelectedModel, "mailSelectedModel", kOwn, kString, ""),
+    plain(mailSelectedConversationId, "mailSelectedConversationId", kOwn, kString, ""),
     // Copy's own way to the clipboard: a shell command that takes the text on standard input.
-    plain("clipboardCommand", kOwn, kString, ""),
+    plain(clipboardCommand, "clipboardCommand", kOwn, kString, ""),
     // What one process takes in: the message answered, and the reply, in MiB; and what one
     // request may send.
-    {"maxMessageMiB", kOwn, kNumber, "64", {}, false, {}, INT64_MIN, 0},
-    {"maxReplyMiB", kOwn, kNumber, "16", {}, false, {}, INT64_MIN, 0},
-    {"maxRequestMiB", kOwn, kNumber, "8", {}, false, {}, INT64_MIN, 0},
+    {maxMessageMiB, "maxMessageMiB", kOwn, kNumber, "64", {}, false, {}, INT64_MIN, 0},
+    {maxReplyMiB, "maxReplyMiB", kOwn, kNumber, "16", {}, false, {}, INT64_MIN, 0},
+    {maxRequestMiB, "maxRequestMiB", kOwn, kNumber, "8", {}, false, {}, INT64_MIN, 0},
     // What the model reads of the message answered, and the most characters of the whole
     // message it is given.
-    {"mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},
-    {"mailReadingMaxCharacters", kOwn, kInteger, "60000", {}, false, {}, 1000},
+    {mailReading, "mailReading", kOwn, kString, "quoted", {}, false, "quoted|message"},
+    {mailReadingMaxCharacters, "mailReadingMaxCharacters", kOwn, kInteger, "60000", {}, false, {}, 1000},
 };
+
+constexpr bool rowsFollowTheNames() {
+  for (size_t i = 0; i < std::size(kKeys); ++i)
+    if (static_cast<size_t>(kKeys[i].name) != i) return false;
+  return std::size(kKeys) == kSettingNameCount;
+}
+static_assert(rowsFollowTheNames(), "the table's rows and SettingName must list the same keys in "
+                                    "the same order");
 
 std::optional<json> decodeSettingType(const SettingKey& entry, const json& stored);
 json parseSettingTextType(const SettingKey& entry, std::string_view text);
@@ -211,6 +227,8 @@ bool isUtf8(std::string_view text) {
 }  // namespace
 
 std::span<const SettingKey> settingKeys() { return kKeys; }
+
+const SettingKey& settingKey(SettingName name) { return kKeys[static_cast<size_t>(name)]; }
 
 const SettingKey* findSettingKey(std::string_view key) {
   for (const SettingKey& entry : kKeys) {

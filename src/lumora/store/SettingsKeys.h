@@ -1,7 +1,7 @@
 // The registry of every settings key: its store, its type, its default and whether its value is
 // a credential. The keys and value forms are a contract with data that other programs write,
-// so this table is the only place where they are spelled; UserSettings and the `settings`
-// command both work from it.
+// so this table is the only place where they are spelled: code names a key by its
+// `SettingName`, and UserSettings, the route and the `settings` command all work from here.
 //
 // Values come in three forms:
 //  - text: what a user types on the command line ("true", "14", "0.7", "{...}", plain text);
@@ -10,6 +10,7 @@
 // Pure functions over constant data; thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <limits>
@@ -37,7 +38,29 @@ enum class SettingType {
   stringList,  // array of strings; stored as the JSON text of that array
 };
 
+// Every key by the name code uses for it, in the order of the table, which spells each key
+// once (SettingsKeys.cc). A misspelt name does not compile, where a misspelt text would read
+// the default for ever.
+enum class SettingName : uint8_t {
+  fontSize, whisperLanguage, defaultModel, defaultSpeechVoice, defaultContextMessages,
+  renderMarkdown, conversationAutoFocus, useDoH, hapticFeedback, dohServer, httpsProxyUrl,
+  temperature, showDollar, apiKey, cloudToken, customApiDomain, customApiDomainSendKey,
+  aiGateway, azureEndPoint, azureApiKey, claudeApikey, geminiApiKey, groqApiKey,
+  keyboardAutoSwitch, keyboardSaveMessage, keyboardReplaceInputPrompt, keyboardClearPasteboard,
+  autoCompleteShortcutKey, autoCompleteServiceEnabled, saveMessagesInConversation,
+  hideDockIconAfterLastScreen, ollamaURL, moonshotApiKey, openRouterApiKey, mistralApiKey,
+  openAICompatibleEndpoint, openAICompatiblePath, openAICompatibleHeader,
+  openAICompatibleApiKey, openAICompatibleModels, rekaApiKey, isOpenAiValid, isAzureValid,
+  isClaudeValid, isGeminiValid, isGroqValid, isAzureTTSValid, isOllamaValid, isMoonshotValid,
+  isOpenRouterValid, isMistralValid, isOpenAICompatibleValid, isRekaValid, azureModels,
+  mailDefaultPrompt, mailSelectedModel, mailSelectedConversationId, clipboardCommand,
+  maxMessageMiB, maxReplyMiB, maxRequestMiB, mailReading, mailReadingMaxCharacters,
+};
+inline constexpr size_t kSettingNameCount =
+    static_cast<size_t>(SettingName::mailReadingMaxCharacters) + 1;
+
 struct SettingKey {
+  SettingName name;
   std::string_view key;
   SettingStore store;
   SettingType type;
@@ -57,6 +80,11 @@ struct SettingKey {
 // directly ("azureModels", the panel's three "mail..." keys, Copy's "clipboardCommand" and the
 // size limits "maxMessageMiB", "maxReplyMiB" and "maxRequestMiB").
 std::span<const SettingKey> settingKeys();
+
+// The entry of `name`.
+const SettingKey& settingKey(SettingName name);
+// The key of `name` as stored data spells it.
+inline std::string_view keyOf(SettingName name) { return settingKey(name).key; }
 
 // The entry of `key` (exact, case-sensitive), or null.
 const SettingKey* findSettingKey(std::string_view key);

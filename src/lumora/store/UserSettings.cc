@@ -18,10 +18,9 @@ void noteRead(const SettingKey& entry, const nlohmann::json& value) {
   }
 }
 
-SettingBinding SettingBinder::bind(std::string_view key) const {
-  const SettingKey* entry = findSettingKey(key);
-  if (!entry) throw std::logic_error("unknown setting \"" + std::string(key) + "\"");
-  return {entry, &storeOf(*entry, shared_, own_), inChina_};
+SettingBinding SettingBinder::bind(SettingName name) const {
+  const SettingKey& entry = settingKey(name);
+  return {&entry, &storeOf(entry, shared_, own_), inChina_};
 }
 
 }  // namespace detail

@@ -115,8 +115,7 @@ class SettingBinder {
  protected:
   SettingBinder(DefaultsStore& shared, DefaultsStore& own, bool inChina)
       : shared_(shared), own_(own), inChina_(inChina) {}
-  // std::logic_error for a key that the registry does not know.
-  SettingBinding bind(std::string_view key) const;
+  SettingBinding bind(SettingName name) const;
 
  private:
   DefaultsStore& shared_;
@@ -141,73 +140,73 @@ class UserSettings : private detail::SettingBinder {
 
   // Where a field's name differs from its key, the key is given: the key is what stored data
   // and the companion application know.
-  IntegerSetting fontSize{bind("fontSize")};
-  StringSetting whisperLanguage{bind("whisperLanguage")};
-  StringSetting defaultModel{bind("defaultModel")};  // "ERNIE-Bot" in China, else "gpt-3.5-turbo"
-  StringSetting defaultSpeechVoice{bind("defaultSpeechVoice")};
-  IntegerSetting defaultContextMessages{bind("defaultContextMessages")};
-  BoolSetting renderMarkdown{bind("renderMarkdown")};
-  BoolSetting conversationAutoFocus{bind("conversationAutoFocus")};
-  BoolSetting useDoH{bind("useDoH")};
-  BoolSetting hapticFeedback{bind("hapticFeedback")};
-  StringSetting dohServer{bind("dohServer")};
-  StringSetting httpsProxy{bind("httpsProxyUrl")};
-  DoubleSetting defaultTemperature{bind("temperature")};
-  BoolSetting showDollar{bind("showDollar")};
-  StringSetting apiKey{bind("apiKey")};
-  StringSetting cloudToken{bind("cloudToken")};
-  StringSetting customApiDomain{bind("customApiDomain")};
-  BoolSetting insecureSendKey{bind("customApiDomainSendKey")};
-  StringSetting aiGateway{bind("aiGateway")};
-  StringSetting endPoint{bind("azureEndPoint")};
-  StringSetting azureApiKey{bind("azureApiKey")};
-  StringSetting claudeApikey{bind("claudeApikey")};
-  StringSetting geminiApiKey{bind("geminiApiKey")};
-  StringSetting groqApiKey{bind("groqApiKey")};
-  BoolSetting autoSwitchKeyboard{bind("keyboardAutoSwitch")};
-  BoolSetting keyboardSaveMessage{bind("keyboardSaveMessage")};
-  BoolSetting keyboardReplaceInputPrompt{bind("keyboardReplaceInputPrompt")};
-  BoolSetting keyboardClearPasteboard{bind("keyboardClearPasteboard")};
-  StringSetting shortcutKey{bind("autoCompleteShortcutKey")};
-  BoolSetting isAutoCompleteServiceEnabled{bind("autoCompleteServiceEnabled")};
-  BoolSetting saveMessagesInConversation{bind("saveMessagesInConversation")};
-  BoolSetting hideDockIconAfterLastScreen{bind("hideDockIconAfterLastScreen")};
-  StringSetting ollamaURL{bind("ollamaURL")};
-  StringSetting moonshotApiKey{bind("moonshotApiKey")};
-  StringSetting openRouterApiKey{bind("openRouterApiKey")};
-  StringSetting mistralApiKey{bind("mistralApiKey")};
-  StringSetting openAICompatibleEndpoint{bind("openAICompatibleEndpoint")};
-  StringSetting openAICompatiblePath{bind("openAICompatiblePath")};
-  StringSetting openAICompatibleHeader{bind("openAICompatibleHeader")};
-  StringSetting openAICompatibleApiKey{bind("openAICompatibleApiKey")};
-  Setting<std::vector<std::string>> openAICompatibleModels{bind("openAICompatibleModels")};
-  StringSetting rekaApiKey{bind("rekaApiKey")};
+  IntegerSetting fontSize{bind(SettingName::fontSize)};
+  StringSetting whisperLanguage{bind(SettingName::whisperLanguage)};
+  StringSetting defaultModel{bind(SettingName::defaultModel)};  // "ERNIE-Bot" in China, else "gpt-3.5-turbo"
+  StringSetting defaultSpeechVoice{bind(SettingName::defaultSpeechVoice)};
+  IntegerSetting defaultContextMessages{bind(SettingName::defaultContextMessages)};
+  BoolSetting renderMarkdown{bind(SettingName::renderMarkdown)};
+  BoolSetting conversationAutoFocus{bind(SettingName::conversationAutoFocus)};
+  BoolSetting useDoH{bind(SettingName::useDoH)};
+  BoolSetting hapticFeedback{bind(SettingName::hapticFeedback)};
+  StringSetting dohServer{bind(SettingName::dohServer)};
+  StringSetting httpsProxy{bind(SettingName::httpsProxyUrl)};
+  DoubleSetting defaultTemperature{bind(SettingName::temperature)};
+  BoolSetting showDollar{bind(SettingName::showDollar)};
+  StringSetting apiKey{bind(SettingName::apiKey)};
+  StringSetting cloudToken{bind(SettingName::cloudToken)};
+  StringSetting customApiDomain{bind(SettingName::customApiDomain)};
+  BoolSetting insecureSendKey{bind(SettingName::customApiDomainSendKey)};
+  StringSetting aiGateway{bind(SettingName::aiGateway)};
+  StringSetting endPoint{bind(SettingName::azureEndPoint)};
+  StringSetting azureApiKey{bind(SettingName::azureApiKey)};
+  StringSetting claudeApikey{bind(SettingName::claudeApikey)};
+  StringSetting geminiApiKey{bind(SettingName::geminiApiKey)};
+  StringSetting groqApiKey{bind(SettingName::groqApiKey)};
+  BoolSetting autoSwitchKeyboard{bind(SettingName::keyboardAutoSwitch)};
+  BoolSetting keyboardSaveMessage{bind(SettingName::keyboardSaveMessage)};
+  BoolSetting keyboardReplaceInputPrompt{bind(SettingName::keyboardReplaceInputPrompt)};
+  BoolSetting keyboardClearPasteboard{bind(SettingName::keyboardClearPasteboard)};
+  StringSetting shortcutKey{bind(SettingName::autoCompleteShortcutKey)};
+  BoolSetting isAutoCompleteServiceEnabled{bind(SettingName::autoCompleteServiceEnabled)};
+  BoolSetting saveMessagesInConversation{bind(SettingName::saveMessagesInConversation)};
+  BoolSetting hideDockIconAfterLastScreen{bind(SettingName::hideDockIconAfterLastScreen)};
+  StringSetting ollamaURL{bind(SettingName::ollamaURL)};
+  StringSetting moonshotApiKey{bind(SettingName::moonshotApiKey)};
+  StringSetting openRouterApiKey{bind(SettingName::openRouterApiKey)};
+  StringSetting mistralApiKey{bind(SettingName::mistralApiKey)};
+  StringSetting openAICompatibleEndpoint{bind(SettingName::openAICompatibleEndpoint)};
+  StringSetting openAICompatiblePath{bind(SettingName::openAICompatiblePath)};
+  StringSetting openAICompatibleHeader{bind(SettingName::openAICompatibleHeader)};
+  StringSetting openAICompatibleApiKey{bind(SettingName::openAICompatibleApiKey)};
+  Setting<std::vector<std::string>> openAICompatibleModels{bind(SettingName::openAICompatibleModels)};
+  StringSetting rekaApiKey{bind(SettingName::rekaApiKey)};
   // Validity flags: the companion application keeps them after checking credentials.
-  BoolSetting isOpenAiValid{bind("isOpenAiValid")};
-  BoolSetting isAzureValid{bind("isAzureValid")};
-  BoolSetting isClaudeValid{bind("isClaudeValid")};
-  BoolSetting isGeminiValid{bind("isGeminiValid")};
-  BoolSetting isGroqValid{bind("isGroqValid")};
-  BoolSetting isAzureTTSValid{bind("isAzureTTSValid")};
-  BoolSetting isOllamaValid{bind("isOllamaValid")};
-  BoolSetting isMoonshotValid{bind("isMoonshotValid")};
-  BoolSetting isOpenRouterValid{bind("isOpenRouterValid")};
-  BoolSetting isMistralValid{bind("isMistralValid")};
-  BoolSetting isOpenAICompatibleValid{bind("isOpenAICompatibleValid")};
-  BoolSetting isRekaValid{bind("isRekaValid")};
+  BoolSetting isOpenAiValid{bind(SettingName::isOpenAiValid)};
+  BoolSetting isAzureValid{bind(SettingName::isAzureValid)};
+  BoolSetting isClaudeValid{bind(SettingName::isClaudeValid)};
+  BoolSetting isGeminiValid{bind(SettingName::isGeminiValid)};
+  BoolSetting isGroqValid{bind(SettingName::isGroqValid)};
+  BoolSetting isAzureTTSValid{bind(SettingName::isAzureTTSValid)};
+  BoolSetting isOllamaValid{bind(SettingName::isOllamaValid)};
+  BoolSetting isMoonshotValid{bind(SettingName::isMoonshotValid)};
+  BoolSetting isOpenRouterValid{bind(SettingName::isOpenRouterValid)};
+  BoolSetting isMistralValid{bind(SettingName::isMistralValid)};
+  BoolSetting isOpenAICompatibleValid{bind(SettingName::isOpenAICompatibleValid)};
+  BoolSetting isRekaValid{bind(SettingName::isRekaValid)};
 
   // Keys whose readers (the clients, the panel) read them without a field of the companion's
   // list; typed here so that their key, type and default are still written once.
-  Setting<std::map<std::string, std::string>> azureModels{bind("azureModels")};
-  StringSetting mailDefaultPrompt{bind("mailDefaultPrompt")};
-  StringSetting mailSelectedModel{bind("mailSelectedModel")};
-  StringSetting mailSelectedConversationId{bind("mailSelectedConversationId")};
-  StringSetting clipboardCommand{bind("clipboardCommand")};
-  DoubleSetting maxMessageMiB{bind("maxMessageMiB")};
-  DoubleSetting maxReplyMiB{bind("maxReplyMiB")};
-  DoubleSetting maxRequestMiB{bind("maxRequestMiB")};
-  StringSetting mailReading{bind("mailReading")};
-  IntegerSetting mailReadingMaxCharacters{bind("mailReadingMaxCharacters")};
+  Setting<std::map<std::string, std::string>> azureModels{bind(SettingName::azureModels)};
+  StringSetting mailDefaultPrompt{bind(SettingName::mailDefaultPrompt)};
+  StringSetting mailSelectedModel{bind(SettingName::mailSelectedModel)};
+  StringSetting mailSelectedConversationId{bind(SettingName::mailSelectedConversationId)};
+  StringSetting clipboardCommand{bind(SettingName::clipboardCommand)};
+  DoubleSetting maxMessageMiB{bind(SettingName::maxMessageMiB)};
+  DoubleSetting maxReplyMiB{bind(SettingName::maxReplyMiB)};
+  DoubleSetting maxRequestMiB{bind(SettingName::maxRequestMiB)};
+  StringSetting mailReading{bind(SettingName::mailReading)};
+  IntegerSetting mailReadingMaxCharacters{bind(SettingName::mailReadingMaxCharacters)};
 
   // The limits in bytes. A value that is not a positive number of at most 1 TiB, or a
   // settings file that cannot be read, gives the default.

@@ -30,17 +30,32 @@ class LLMClients {
 
   // The service that answers `model`. Never fails: with no service at all it is OpenAI with
   // an empty key, and the server's rejection tells the user. The environment's settings are
-  // what the clients weighed at step 9 read (Azure's deployments).
+  // what the services' own clients read when they are asked in turn (Azure's deployments).
   static Service service(std::string_view model, const std::vector<Service>& services,
                          const ChatEnvironment& environment);
 
-  // The same decision with the step that made it: 1 speech, 2 cloud-only model, 3 Claude,
-  // 4 Gemini, 5 Moonshot, 6 Reka, 7 Mistral, 8 Groq, 9 the first service that supports the
-  // model, 10 Ollama for a name outside the catalogue, 11 the model service, 12 no services,
-  // 13 the cloud or OpenAI by default, 14 the first service.
+  // Why a service was chosen: the rules in the order they are tried. The first six name
+  // families that a provider claims outright; `supportedByService` asks each configured
+  // service in turn; the rest are fallbacks.
+  enum class RouteReason {
+    speechModel,        // OpenAI's speech: the hosted cloud or OpenAI
+    cloudOnlyModel,     // a catalogue model only the hosted cloud offers
+    claudeModel,        // Claude, OpenRouter or the hosted cloud
+    geminiModel,        // Gemini, OpenRouter or the hosted cloud
+    moonshotModel,
+    rekaModel,
+    mistralModel,
+    groqModel,
+    supportedByService,  // the first service whose client takes the name
+    ollamaForUnlisted,   // a name outside the catalogue, to the local server
+    modelService,        // the model service lists it under a service
+    noServices,          // nothing configured: OpenAI without a key
+    cloudOrOpenAI,       // nothing took it: the hosted cloud or OpenAI
+    firstService,        // nothing took it: the first configured service
+  };
   struct RouteDecision {
     Service service;
-    int step;
+    RouteReason reason;
   };
   static RouteDecision route(std::string_view model, const std::vector<Service>& services,
                              const ChatEnvironment& environment);

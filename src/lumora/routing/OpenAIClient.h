@@ -22,9 +22,11 @@ class OpenAIClient final : public LLMClient {
 
   const Service& service() const { return service_; }
 
-  // True for names starting "gpt", "tts" or "whisper", whatever the service.
-  bool supportsModel(std::string_view model) const override { return isOpenAIModel(model); }
-  static bool isOpenAIModel(std::string_view model);
+  // The names of OpenAI's family, whatever the service: chat models ("gpt…") and speech.
+  static bool claims(std::string_view model);
+  // OpenAI's speech models ("tts…", "whisper…"), which only OpenAI and the hosted cloud serve.
+  static bool claimsSpeech(std::string_view model);
+  bool supportsModel(std::string_view model) const override { return claims(model); }
 
   ChunkStream streamChat(const std::string& model, const std::vector<ChatMessage>& messages,
                          double temperature, std::stop_token stop) override;

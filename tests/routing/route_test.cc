@@ -1,10 +1,10 @@
-// The route: which configured service answers a model name, step by step, with the service
-// list in the order the settings give it.
+// The route: which configured service answers a model name, rule by rule, and why, with the
+// service list in the order the settings give it.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
-#include "lumora/chat/LLMClients.h"
+#include "lumora/routing/LLMClients.h"
 #include "lumora/models/ModelService.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/store/DefaultsStore.h"
@@ -42,52 +42,57 @@ class Route : public ::testing::Test {
 };
 
 TEST_F(Route, EveryStepInItsOrder) {
+  using enum LLMClients::RouteReason;
   struct Case {
     const char* why;
     std::string model;
     std::vector<Service> services;
     std::string id;  // the chosen service's id
+    LLMClients::RouteReason reason;
   };
   const std::vector<Service> all = {kAzure, kOpenAI, kClaude, kGemini, kGroq, kRouter,
                                     kCloud, kOllama, kMoonshot, kMistral, kCompatible, kReka};
   const Case cases[] = {
-      {"1: speech goes to cloud or openai, list order deciding", "tts-1", all, "openai"},
-      {"1: ... the cloud when openai is missing", "whisper-1", {kClaude, kCloud}, "cloud"},
-      {"2: a cloud-only catalogue model goes to the cloud", "ERNIE-Bot-4", all, "cloud"},
-      {"2: region but not cloud-only: no step of its own, the cloud supports it at 9", "glm-4",
-       {kOpenAI, kCloud}, "cloud"},
-      {"3: claude to its own key first", "claude-3-opus-20240229", all, "claude"},
-      {"3: then OpenRouter", "claude-3-haiku-20240307", {kOpenAI, kRouter, kCloud}, "openRouter"},
-      {"3: then the cloud", "claude-2", {kOpenAI, kCloud}, "cloud"},
-      {"4: gemini likewise", "gemini-pro", {kOpenAI, kRouter, kCloud}, "openRouter"},
-      {"5: moonshot", "moonshot-v1-8k", all, "moonshot"},
-      {"6: reka", "reka-core", all, "reka"},
-      {"7: mistral by its prefixes", "open_mixtral-8x22b", all, "mistral"},
-      {"7: mistral is never chosen at step 9", "mixtral-8x7b", {kOpenAI, kMistral}, "openai"},
-      {"8: a Groq model", "llama3-70b-8192", all, "groq"},
-      {"9: azure before openai, with a deployment named after the model", "gpt-4", all,
-       "https://corp.openai.azure.com"},
-      {"9: ... or serving it, its dots left out", "gpt-3.5-turbo", all,
-       "https://corp.openai.azure.com"},
-      {"9: openai takes a gpt model that Azure has no deployment for", "gpt-4o", all, "openai"},
-      {"9: Azure serves catalogue models only", "gpt-4-house", all, "openai"},
-      {"9: a custom domain stands where openai would", "gpt-4o", {kAzure, kCustom, kCloud},
-       "api.example.org"},
-      {"9: an OpenAI-compatible server with its model list", "local-7b", all,
-       "openAICompatible"},
-      {"10: a name outside the catalogue goes to ollama", "llama3:70b", all,
-       "ollama"},
-      {"10: a catalogue name skips ollama, and 14 takes the first", "gpt-4o", {kOllama},
-       "ollama"},
-      {"12: no services at all: openai without a key", "gpt-4o", {}, "openai"},
-      {"13: the cloud or openai when nothing else answers", "some-model", {kMistral, kCloud},
-       "cloud"},
-      {"14: the first service of the list", "some-model", {kMistral, kReka}, "mistral"},
+      {"speech goes to cloud or openai, list order deciding", "tts-1", all, "openai", speechModel},
+      {"... the cloud when openai is missing", "whisper-1", {kClaude, kCloud}, "cloud", speechModel},
+      {"a cloud-only catalogue model goes to the cloud", "ERNIE-Bot-4", all, "cloud", cloudOnlyModel},
+      {"region but not cloud-only: no rule of its own, the cloud supports it when asked", "glm-4",
+       {kOpenAI, kCloud}, "cloud", supportedByService},
+      {"claude to its own key first", "claude-3-opus-20240229", all, "claude", claudeModel},
+      {"then OpenRouter", "claude-3-haiku-20240307", {kOpenAI, kRouter, kCloud}, "openRouter", claudeModel},
+      {"then the cloud", "claude-2", {kOpenAI, kCloud}, "cloud", claudeModel},
+      {"gemini likewise", "gemini-pro", {kOpenAI, kRouter, kCloud}, "openRouter", geminiModel},
+      {"moonshot", "moonshot-v1-8k", all, "moonshot", moonshotModel},
+      {"reka", "reka-core", all, "reka", rekaModel},
+      {"mistral by its prefixes", "open_mixtral-8x22b", all, "mistral", mistralModel},
+      {"mistral is never chosen when services are asked", "mixtral-8x7b", {kOpenAI, kMistral}, "openai", cloudOrOpenAI},
+      {"a Groq model", "llama3-70b-8192", all, "groq", groqModel},
+      {"azure before openai, with a deployment named after the model", "gpt-4", all,
+       "https://corp.openai.azure.com", supportedByService},
+      {"... or serving it, its dots left out", "gpt-3.5-turbo", all,
+       "https://corp.openai.azure.com", supportedByService},
+      {"openai takes a gpt model that Azure has no deployment for", "gpt-4o", all, "openai", supportedByService},
+      {"Azure serves catalogue models only", "gpt-4-house", all, "openai", supportedByService},
+      {"a custom domain stands where openai would", "gpt-4o", {kAzure, kCustom, kCloud},
+       "api.example.org", supportedByService},
+      {"an OpenAI-compatible server with its model list", "local-7b", all,
+       "openAICompatible", supportedByService},
+      {"a name outside the catalogue goes to ollama", "llama3:70b", all,
+       "ollama", ollamaForUnlisted},
+      {"a catalogue name skips ollama, and the first service takes it", "gpt-4o", {kOllama},
+       "ollama", firstService},
+      {"no services at all: openai without a key", "gpt-4o", {}, "openai", noServices},
+      {"the cloud or openai when nothing else answers", "some-model", {kMistral, kCloud},
+       "cloud", cloudOrOpenAI},
+      {"the first service of the list", "some-model", {kMistral, kReka}, "mistral", firstService},
   };
   settings_.set("azureModels", {{"gpt-35-turbo", "chat-prod"}, {"other", "gpt-4"}});
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
-    EXPECT_EQ(service(c.model, c.services).id(), c.id);
+    const LLMClients::RouteDecision decision =
+        LLMClients::route(c.model, c.services, environment_);
+    EXPECT_EQ(decision.service.id(), c.id);
+    EXPECT_EQ(decision.reason, c.reason);
   }
   // Deployments that are not all strings count as none.
   settings_.set("azureModels", {{"gpt-35-turbo", "chat-prod"}, {"other", 4}});
@@ -111,7 +116,7 @@ TEST_F(Route, TheModelServiceAnswersAfterTheNameRules) {
   // service is never found, and "second" was configured first.
   EXPECT_EQ(service("house-model", {kMistral}).id(), "moonshot");
   EXPECT_FALSE(models.hasModel("second", "HOUSE-MODEL"));
-  // Ollama, asked at step 10, comes first for a name outside the catalogue.
+  // Ollama, asked before the model service, comes first for a name outside the catalogue.
   EXPECT_EQ(service("house-model", {kOllama}).id(), "ollama");
   models.clear();
   debug::setSink(debug::stdoutSink());
@@ -180,14 +185,14 @@ TEST_F(Route, TheServiceListFromSettingsAndTeams) {
   }
 }
 
-// The newest usable team takes every OpenAI-family name that no earlier step took.
+// The newest usable team takes every OpenAI-family name that no earlier rule took.
 TEST_F(Route, TheNewestTeamTakesTheOpenAIFamily) {
   settings_.set("apiKey", "k");
   settings_.set("claudeApikey", "c");
   const auto services = LLMClients::loadServices(
       environment_, {{std::nullopt, "new.example.org", "t1", 2}, {std::nullopt, "old.example.org", "t2", 1}});
   EXPECT_EQ(service("gpt-4o", services).id(), "new.example.org");
-  EXPECT_EQ(service("whisper-1", services).id(), "openai") << "speech has a step of its own";
+  EXPECT_EQ(service("whisper-1", services).id(), "openai") << "speech has a rule of its own";
   EXPECT_EQ(service("claude-2", services).id(), "claude");
 }
 

@@ -7,7 +7,7 @@
 #include "lumora/chat/Endpoints.h"
 #include "lumora/chat/Errors.h"
 #include "lumora/chat/HttpSession.h"
-#include "lumora/chat/OpenAIClient.h"
+#include "lumora/routing/OpenAIClient.h"
 #include "lumora/store/DefaultsStore.h"
 #include "support/FakeTransport.h"
 #include "support/Fixtures.h"

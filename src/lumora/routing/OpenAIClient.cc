@@ -1,10 +1,10 @@
-#include "lumora/chat/OpenAIClient.h"
+#include "lumora/routing/OpenAIClient.h"
 
 #include <nlohmann/json.hpp>
 
 #include "lumora/chat/Endpoints.h"
 #include "lumora/chat/Errors.h"
-#include "lumora/chat/LLMClients.h"
+#include "lumora/routing/LLMClients.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/providers/ClaudeClient.h"
 #include "lumora/providers/GeminiClient.h"
@@ -13,6 +13,7 @@
 #include "lumora/platform/Redact.h"
 #include "lumora/platform/Text.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/store/SettingsKeys.h"
 
 namespace lumora {
 namespace {
@@ -31,8 +32,12 @@ OpenAIClient::OpenAIClient(Service service, const ChatEnvironment& environment)
   for (const std::string& secret : service_.credentials()) redact::registerSecret(secret);
 }
 
-bool OpenAIClient::isOpenAIModel(std::string_view model) {
-  return model.starts_with("gpt") || model.starts_with("tts") || model.starts_with("whisper");
+bool OpenAIClient::claimsSpeech(std::string_view model) {
+  return model.starts_with("tts") || model.starts_with("whisper");
+}
+
+bool OpenAIClient::claims(std::string_view model) {
+  return model.starts_with("gpt") || claimsSpeech(model);
 }
 
 Url OpenAIClient::baseURL(std::string_view domain) {
@@ -41,7 +46,7 @@ Url OpenAIClient::baseURL(std::string_view domain) {
 }
 
 Url OpenAIClient::openAIURL(std::string_view path) const {
-  const std::optional<std::string> stored = environment_.sharedDefaults.string("aiGateway");
+  const std::optional<std::string> stored = environment_.sharedDefaults.string(keyOf(SettingName::aiGateway));
   const std::string_view gateway = stored ? text::trimmed(*stored) : std::string_view();
   if (gateway.empty())
     return requestUrl(endpointBase(FixedEndpoint::openai)).appendingPath(path);
@@ -118,8 +123,8 @@ ChunkStream OpenAIClient::streamChat(const std::string& model,
                                      const std::vector<ChatMessage>& messages, double temperature,
                                      std::stop_token stop) {
   debug::line({"[debug] streaming using", service_.description()});
-  const bool claudeModel = model.starts_with("claude-");
-  if (const auto* s = service_.as<Gemini>(); s && model.starts_with("gemini"))
+  const bool claudeModel = ClaudeClient::claimsByApiName(model);
+  if (const auto* s = service_.as<Gemini>(); s && GeminiClient::claims(model))
     return GeminiClient(s->apiKey, environment_).streamChat(model, messages, temperature, stop);
   if (const auto* s = service_.as<Claude>(); s && claudeModel)
     return ClaudeClient(s->apiKey, false, environment_).streamChat(model, messages, temperature, stop);

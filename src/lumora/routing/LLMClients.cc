@@ -1,11 +1,11 @@
-#include "lumora/chat/LLMClients.h"
+#include "lumora/routing/LLMClients.h"
 
+#include <array>
 #include <initializer_list>
 #include <optional>
 #include <nlohmann/json.hpp>
 
-#include "lumora/chat/OpenAIClient.h"
-#include "lumora/models/ConversationModel.h"
+#include "lumora/routing/OpenAIClient.h"
 #include "lumora/models/ModelService.h"
 #include "lumora/platform/Debug.h"
 #include "lumora/platform/Redact.h"
@@ -20,13 +20,14 @@
 #include "lumora/providers/OpenAICompatibleClient.h"
 #include "lumora/providers/RekaClient.h"
 #include "lumora/store/DefaultsStore.h"
+#include "lumora/store/SettingsKeys.h"
 
 namespace lumora {
 namespace {
 
 // A string setting trimmed, with blank counting as absent.
-std::optional<std::string> present(DefaultsStore& store, std::string_view key) {
-  const std::optional<std::string> value = store.string(key);
+std::optional<std::string> present(DefaultsStore& store, SettingName name) {
+  const std::optional<std::string> value = store.string(keyOf(name));
   if (!value) return std::nullopt;
   const std::string_view trimmed = text::trimmed(*value);
   if (trimmed.empty()) return std::nullopt;
@@ -34,7 +35,7 @@ std::optional<std::string> present(DefaultsStore& store, std::string_view key) {
 }
 
 std::vector<std::string> compatibleModels(DefaultsStore& store) {
-  const std::optional<std::string> text = store.string("openAICompatibleModels");
+  const std::optional<std::string> text = store.string(keyOf(SettingName::openAICompatibleModels));
   if (!text) return {};
   const auto json = nlohmann::json::parse(*text, nullptr, false);
   if (!json.is_array()) return {};
@@ -46,24 +47,23 @@ std::vector<std::string> compatibleModels(DefaultsStore& store) {
   return models;
 }
 
-const Service* scan(const std::vector<Service>& services,
-                    std::initializer_list<std::string_view> ids) {
+// The first service, in list order, whose id is one of `ids` (an empty id matches none).
+template <typename Ids>
+const Service* scan(const std::vector<Service>& services, const Ids& ids) {
   for (const Service& service : services) {
     const std::string id = service.id();
     for (std::string_view wanted : ids)
-      if (id == wanted) return &service;
+      if (!wanted.empty() && id == wanted) return &service;
   }
   return nullptr;
 }
 
-bool startsWithAny(std::string_view model, std::initializer_list<std::string_view> prefixes) {
-  for (std::string_view p : prefixes)
-    if (model.starts_with(p)) return true;
-  return false;
+const Service* scan(const std::vector<Service>& services,
+                    std::initializer_list<std::string_view> ids) {
+  return scan<std::initializer_list<std::string_view>>(services, ids);
 }
 
-
-// client(for:): each service with the client of its provider.
+// Each service with the client of its provider.
 struct ClientMaker {
   const Service& service;
   const ChatEnvironment& e;
@@ -135,31 +135,31 @@ std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment
     services.push_back(Team{std::string(domain), std::string(token)});
   }
 
-  auto endpoint = present(d, "azureEndPoint");
-  auto azureKey = present(d, "azureApiKey");
+  auto endpoint = present(d, SettingName::azureEndPoint);
+  auto azureKey = present(d, SettingName::azureApiKey);
   if (endpoint && azureKey) services.push_back(Azure{*endpoint, *azureKey});
 
-  auto apiKey = present(d, "apiKey");
-  if (auto domain = present(d, "customApiDomain")) {
-    services.push_back(CustomDomain{*domain, apiKey, d.boolean("customApiDomainSendKey")});
+  auto apiKey = present(d, SettingName::apiKey);
+  if (auto domain = present(d, SettingName::customApiDomain)) {
+    services.push_back(CustomDomain{*domain, apiKey, d.boolean(keyOf(SettingName::customApiDomainSendKey))});
   } else if (apiKey) {
     services.push_back(OpenAiService{*apiKey});
   }
-  if (auto key = present(d, "claudeApikey")) services.push_back(Claude{*key});
-  if (auto key = present(d, "geminiApiKey")) services.push_back(Gemini{*key});
-  if (auto key = present(d, "groqApiKey")) services.push_back(Groq{*key});
-  if (auto key = present(d, "openRouterApiKey")) services.push_back(OpenRouter{*key});
-  if (auto token = present(d, "cloudToken")) services.push_back(Cloud{*token});
-  if (auto url = present(d, "ollamaURL")) services.push_back(Ollama{*url});
-  if (auto key = present(d, "moonshotApiKey")) services.push_back(Moonshot{*key});
-  if (auto key = present(d, "mistralApiKey")) services.push_back(Mistral{*key});
-  if (auto endpointURL = present(d, "openAICompatibleEndpoint")) {
-    services.push_back(OpenAICompatible{*endpointURL, d.string("openAICompatiblePath").value_or(""),
-                                        d.string("openAICompatibleApiKey").value_or(""),
-                                        d.string("openAICompatibleHeader").value_or(""),
+  if (auto key = present(d, SettingName::claudeApikey)) services.push_back(Claude{*key});
+  if (auto key = present(d, SettingName::geminiApiKey)) services.push_back(Gemini{*key});
+  if (auto key = present(d, SettingName::groqApiKey)) services.push_back(Groq{*key});
+  if (auto key = present(d, SettingName::openRouterApiKey)) services.push_back(OpenRouter{*key});
+  if (auto token = present(d, SettingName::cloudToken)) services.push_back(Cloud{*token});
+  if (auto url = present(d, SettingName::ollamaURL)) services.push_back(Ollama{*url});
+  if (auto key = present(d, SettingName::moonshotApiKey)) services.push_back(Moonshot{*key});
+  if (auto key = present(d, SettingName::mistralApiKey)) services.push_back(Mistral{*key});
+  if (auto endpointURL = present(d, SettingName::openAICompatibleEndpoint)) {
+    services.push_back(OpenAICompatible{*endpointURL, d.string(keyOf(SettingName::openAICompatiblePath)).value_or(""),
+                                        d.string(keyOf(SettingName::openAICompatibleApiKey)).value_or(""),
+                                        d.string(keyOf(SettingName::openAICompatibleHeader)).value_or(""),
                                         compatibleModels(d)});
   }
-  if (auto key = present(d, "rekaApiKey")) services.push_back(Reka{*key});
+  if (auto key = present(d, SettingName::rekaApiKey)) services.push_back(Reka{*key});
 
   std::string list;
   for (const Service& s : services) {
@@ -172,7 +172,7 @@ std::vector<Service> LLMClients::loadServices(const ChatEnvironment& environment
 
 std::vector<AzureDeployment> LLMClients::azureDeployments(DefaultsStore& settings) {
   std::vector<AzureDeployment> out;
-  const std::optional<nlohmann::json> value = settings.value("azureModels");
+  const std::optional<nlohmann::json> value = settings.value(keyOf(SettingName::azureModels));
   if (!value || !value->is_object()) return out;
   for (auto it = value->begin(); it != value->end(); ++it) {
     if (!it.value().is_string()) return {};
@@ -190,41 +190,39 @@ bool LLMClients::supportsModel(const Service& service, std::string_view model,
 LLMClients::RouteDecision LLMClients::route(std::string_view model,
                                             const std::vector<Service>& services,
                                             const ChatEnvironment& environment) {
-  const auto scanned = [&](int step, std::initializer_list<std::string_view> ids)
-      -> std::optional<RouteDecision> {
-    if (const Service* s = scan(services, ids)) return RouteDecision{*s, step};
-    return std::nullopt;
+  using enum RouteReason;
+  // A family claimed outright goes to the first configured service among those that serve
+  // it; none configured, the later rules decide.
+  struct Claim {
+    bool (*claims)(std::string_view);
+    RouteReason reason;
+    std::array<std::string_view, 3> servedBy;
   };
-  std::optional<RouteDecision> found;
-  if (startsWithAny(model, {"tts", "whisper"})) found = scanned(1, {"cloud", "openai"});
-  if (!found) {
-    const auto catalogued = ConversationModel::fromRawValue(model);
-    if (catalogued && catalogued->isCloudOnlyModel()) found = scanned(2, {"cloud"});
+  static constexpr Claim kClaims[] = {
+      {OpenAIClient::claimsSpeech, speechModel, {"cloud", "openai"}},
+      {LumoraCloudClient::claimsAlone, cloudOnlyModel, {"cloud"}},
+      {ClaudeClient::claims, claudeModel, {"claude", "openRouter", "cloud"}},
+      {GeminiClient::claims, geminiModel, {"gemini", "openRouter", "cloud"}},
+      {MoonshotClient::claims, moonshotModel, {"moonshot"}},
+      {RekaClient::claims, rekaModel, {"reka"}},
+      {MistralClient::claims, mistralModel, {"mistral"}},
+      {GroqClient::claims, groqModel, {"groq"}},
+  };
+  for (const Claim& claim : kClaims) {
+    if (!claim.claims(model)) continue;
+    if (const Service* s = scan(services, claim.servedBy)) return {*s, claim.reason};
   }
-  if (!found && model.starts_with("claude")) found = scanned(3, {"claude", "openRouter", "cloud"});
-  if (!found && model.starts_with("gemini")) found = scanned(4, {"gemini", "openRouter", "cloud"});
-  if (!found && model.starts_with("moonshot")) found = scanned(5, {"moonshot"});
-  if (!found && model.starts_with("reka")) found = scanned(6, {"reka"});
-  if (!found && startsWithAny(model, {"mistral", "open_mistral", "open_mixtral"}))
-    found = scanned(7, {"mistral"});
-  if (!found && GroqClient::isModel(model)) found = scanned(8, {"groq"});
-  if (!found) {
-    for (const Service& s : services) {
-      if (supportsModel(s, model, environment)) {
-        found = RouteDecision{s, 9};
-        break;
-      }
-    }
-  }
-  if (!found && !isCatalogueModel(model)) found = scanned(10, {"ollama"});
-  if (found) return *found;
+  for (const Service& s : services)
+    if (supportsModel(s, model, environment)) return {s, supportedByService};
+  if (OllamaClient::claims(model))
+    if (const Service* s = scan(services, {"ollama"})) return {*s, ollamaForUnlisted};
   if (auto offered = ModelService::shared().serviceOffering(model)) {
     debug::line({"[debug] model service returned", model, offered->id()});
-    return {*offered, 11};
+    return {*offered, modelService};
   }
-  if (services.empty()) return {OpenAiService{""}, 12};
-  if (auto fallback = scanned(13, {"cloud", "openai"})) return *fallback;
-  return {services.front(), 14};
+  if (services.empty()) return {OpenAiService{""}, noServices};
+  if (const Service* s = scan(services, {"cloud", "openai"})) return {*s, cloudOrOpenAI};
+  return {services.front(), firstService};
 }
 
 Service LLMClients::service(std::string_view model, const std::vector<Service>& services,

@@ -32,6 +32,9 @@ namespace {
 //    shows as well is the panel's text, translated wherever it is shown;
 //  - names: models, services, the product, conversation titles, and the keys of the keyboard
 //    as printed on them (Enter, Esc, Tab, Ctrl-G, PgUp).
+//
+// The terminal's hint bar takes the translated words at their display width, a CJK character
+// being two columns: keep a translated hint no wider than needed, the bar has to fit in 80.
 constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Lumora", "Lumora"},
     {"Writing...", "正在撰写..."},
@@ -54,6 +57,17 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
      "again when it has finished.",
      "对话存储正忙：另一个程序已占用它数秒。请在它完成后重试。"},
     {"The conversation store could not be used: {detail}.", "无法使用对话存储：{detail}。"},
+    // The terminal panel: its status line, the picker's prompt, and the key hints' words.
+    {"Lumora: too small", "Lumora：窗口太小"},
+    {"type to filter", "输入以筛选"},
+    {"no match", "无匹配项"},
+    {"scroll", "滚动"},
+    {"quit", "退出"},
+    {"move", "移动"},
+    {"choose", "选择"},
+    {"close", "关闭"},
+    {"open", "打开"},
+    {"next field", "下一栏"},
     // What the model reads, as the input page says it.
     {"A new mail: the model gets your instruction alone", "新邮件：模型只收到你的指令"},
     {"The model reads: 1 quoted passage ({characters} characters)",

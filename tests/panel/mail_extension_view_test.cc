@@ -819,19 +819,6 @@ TEST_F(PanelTest, ThePickersAndTheirWords) {
   EXPECT_EQ(d.conversationPicker.entries[2].label, "Replies");
 }
 
-TEST(Localization, TheLocaleDecidesTheLanguage) {
-  const std::pair<const char*, Language> cases[] = {
-      {"zh_CN.UTF-8", Language::simplifiedChinese}, {"zh", Language::simplifiedChinese},
-      {"zh_SG", Language::simplifiedChinese},       {"zh-Hans", Language::simplifiedChinese},
-      {"zh_TW.UTF-8", Language::english},           {"zh_HK", Language::english},
-      {"zh-Hant", Language::english},               {"en_US.UTF-8", Language::english},
-      {"C", Language::english},                     {"", Language::english},
-  };
-  for (const auto& [locale, language] : cases) EXPECT_EQ(languageOf(locale), language) << locale;
-  EXPECT_EQ(localized("Stop", Language::simplifiedChinese), "停止");
-  EXPECT_EQ(localized("Not in the table", Language::simplifiedChinese), "Not in the table");
-}
-
 TEST_F(PanelTest, ACopyThatNoClipboardTakesSaysWhy) {
   class Refusing final : public Pasteboard {
    public:

@@ -323,7 +323,7 @@ void PanelScreen::draw(Canvas& canvas, Clock::time_point now) {
   syncEditor(d);
   if (d.copyBounces != bounces_) {
     bounces_ = d.copyBounces;
-    note_ = settings_.copyNote ? settings_.copyNote() : localized("Copied", settings_.language);
+    note_ = settings_.copyNote ? settings_.copyNote() : word("Copied");
     noteUntil_ = now + kNoteTime;
   }
   if (noteUntil_ && now >= *noteUntil_) {
@@ -339,7 +339,7 @@ void PanelScreen::draw(Canvas& canvas, Clock::time_point now) {
   }
 
   if (canvas.rows() < kMinRows || canvas.columns() < kMinColumns) {
-    canvas.write(0, 0, "Lumora: too small", kBold);
+    canvas.write(0, 0, word("Lumora: too small"), kBold);
     canvas.placeCursor(-1, 0);
     return;
   }
@@ -398,7 +398,7 @@ void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) 
   const bool editing = focus_ == Focus::editor && !picker_.isOpen();
   const unsigned border = editing ? kAccent | kBold : kDim;
   std::string title = " ";  // appended, as the field's box below
-  title.append(localized("Instruction", settings_.language)).append(" ");
+  title.append(word("Instruction")).append(" ");
   canvas.write(top, 0,
                "╭─" + title + repeated("─", columns - 3 - displayWidth(title)) + "╮", border);
   for (int row = top + 1; row < boxBottom; ++row) {
@@ -439,11 +439,10 @@ void PanelScreen::drawInput(Canvas& canvas, const PanelDescription& d, int top) 
   const int half = (columns - 2) / 2;
   const int conversationsAt = 1;
   const int modelsAt = 1 + half + 1;
-  drawField(canvas, pickerRow, conversationsAt, half - 1,
-            localized("Conversation", settings_.language), d.conversationPicker,
-            Focus::conversations);
-  drawField(canvas, pickerRow, modelsAt, columns - modelsAt - 1,
-            localized("Model", settings_.language), d.modelPicker, Focus::models);
+  drawField(canvas, pickerRow, conversationsAt, half - 1, word("Conversation"),
+            d.conversationPicker, Focus::conversations);
+  drawField(canvas, pickerRow, modelsAt, columns - modelsAt - 1, word("Model"), d.modelPicker,
+            Focus::models);
 
   const std::string generate = "[  " + d.generate.label + "  ]";
   const int generateWidth = displayWidth(generate);
@@ -503,7 +502,7 @@ void PanelScreen::drawPickerList(Canvas& canvas, const Picker& picker, int ancho
   canvas.write(top, column, "╭" + repeated("─", width - 2) + "╮", kAccent);
   canvas.write(top + 1, column, "│ ", kAccent);
   if (picker_.filter().empty()) {
-    canvas.write(top + 1, column + 2, padded("type to filter", inner), kDim);
+    canvas.write(top + 1, column + 2, padded(word("type to filter"), inner), kDim);
   } else {
     canvas.write(top + 1, column + 2, padded("› " + picker_.filter(), inner), kBold);
   }
@@ -523,7 +522,7 @@ void PanelScreen::drawPickerList(Canvas& canvas, const Picker& picker, int ancho
     canvas.write(row, column + width - 2, " │", kAccent);
     const size_t at = static_cast<size_t>(first + i);
     if (at >= shown.size()) {
-      canvas.write(row, column + 2, padded(shown.empty() && i == 0 ? "no match" : "", inner),
+      canvas.write(row, column + 2, padded(shown.empty() && i == 0 ? word("no match") : "", inner),
                    kDim);
       continue;
     }
@@ -596,43 +595,68 @@ void PanelScreen::drawResult(Canvas& canvas, const PanelDescription& d, int top)
     hits_.push_back({buttonRow, buttonRow + 1, column, column + used, Target::button, i});
     column += used + 2;
   }
-  const std::string note = d.copying ? localized("Copying…", settings_.language) : note_;
+  const std::string note = d.copying ? word("Copying…") : note_;
   if (!note.empty()) canvas.write(buttonRow, column + 1, note, kBold, columns - column - 2);
 }
 
 void PanelScreen::drawKeys(Canvas& canvas, const PanelDescription& d) {
-  std::string keys;
-  const auto add = [&keys](std::string_view key, std::string_view what) {
-    keys += "  ";
-    keys += key;
-    keys += " ";
-    keys += what;
+  // Each hint is a key and what it does, or a whole phrase where the "key" is the typing
+  // itself. When the row is too short, hints are left out whole, the least needed first (the
+  // highest `rank`; among equals the rightmost), never cut in the middle; rank 0 always stays.
+  struct Hint {
+    std::string key;
+    std::string what;
+    int rank;
   };
-  const auto word = [this](std::string_view english) {
-    return localized(english, settings_.language);
+  std::vector<Hint> hints;
+  const auto add = [&hints](std::string key, std::string what, int rank) {
+    hints.push_back({std::move(key), std::move(what), rank});
   };
   if (d.page == PanelDescription::Page::result) {
-    add("↑↓ PgUp PgDn", "scroll");
-    for (const auto& button : d.buttons) add(std::string(1, buttonKey(button.operation)), button.label);
-    add("b", word("Back"));
-    add("q", "quit");
+    add("↑↓ PgUp PgDn", word("scroll"), 2);
+    for (const auto& button : d.buttons)
+      add(std::string(1, buttonKey(button.operation)), button.label, 0);
+    add("b", word("Back"), 1);
+    add("q", word("quit"), 0);
   } else if (picker_.isOpen()) {
-    add("↑↓", "move");
-    add("Enter", "choose");
-    add("Esc", "close");
-    add("type", "to filter");
+    add("↑↓", word("move"), 1);
+    add("Enter", word("choose"), 0);
+    add("Esc", word("close"), 0);
+    add("", word("type to filter"), 2);
   } else {
     if (focus_ == Focus::conversations || focus_ == Focus::models) {
-      add("Enter", "open");
-      add("type", "to filter");
+      add("Enter", word("open"), 0);
+      add("", word("type to filter"), 2);
     }
-    if (focus_ == Focus::generate) add("Enter", d.generate.label);
-    add("Tab", "next field");
-    add("Ctrl-G", d.generate.label);
-    add("Ctrl-R", d.reading.toggle.label);
-    add(focus_ == Focus::generate ? "q" : "Ctrl-Q", "quit");
+    if (focus_ == Focus::generate) add("Enter", d.generate.label, 0);
+    add("Tab", word("next field"), 2);
+    add("Ctrl-G", d.generate.label, 1);
+    add("Ctrl-R", d.reading.toggle.label, 1);
+    add(focus_ == Focus::generate ? "q" : "Ctrl-Q", word("quit"), 0);
   }
+
+  const auto text = [](const Hint& hint) {
+    std::string out = "  ";
+    if (!hint.key.empty()) out.append(hint.key).append(" ");
+    return out.append(hint.what);
+  };
+  int width = 0;
+  for (const Hint& hint : hints) width += displayWidth(text(hint));
+  while (width > canvas.columns()) {
+    auto least = hints.end();
+    for (auto it = hints.begin(); it != hints.end(); ++it)
+      if (it->rank > 0 && (least == hints.end() || it->rank >= least->rank)) least = it;
+    if (least == hints.end()) break;
+    width -= displayWidth(text(*least));
+    hints.erase(least);
+  }
+  std::string keys;
+  for (const Hint& hint : hints) keys += text(hint);
   canvas.write(canvas.rows() - 1, 0, padded(keys, canvas.columns()), kReverse);
+}
+
+std::string PanelScreen::word(std::string_view english) const {
+  return localized(english, settings_.language);
 }
 
 }  // namespace lumora::terminal

@@ -78,6 +78,8 @@ class PanelScreen {
   void drawResult(Canvas& canvas, const PanelDescription& d, int top);
   void drawKeys(Canvas& canvas, const PanelDescription& d);
   void updateOutput(const PanelDescription& d, int width);
+  // A text of the screen's own in the panel's language.
+  std::string word(std::string_view english) const;
 
   MailExtensionView& panel_;
   Settings settings_;

@@ -9,7 +9,32 @@
 namespace lumora {
 namespace {
 
-// English key, Simplified Chinese text.
+// The catalogue: English key, Simplified Chinese text.
+//
+// What belongs here is every text written for a person to read in the panel, whichever
+// front-end draws it: its words and buttons, the reading line, the notes after a copy or an
+// insertion, the terminal panel's key hints, picker prompts and status lines, and the error
+// texts that reach the panel's error line. Each entry is a whole sentence or a whole label;
+// a name, number or reason inside it is a "{name}" placeholder that withValues() fills, so a
+// translation can put it where its own grammar wants. A text is never glued from translated
+// pieces around a name. An error text that is not in the table yet shows in English, which is
+// the key.
+//
+// What stays English and outside, on purpose, because programs and people's scripts read it or
+// it is not prose at all:
+//  - debug lines (LUMORA_DEBUG, --debug);
+//  - machine-readable output: JSON fields, the native host's message shapes, tab-separated
+//    lists, settings keys and values, `conversations show` fields;
+//  - the command line's own words: usage, --help, the manual page and the shell completions,
+//    all generated from the command declarations, and the command's own diagnostics;
+//  - the lines docs/cli.md quotes as the command's contract (the size limits' refusals, the
+//    settings' "did you mean", the host rules' texts). An error of the library's that the panel
+//    shows as well is the panel's text, translated wherever it is shown;
+//  - names: models, services, the product, conversation titles, and the keys of the keyboard
+//    as printed on them (Enter, Esc, Tab, Ctrl-G, PgUp).
+//
+// The terminal's hint bar takes the translated words at their display width, a CJK character
+// being two columns: keep a translated hint no wider than needed, the bar has to fit in 80.
 constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Lumora", "Lumora"},
     {"Writing...", "正在撰写..."},
@@ -27,6 +52,23 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Instruction", "指令"},
     {"Copied", "已复制"},
     {"Copying…", "正在复制…"},
+    // The conversation store's failures, as the panel's error line shows them.
+    {"The conversation store is busy: another program has held it for several seconds. Try "
+     "again when it has finished.",
+     "对话存储正忙：另一个程序已占用它数秒。请在它完成后重试。"},
+    {"The conversation store could not be used: {detail}.", "无法使用对话存储：{detail}。"},
+    // The terminal panel: its status line, the picker's prompt, and the key hints' words.
+    {"Lumora: too small", "Lumora：窗口太小"},
+    {"type to filter", "输入以筛选"},
+    {"no match", "无匹配项"},
+    {"scroll", "滚动"},
+    {"quit", "退出"},
+    {"move", "移动"},
+    {"choose", "选择"},
+    {"close", "关闭"},
+    {"open", "打开"},
+    {"next field", "下一栏"},
+    // What the model reads, as the input page says it.
     {"A new mail: the model gets your instruction alone", "新邮件：模型只收到你的指令"},
     {"The model reads: 1 quoted passage ({characters} characters)",
      "模型读取：1 段引用（{characters} 个字符）"},
@@ -129,6 +171,11 @@ std::string localized(std::string_view english, Language language) {
 }
 
 std::string localized(std::string_view english) { return localized(english, userLanguage()); }
+
+std::span<const std::pair<std::string_view, std::string_view>> translations(Language language) {
+  if (language == Language::simplifiedChinese) return kSimplifiedChinese;
+  return {};
+}
 
 std::string withValues(std::string_view text,
                        std::initializer_list<std::pair<std::string_view, std::string_view>> values) {

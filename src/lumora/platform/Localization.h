@@ -3,6 +3,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,6 +25,10 @@ Language languageOf(std::string_view locale);
 // translation.
 std::string localized(std::string_view english);
 std::string localized(std::string_view english, Language language);
+
+// The catalogue of `language`: each English key with its translation (none for English,
+// whose texts are the keys). For checking the catalogue whole.
+std::span<const std::pair<std::string_view, std::string_view>> translations(Language language);
 
 // `text` with each "{name}" replaced by its value: the placeholders of a translated sentence,
 // so that a sentence is translated whole and never glued from pieces.

@@ -65,7 +65,8 @@ std::string busyText() {
 std::string failureText(sqlite3* db, std::string_view detail) {
   const int code = sqlite3_errcode(db) & 0xff;
   if (code == SQLITE_BUSY || code == SQLITE_LOCKED) return busyText();
-  return localized("The conversation store could not be used: ") + std::string(detail) + ".";
+  return withValues(localized("The conversation store could not be used: {detail}."),
+                    {{"detail", detail}});
 }
 
 class Statement {

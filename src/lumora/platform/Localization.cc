@@ -101,6 +101,18 @@ constexpr std::pair<std::string_view, std::string_view> kSimplifiedChinese[] = {
     {"Inserting…", "正在插入…"},
     {"Inserted", "已插入"},
     {"Sent to the terminal's clipboard (OSC 52)", "已发送到终端的剪贴板（OSC 52）"},
+    // Why a part of the message could not be read.
+    {"A part of the message could not be decoded from its transfer encoding {encoding}.",
+     "邮件的某个部分无法按其传输编码 {encoding} 解码。"},
+    {"A part of the message uses the transfer encoding {encoding}, which Lumora cannot decode.",
+     "邮件的某个部分使用传输编码 {encoding}，Lumora 无法解码。"},
+    {"A part of the message is not valid quoted-printable text.",
+     "邮件的某个部分不是有效的 quoted-printable 文本。"},
+    {"A part of the message is not valid UTF-8 text.", "邮件的某个部分不是有效的 UTF-8 文本。"},
+    {"A part of the message is not valid text in the character set {charset}.",
+     "邮件的某个部分不是字符集 {charset} 中的有效文本。"},
+    {"A part of the message uses the character set {charset}, which Lumora does not know.",
+     "邮件的某个部分使用字符集 {charset}，Lumora 不认识它。"},
     // Why `lumora route` chose a service.
     {"{model} is a speech model: it goes to the hosted cloud or to OpenAI, whichever comes first "
      "in your services.",

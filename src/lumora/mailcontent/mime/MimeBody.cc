@@ -39,23 +39,33 @@ std::string withoutLineEnds(std::string_view text) {
 }  // namespace
 
 MimeContentDecoderError::MimeContentDecoderError(Code code, std::string_view encoding)
-    : Error(code == Code::decodingFailed
-                ? localized("A part of the message could not be decoded from its transfer "
-                            "encoding ") +
-                      quotedName(encoding) + "."
-                : localized("A part of the message uses the transfer encoding ") +
-                      quotedName(encoding) + localized(", which Lumora cannot decode.")),
+    : Error(withValues(
+          localized(code == Code::decodingFailed
+                        ? "A part of the message could not be decoded from its transfer "
+                          "encoding {encoding}."
+                        : "A part of the message uses the transfer encoding {encoding}, which "
+                          "Lumora cannot decode."),
+          {{"encoding", quotedName(encoding)}})),
       code_(code) {}
 
 QuotedPrintableDecoderError::QuotedPrintableDecoderError()
     : Error(localized("A part of the message is not valid quoted-printable text.")) {}
 
+namespace {
+
+std::string charsetFailure(std::optional<std::string_view> charsetName, bool known) {
+  if (!charsetName) return localized("A part of the message is not valid UTF-8 text.");
+  return withValues(
+      localized(known ? "A part of the message is not valid text in the character set {charset}."
+                      : "A part of the message uses the character set {charset}, which Lumora "
+                        "does not know."),
+      {{"charset", quotedName(*charsetName)}});
+}
+
+}  // namespace
+
 MimeBodyError::MimeBodyError(std::optional<std::string_view> charsetName, bool known)
-    : Error(!charsetName ? localized("A part of the message is not valid UTF-8 text.")
-            : known ? localized("A part of the message is not valid text in the character set ") +
-                          quotedName(*charsetName) + "."
-                    : localized("A part of the message uses the character set ") +
-                          quotedName(*charsetName) + localized(", which Lumora does not know.")) {}
+    : Error(charsetFailure(charsetName, known)) {}
 
 std::string quotedPrintableDecoded(std::string_view text) {
   std::string out;

@@ -87,7 +87,7 @@ std::string_view Document::contentOf(const Record& r) const {
     case NodeKind::text:
     case NodeKind::data:
     case NodeKind::comment: {
-      const Span& span = spanOf(r);
+      const Span span = spanOf(r);
       return r.flags() & kInArena ? std::string_view(arena_).substr(span.offset, span.length)
                                   : source_.substr(span.offset, span.length);
     }
@@ -158,6 +158,20 @@ NodeId Document::makeDocumentType(std::string_view name, std::string_view public
 // turn then move a logarithmic number of times, not once per append, and the copying stays
 // linear in the text.
 
+void Document::setSpan(Record& r, Span span) {
+  if (r.flags() & kInlineSpan) {
+    if (span.offset < Record::kLinkMask && span.length <= Record::kMostPayload) {
+      r.setDown(span.offset);
+      r.setPayload(span.length);
+      return;
+    }
+    r.setFlags(r.flags() & ~kInlineSpan);
+    r.setDown(spans_.push(span));
+    return;
+  }
+  spans_[r.down()] = span;
+}
+
 NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
   // The span is made first: a node whose span failed must not be left behind.
   const bool inArena = !inSource(characters);
@@ -170,19 +184,21 @@ NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
   } else {
     span.offset = static_cast<uint32_t>(characters.data() - source_.data());
   }
-  const NodeId id = add(kind, TagId::unknown, spans_.size());
-  spans_.push(span);
-  if (inArena) at(id).setFlags(kInArena);
+  const NodeId id = add(kind, TagId::unknown, kNoNode);
+  Record& r = at(id);
+  r.setFlags(inArena ? kInlineSpan | kInArena : kInlineSpan);
+  setSpan(r, span);
   return id;
 }
 
 void Document::appendCharacters(NodeId id, std::string_view more) {
   if (more.empty()) return;
   Record& r = at(id);
-  Span& span = spanOf(r);
+  Span span = spanOf(r);
   const bool inArena = r.flags() & kInArena;
   if (!inArena && inSource(more) && more.data() == source_.data() + span.offset + span.length) {
     span.length += static_cast<uint32_t>(more.size());
+    setSpan(r, span);
     return;
   }
   const size_t length = size_t{span.length} + more.size();
@@ -191,6 +207,7 @@ void Document::appendCharacters(NodeId id, std::string_view more) {
   if (inArena && length <= capacity) {
     std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
     span.length = static_cast<uint32_t>(length);
+    setSpan(r, span);
     return;
   }
   const size_t room = std::bit_ceil(length);
@@ -210,6 +227,7 @@ void Document::appendCharacters(NodeId id, std::string_view more) {
   std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
   span.length = static_cast<uint32_t>(length);
   r.setFlags(r.flags() | kInArena | kHasRoom);
+  setSpan(r, span);
 }
 
 // ---- links -------------------------------------------------------------------------------

@@ -8,7 +8,7 @@
 // the walks below never recurse. Text is not copied where it stands in the source as it is:
 // a text node is a span of the source the Document keeps, and only text that differs from its
 // source (character references, replaced NULs, text joined from separate places) is written to
-// an arena of the Document's own.
+// an arena of the Document's own. A short span is held in the text node's record itself.
 //
 // Thread safety: a Document is built by one thread; once parse returns, reading it from several
 // threads is safe.
@@ -196,12 +196,15 @@ class Document {
 
   // One node, 16 bytes: four links of 28 bits (parent; down; next sibling; previous sibling,
   // which for a first child is the last child of its parent), and in the 4 bits above each
-  // link a quarter of the node's kind (3 bits), flags (3 bits) and tag (8 bits). An element's
-  // `down` is its first child, and its name and attributes, when it has any, are found through
-  // `extraOf_`. A text, data or comment node's `down` indexes its span in `spans_` (the bytes
-  // at an offset of the source, or of the arena with kInArena); a doctype's indexes doctypes_.
+  // link a quarter of the node's kind (3 bits), flags (3 bits) and a 10-bit payload: an
+  // element's tag, a short span's length. An element's `down` is its first child, and its name
+  // and attributes, when it has any, are found through `extraOf_`. A text, data or comment
+  // node's characters are bytes at an offset of the source, or of the arena with kInArena:
+  // with kInlineSpan its `down` is that offset and its payload the length, else its `down`
+  // indexes the span in `spans_`. A doctype's `down` indexes doctypes_.
   // 16 bytes rather than the 24 of a plain struct: an element never closed is 5 bytes of
-  // markup, and its node must stay within the few bytes per byte that a reading may take.
+  // markup, and its node must stay within the few bytes per byte that a reading may take. The
+  // span inline for the same reason: a quotation of one word is 13 bytes of markup.
   class Record {
    public:
     void init(NodeKind kind, TagId tag, uint32_t down) {
@@ -220,13 +223,24 @@ class Document {
     void setPrevious(NodeId id) { setLink(3, id); }
     NodeKind kind() const { return static_cast<NodeKind>(meta() & 7); }
     uint8_t flags() const { return static_cast<uint8_t>((meta() >> 3) & 7); }
-    TagId tag() const { return static_cast<TagId>(meta() >> 6); }
+    // Only elements have a tag of their own; the payload of the others is not one.
+    TagId tag() const {
+      const uint16_t m = meta();
+      return (m & 7) == static_cast<unsigned>(NodeKind::element) ? static_cast<TagId>(m >> 6)
+                                                                 : TagId::unknown;
+    }
+    uint32_t payload() const { return meta() >> 6; }
     void setFlags(uint8_t flags) {
       setMeta(static_cast<uint16_t>((meta() & ~(7u << 3)) | ((flags & 7u) << 3)));
     }
+    void setPayload(uint32_t payload) {
+      setMeta(static_cast<uint16_t>((meta() & 63u) | (payload << 6)));
+    }
+
+    static constexpr uint32_t kLinkMask = (uint32_t{1} << 28) - 1;  // also: no node
+    static constexpr uint32_t kMostPayload = (uint32_t{1} << 10) - 1;
 
    private:
-    static constexpr uint32_t kLinkMask = (uint32_t{1} << 28) - 1;  // also: no node
     NodeId link(int i) const {
       const uint32_t v = words_[i] & kLinkMask;
       return v == kLinkMask ? kNoNode : v;
@@ -245,9 +259,11 @@ class Document {
     uint32_t words_[4];
   };
   static_assert(sizeof(Record) == 16);
-  static constexpr uint8_t kParserOpen = 1;
-  static constexpr uint8_t kInArena = 2;   // text: its span is in the arena
-  static constexpr uint8_t kHasExtra = 2;  // element: it has a name or attributes of its own
+  static_assert(static_cast<unsigned>(TagId::unknown) <= Record::kMostPayload);
+  static constexpr uint8_t kParserOpen = 1;  // element
+  static constexpr uint8_t kInlineSpan = 1;  // text: its span is in its record
+  static constexpr uint8_t kInArena = 2;     // text: its span is in the arena
+  static constexpr uint8_t kHasExtra = 2;    // element: it has a name or attributes of its own
   // The arena span has room behind it up to the next power of two of its length.
   static constexpr uint8_t kHasRoom = 4;
   static constexpr uint32_t kNone = UINT32_MAX;
@@ -316,8 +332,12 @@ class Document {
   NodeId addElement(TagId tag, uint32_t extra);
   // The entry of extras_ of an element; kNone when it has none.
   uint32_t extraOf(NodeId element) const;
-  Span& spanOf(const Record& r) { return spans_[r.down()]; }
-  const Span& spanOf(const Record& r) const { return spans_[r.down()]; }
+  Span spanOf(const Record& r) const {
+    return r.flags() & kInlineSpan ? Span{r.down(), r.payload()} : spans_[r.down()];
+  }
+  // Sets the span of a text, data or comment node: inline while it fits there, else in
+  // spans_, where it then stays.
+  void setSpan(Record& r, Span span);
   bool inSource(std::string_view characters) const;
   std::string_view contentOf(const Record& r) const;
 

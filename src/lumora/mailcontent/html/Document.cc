@@ -1,8 +1,11 @@
 #include "lumora/mailcontent/html/Document.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "lumora/platform/Text.h"
@@ -10,6 +13,14 @@
 namespace lumora::html {
 
 // ---- the store ---------------------------------------------------------------------------
+
+void* Document::mapBlock(size_t bytes) {
+  void* block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block == MAP_FAILED) throw std::bad_alloc();
+  return block;
+}
+
+void Document::unmapBlock(void* block, size_t bytes) { munmap(block, bytes); }
 
 Document::Document(std::string owned, std::string_view unowned, Attributes kept)
     : ownedSource_(std::move(owned)), kept_(kept) {

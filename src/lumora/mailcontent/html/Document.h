@@ -21,6 +21,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "lumora/mailcontent/html/Tags.h"
@@ -271,30 +272,47 @@ class Document {
 
   // Items in blocks of 256 KiB that never move: growing the store copies nothing, and its
   // peak is the items themselves, not the items and the copy of them a doubling array would
-  // make. A block is above the 128 KiB from which glibc's allocator maps a request from the
-  // system and unmaps it when freed (its default, which only a larger block freed earlier
-  // raises): a freed tree goes back to the system, where a block from the allocator's heap
-  // would stay with the thread that parsed, and the reply's request is built on another. Each
-  // mapping takes one page more than its block, for the allocator's header: 1/64 at this size.
-  // The pages of a block are only taken as they are written.
+  // make. Each block is mapped from the system and unmapped when the tree goes, whatever the
+  // allocator would do with a request of its size: glibc's maps one of 256 KiB only until a
+  // larger block has been freed, and serves it from its heap after that. A freed tree in the
+  // heap stays there, as a hole that what comes next rarely fits (the text made from the tree,
+  // or the reply's request, built on another thread than the parse). The pages of a block are
+  // only taken as they are written.
+  static void* mapBlock(size_t bytes);
+  static void unmapBlock(void* block, size_t bytes);
   template <typename T>
   class Blocks {
    public:
+    Blocks() = default;
+    Blocks(const Blocks&) = delete;
+    Blocks& operator=(const Blocks&) = delete;
+    ~Blocks() {
+      for (T* block : blocks_) unmapBlock(block, kBlockBytes);
+    }
     uint32_t size() const { return size_; }
     T& operator[](uint32_t i) { return blocks_[i >> kBits][i & kMask]; }
     const T& operator[](uint32_t i) const { return blocks_[i >> kBits][i & kMask]; }
     uint32_t push(const T& item) {
-      if ((size_ & kMask) == 0) blocks_.push_back(std::make_unique_for_overwrite<T[]>(kMask + 1));
+      if ((size_ & kMask) == 0) {
+        T* block = static_cast<T*>(mapBlock(kBlockBytes));
+        try {
+          blocks_.push_back(block);
+        } catch (...) {
+          unmapBlock(block, kBlockBytes);
+          throw;
+        }
+      }
       (*this)[size_] = item;
       return size_++;
     }
 
    private:
+    static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
     static constexpr size_t kBlockBytes = size_t{256} << 10;
     static constexpr unsigned kBits = std::countr_zero(kBlockBytes / sizeof(T));
     static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
     static_assert(sizeof(T) << kBits == kBlockBytes);
-    std::vector<std::unique_ptr<T[]>> blocks_;
+    std::vector<T*> blocks_;
     uint32_t size_ = 0;
   };
 

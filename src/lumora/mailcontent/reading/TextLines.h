@@ -2,8 +2,17 @@
 // what the sending program marked about it. Plain text and HTML both become these lines, and
 // the thread is told apart from the new text on them alone.
 //
-// The text is kept in blocks that never move, and the lines in a deque: a 10 MB body grows them
-// without the copy and the doubled room that one growing buffer would hold at its peak.
+// A text of a million short lines holds a million of them, so a line costs little more than 2
+// bytes beside its text: where its text ends, as 16 bits over the end of the line before its
+// group of lines, while the group's text fits in those 16 bits. How deep a line is quoted and
+// its marks are kept once for each run of lines that share them, which in mail is most of the
+// lines of a paragraph or a quotation. The text is kept in blocks that never move, and the
+// rest in deques: a 10 MB body grows them without the copy and the doubled room that one
+// growing buffer would hold at its peak.
+//
+// The text of all lines together is at most 4 GiB, and there are at most 4 G lines
+// (std::length_error past that): a message's text is no longer than the message but for list
+// markers, and a message is far smaller.
 #pragma once
 
 #include <algorithm>
@@ -11,6 +20,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 #include <vector>
 
@@ -26,18 +36,14 @@ class TextLines {
     signature = 8,    // the line belongs to the sender's signature
   };
 
-  // 16 bytes: a text of a million short lines holds a million of them. A line is at most
-  // kMostLineBytes long (a longer one is cut there: no reading shows that much of it) and
-  // quoted at most kMostDepth deep (deeper counts as that deep: a line needs that many quote
-  // marks, a quarter of a GB of them, to be deeper).
+  // One line as read; its text lives as long as the lines.
   struct Line {
-    const char* data = nullptr;
-    uint32_t size = 0;
-    uint32_t depth : 28 = 0;  // how many quotations the line stands in
-    uint32_t flags : 4 = 0;
+    std::string_view text;
+    uint32_t depth = 0;  // how many quotations the line stands in
+    uint8_t flags = 0;
   };
-  static_assert(sizeof(Line) == 16);
-  static constexpr size_t kMostLineBytes = UINT32_MAX;
+  // A line is quoted at most this deep; deeper counts as that deep (a line needs that many
+  // quote marks, a quarter of a GB of them, to be deeper).
   static constexpr uint32_t kMostDepth = (uint32_t{1} << 28) - 1;
 
   TextLines() = default;
@@ -58,12 +64,32 @@ class TextLines {
   }
   void append(char c) { append(std::string_view(&c, 1)); }
   void endLine(uint32_t depth, uint8_t flags = 0) {
-    const size_t size = std::min(used_ - lineStart_, kMostLineBytes);
-    Line& line = lines_.emplace_back();
-    line.data = size > 0 ? block_ + lineStart_ : nullptr;
-    line.size = static_cast<uint32_t>(size);
-    line.depth = std::min(depth, kMostDepth);
-    line.flags = flags & 15u;
+    // An empty line ends where the line before it does, wherever the block being written
+    // stands: that tells it apart from a line with text (see text()).
+    const uint32_t end = used_ > lineStart_ ? static_cast<uint32_t>(blockStart_ + used_) : lastEnd_;
+    if (size_ == UINT32_MAX) throw std::length_error("over 4 G lines of text");
+    const Run run{static_cast<uint32_t>(size_), std::min(depth, kMostDepth), flags & 15u};
+    if (runs_.empty() || runs_.back().depth != run.depth || runs_.back().flags != run.flags)
+      runs_.push_back(run);
+    if (size_ % kGroup == 0)
+      groups_.push_back({lastEnd_, static_cast<uint32_t>(narrowEnds_.size()),
+                         static_cast<uint32_t>(runs_.size() - 1), false});
+    Group& group = groups_.back();
+    if (!group.wide && end - group.base > UINT16_MAX) {
+      // The group's text outgrew 16 bits: its ends so far move to the wide ones.
+      const uint32_t slot = static_cast<uint32_t>(wideEnds_.size());
+      for (size_t k = group.slot; k < narrowEnds_.size(); ++k)
+        wideEnds_.push_back(group.base + narrowEnds_[k]);
+      narrowEnds_.resize(group.slot);
+      group.slot = slot;
+      group.wide = true;
+    }
+    if (group.wide)
+      wideEnds_.push_back(end);
+    else
+      narrowEnds_.push_back(static_cast<uint16_t>(end - group.base));
+    ++size_;
+    lastEnd_ = end;
     lineStart_ = used_;
   }
   // The text of the line being built.
@@ -73,13 +99,78 @@ class TextLines {
   // Drops `count` bytes from the end of the line being built.
   void dropPending(size_t count) { used_ -= count; }
 
-  // Lines are read by index; a deque's blocks never move either.
-  const std::deque<Line>& lines() const { return lines_; }
-  static std::string_view text(const Line& line) { return {line.data, line.size}; }
-  bool empty() const { return lines_.empty(); }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+  // The line `i`, by its parts or whole.
+  std::string_view text(size_t i) const {
+    const uint32_t end = endOf(i);
+    const uint32_t previous = i > 0 ? endOf(i - 1) : 0;
+    if (end == previous) return {};
+    // A line never spans two blocks: it begins where the line before it ends, unless that is
+    // in an earlier block, and then at the start of its own.
+    const Page& last = pages_[(end - 1) >> kPageBits];
+    const uint32_t start = std::max(previous, last.blockStart);
+    return {pages_[start >> kPageBits].data + (start & kPageMask), end - start};
+  }
+  uint32_t depth(size_t i) const { return runOf(i).depth; }
+  uint8_t flags(size_t i) const { return static_cast<uint8_t>(runOf(i).flags); }
+  Line operator[](size_t i) const {
+    const Run& run = runOf(i);
+    return {text(i), run.depth, static_cast<uint8_t>(run.flags)};
+  }
 
  private:
-  static constexpr size_t kBlockSize = 64 * 1024;
+  // Lines from `first` on, up to the next run's, share a depth and flags.
+  struct Run {
+    uint32_t first;
+    uint32_t depth : 28;
+    uint32_t flags : 4;
+  };
+  static_assert(sizeof(Run) == 8);
+
+  // The text's bytes are numbered across blocks in pages of 64 KiB: a block starts a page and
+  // takes whole pages, so where a byte is numbered tells its page, and the page where its
+  // block is and where that block's numbers start.
+  static constexpr unsigned kPageBits = 16;
+  static constexpr uint32_t kPageMask = (uint32_t{1} << kPageBits) - 1;
+  static constexpr size_t kBlockSize = size_t{1} << kPageBits;
+  struct Page {
+    const char* data;     // the page's first byte
+    uint32_t blockStart;  // the number of its block's first byte
+  };
+
+  // Each kGroup lines in a row: where their ends are, and the run of the first of them.
+  struct Group {
+    uint32_t base;      // the end of the line before the group
+    uint32_t slot;      // where the group's first end is, in narrowEnds_ or wideEnds_
+    uint32_t firstRun;  // the run of the group's first line
+    bool wide;          // the ends are in wideEnds_
+  };
+  static constexpr size_t kGroup = 64;
+
+  uint32_t endOf(size_t i) const {
+    const Group& group = groups_[i / kGroup];
+    const size_t k = group.slot + i % kGroup;
+    return group.wide ? wideEnds_[k] : group.base + narrowEnds_[k];
+  }
+
+  // The run of a line is found from the run of its group's first line: a group has at most
+  // kGroup runs, so the search is short however many runs there are.
+  const Run& runOf(size_t i) const {
+    size_t low = groups_[i / kGroup].firstRun;
+    size_t high =
+        i / kGroup + 1 < groups_.size() ? groups_[i / kGroup + 1].firstRun : runs_.size() - 1;
+    // The last run of [low, high] that begins at or before the line.
+    while (low < high) {
+      const size_t middle = high - (high - low) / 2;
+      if (runs_[middle].first <= i)
+        low = middle;
+      else
+        high = middle - 1;
+    }
+    return runs_[low];
+  }
 
   // Makes room for `more` bytes behind the line being built, in a new block when the current
   // one is full: the line so far moves with it, so a line never spans two blocks.
@@ -91,21 +182,39 @@ class TextLines {
     while (size < line + more) size *= 2;
     auto block = std::make_unique_for_overwrite<char[]>(size);
     if (line > 0) std::memcpy(block.get(), block_ + lineStart_, line);
-    // A block that held only this growing line is not kept: nothing points into it.
-    if (lineStart_ == 0 && !blocks_.empty()) blocks_.pop_back();
+    // A block that held only this growing line is not kept, and its pages go to the new one:
+    // no line's text is in it.
+    size_t start = pages_.size() << kPageBits;
+    if (lineStart_ == 0 && !blocks_.empty()) {
+      blocks_.pop_back();
+      start = blockStart_;
+      pages_.resize(start >> kPageBits);
+    }
+    if (start + size > UINT32_MAX) throw std::length_error("text of the lines over 4 GiB");
+    for (size_t page = 0; page < size >> kPageBits; ++page)
+      pages_.push_back({block.get() + (page << kPageBits), static_cast<uint32_t>(start)});
     blocks_.push_back(std::move(block));
     block_ = blocks_.back().get();
+    blockStart_ = start;
     capacity_ = size;
     used_ = line;
     lineStart_ = 0;
   }
 
   std::vector<std::unique_ptr<char[]>> blocks_;
+  std::vector<Page> pages_;
   char* block_ = nullptr;  // the block being written
+  size_t blockStart_ = 0;  // the number of its first byte
   size_t capacity_ = 0;
   size_t used_ = 0;
   size_t lineStart_ = 0;  // where the line being built begins in the block
-  std::deque<Line> lines_;
+  // Of each line, the number of the byte after its text: over its group's base, or whole.
+  std::deque<uint16_t> narrowEnds_;
+  std::deque<uint32_t> wideEnds_;
+  std::deque<Group> groups_;
+  std::deque<Run> runs_;
+  size_t size_ = 0;
+  uint32_t lastEnd_ = 0;
 };
 
 }  // namespace lumora::reading

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <string_view>
@@ -272,12 +273,13 @@ class Document {
 
   // Items in blocks of 256 KiB that never move: growing the store copies nothing, and its
   // peak is the items themselves, not the items and the copy of them a doubling array would
-  // make. Each block is mapped from the system and unmapped when the tree goes, whatever the
-  // allocator would do with a request of its size: glibc's maps one of 256 KiB only until a
-  // larger block has been freed, and serves it from its heap after that. A freed tree in the
-  // heap stays there, as a hole that what comes next rarely fits (the text made from the tree,
-  // or the reply's request, built on another thread than the parse). The pages of a block are
-  // only taken as they are written.
+  // make. A store's first block comes from the allocator, which keeps it at hand for the next
+  // small tree; every further block is mapped from the system and unmapped when the tree goes,
+  // whatever the allocator would do with a request of its size: glibc's maps one of 256 KiB
+  // only until a larger block has been freed, and serves it from its heap after that. A large
+  // freed tree in the heap stays there, as a hole that what comes next rarely fits (the text
+  // made from the tree, or the reply's request, built on another thread than the parse). The
+  // pages of a block are only taken as they are written.
   static void* mapBlock(size_t bytes);
   static void unmapBlock(void* block, size_t bytes);
   template <typename T>
@@ -287,18 +289,19 @@ class Document {
     Blocks(const Blocks&) = delete;
     Blocks& operator=(const Blocks&) = delete;
     ~Blocks() {
-      for (T* block : blocks_) unmapBlock(block, kBlockBytes);
+      for (size_t b = 0; b < blocks_.size(); ++b) release(blocks_[b], b);
     }
     uint32_t size() const { return size_; }
     T& operator[](uint32_t i) { return blocks_[i >> kBits][i & kMask]; }
     const T& operator[](uint32_t i) const { return blocks_[i >> kBits][i & kMask]; }
     uint32_t push(const T& item) {
       if ((size_ & kMask) == 0) {
-        T* block = static_cast<T*>(mapBlock(kBlockBytes));
+        const size_t b = blocks_.size();
+        T* block = static_cast<T*>(b == 0 ? ::operator new(kBlockBytes) : mapBlock(kBlockBytes));
         try {
           blocks_.push_back(block);
         } catch (...) {
-          unmapBlock(block, kBlockBytes);
+          release(block, b);
           throw;
         }
       }
@@ -312,6 +315,12 @@ class Document {
     static constexpr unsigned kBits = std::countr_zero(kBlockBytes / sizeof(T));
     static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
     static_assert(sizeof(T) << kBits == kBlockBytes);
+    static void release(T* block, size_t b) {
+      if (b == 0)
+        ::operator delete(block);
+      else
+        unmapBlock(block, kBlockBytes);
+    }
     std::vector<T*> blocks_;
     uint32_t size_ = 0;
   };

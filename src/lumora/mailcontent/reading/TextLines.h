@@ -6,9 +6,9 @@
 // bytes beside its text: where its text ends, as 16 bits over the end of the line before its
 // group of lines, while the group's text fits in those 16 bits. How deep a line is quoted and
 // its marks are kept once for each run of lines that share them, which in mail is most of the
-// lines of a paragraph or a quotation. The text is kept in blocks that never move, and the
-// rest in deques: a 10 MB body grows them without the copy and the doubled room that one
-// growing buffer would hold at its peak.
+// lines of a paragraph or a quotation. The text and the rest are kept in blocks that never
+// move: a 10 MB body grows them without the copy and the doubled room that one growing buffer
+// would hold at its peak.
 //
 // The text of all lines together is at most 4 GiB, and there are at most 4 G lines
 // (std::length_error past that): a message's text is no longer than the message but for list
@@ -18,7 +18,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -69,25 +68,32 @@ class TextLines {
     const uint32_t end = used_ > lineStart_ ? static_cast<uint32_t>(blockStart_ + used_) : lastEnd_;
     if (size_ == UINT32_MAX) throw std::length_error("over 4 G lines of text");
     const Run run{static_cast<uint32_t>(size_), std::min(depth, kMostDepth), flags & 15u};
-    if (runs_.empty() || runs_.back().depth != run.depth || runs_.back().flags != run.flags)
+    const bool newRun =
+        runs_.size() == 0 || run.depth != lastRun_.depth || run.flags != lastRun_.flags;
+    if (newRun) {
       runs_.push_back(run);
-    if (size_ % kGroup == 0)
-      groups_.push_back({lastEnd_, static_cast<uint32_t>(narrowEnds_.size()),
-                         static_cast<uint32_t>(runs_.size() - 1), false});
-    Group& group = groups_.back();
-    if (!group.wide && end - group.base > UINT16_MAX) {
-      // The group's text outgrew 16 bits: its ends so far move to the wide ones.
-      const uint32_t slot = static_cast<uint32_t>(wideEnds_.size());
-      for (size_t k = group.slot; k < narrowEnds_.size(); ++k)
-        wideEnds_.push_back(group.base + narrowEnds_[k]);
-      narrowEnds_.resize(group.slot);
-      group.slot = slot;
-      group.wide = true;
+      lastRun_ = run;
     }
-    if (group.wide)
-      wideEnds_.push_back(end);
+    const size_t k = size_ % kGroup;
+    if (k == 0) {
+      group_ = &groups_.push_back();
+      group_->base = lastEnd_;
+      group_->firstRun = group_->lastRun = static_cast<uint32_t>(runs_.size() - 1);
+      group_->run = lastRun_;
+      group_->wide = kNarrow;
+    } else if (newRun) {
+      group_->lastRun = static_cast<uint32_t>(runs_.size() - 1);
+    }
+    Group& group = *group_;
+    if (group.wide == kNarrow && end - group.base > UINT16_MAX) {
+      // The group's text outgrew 16 bits: its ends so far move to the wide ones.
+      group.wide = static_cast<uint32_t>(wideEnds_.size());
+      for (size_t j = 0; j < k; ++j) wideEnds_.push_back() = group.base + group.ends[j];
+    }
+    if (group.wide == kNarrow)
+      group.ends[k] = static_cast<uint16_t>(end - group.base);
     else
-      narrowEnds_.push_back(static_cast<uint16_t>(end - group.base));
+      wideEnds_.push_back() = end;
     ++size_;
     lastEnd_ = end;
     lineStart_ = used_;
@@ -104,14 +110,16 @@ class TextLines {
 
   // The line `i`, by its parts or whole.
   std::string_view text(size_t i) const {
-    const uint32_t end = endOf(i);
-    const uint32_t previous = i > 0 ? endOf(i - 1) : 0;
+    const Group& group = groups_[i / kGroup];
+    const size_t k = i % kGroup;
+    const uint32_t end = endIn(group, k);
+    const uint32_t previous = k > 0 ? endIn(group, k - 1) : group.base;
     if (end == previous) return {};
     // A line never spans two blocks: it begins where the line before it ends, unless that is
     // in an earlier block, and then at the start of its own.
-    const Page& last = pages_[(end - 1) >> kPageBits];
-    const uint32_t start = std::max(previous, last.blockStart);
-    return {pages_[start >> kPageBits].data + (start & kPageMask), end - start};
+    const Page& page = pages_[(end - 1) >> kPageBits];
+    const uint32_t start = std::max(previous, page.blockStart);
+    return {page.block + (start - page.blockStart), end - start};
   }
   uint32_t depth(size_t i) const { return runOf(i).depth; }
   uint8_t flags(size_t i) const { return static_cast<uint8_t>(runOf(i).flags); }
@@ -121,6 +129,28 @@ class TextLines {
   }
 
  private:
+  // Items in blocks of 2^kBits that never move, indexed by shifts.
+  template <typename T, unsigned kBits>
+  class Blocks {
+   public:
+    size_t size() const { return size_; }
+    T& operator[](size_t i) { return blocks_[i >> kBits][i & kMask]; }
+    const T& operator[](size_t i) const { return blocks_[i >> kBits][i & kMask]; }
+    T& back() { return (*this)[size_ - 1]; }
+    const T& back() const { return (*this)[size_ - 1]; }
+    // A new item at the end, its value left to the caller.
+    T& push_back() {
+      if ((size_ & kMask) == 0) blocks_.push_back(std::make_unique_for_overwrite<T[]>(kMask + 1));
+      return (*this)[size_++];
+    }
+    void push_back(const T& item) { push_back() = item; }
+
+   private:
+    static constexpr size_t kMask = (size_t{1} << kBits) - 1;
+    std::vector<std::unique_ptr<T[]>> blocks_;
+    size_t size_ = 0;
+  };
+
   // Lines from `first` on, up to the next run's, share a depth and flags.
   struct Run {
     uint32_t first;
@@ -129,38 +159,41 @@ class TextLines {
   };
   static_assert(sizeof(Run) == 8);
 
+  // kGroup lines in a row: where their texts end, as 16 bits over the end of the line before
+  // the group while they fit (`wide` kNarrow), else in wideEnds_ from `wide` on; and the runs
+  // its lines are in, the first of them copied here for the common group of one run.
+  static constexpr size_t kGroup = 64;
+  static constexpr uint32_t kNarrow = UINT32_MAX;
+  struct Group {
+    uint32_t base;
+    uint32_t wide;
+    uint32_t firstRun;
+    uint32_t lastRun;
+    Run run;
+    uint16_t ends[kGroup];
+  };
+
+  uint32_t endIn(const Group& group, size_t k) const {
+    return group.wide == kNarrow ? group.base + group.ends[k] : wideEnds_[group.wide + k];
+  }
+
   // The text's bytes are numbered across blocks in pages of 64 KiB: a block starts a page and
   // takes whole pages, so where a byte is numbered tells its page, and the page where its
   // block is and where that block's numbers start.
   static constexpr unsigned kPageBits = 16;
-  static constexpr uint32_t kPageMask = (uint32_t{1} << kPageBits) - 1;
   static constexpr size_t kBlockSize = size_t{1} << kPageBits;
   struct Page {
-    const char* data;     // the page's first byte
-    uint32_t blockStart;  // the number of its block's first byte
+    const char* block;
+    uint32_t blockStart;  // the number of the block's first byte
   };
 
-  // Each kGroup lines in a row: where their ends are, and the run of the first of them.
-  struct Group {
-    uint32_t base;      // the end of the line before the group
-    uint32_t slot;      // where the group's first end is, in narrowEnds_ or wideEnds_
-    uint32_t firstRun;  // the run of the group's first line
-    bool wide;          // the ends are in wideEnds_
-  };
-  static constexpr size_t kGroup = 64;
-
-  uint32_t endOf(size_t i) const {
-    const Group& group = groups_[i / kGroup];
-    const size_t k = group.slot + i % kGroup;
-    return group.wide ? wideEnds_[k] : group.base + narrowEnds_[k];
-  }
-
-  // The run of a line is found from the run of its group's first line: a group has at most
-  // kGroup runs, so the search is short however many runs there are.
+  // The run of a line is looked for among its group's runs: at most kGroup of them, so the
+  // search is short however many runs there are, and none when the group has one.
   const Run& runOf(size_t i) const {
-    size_t low = groups_[i / kGroup].firstRun;
-    size_t high =
-        i / kGroup + 1 < groups_.size() ? groups_[i / kGroup + 1].firstRun : runs_.size() - 1;
+    const Group& group = groups_[i / kGroup];
+    if (group.firstRun == group.lastRun) return group.run;
+    size_t low = group.firstRun;
+    size_t high = group.lastRun;
     // The last run of [low, high] that begins at or before the line.
     while (low < high) {
       const size_t middle = high - (high - low) / 2;
@@ -184,15 +217,14 @@ class TextLines {
     if (line > 0) std::memcpy(block.get(), block_ + lineStart_, line);
     // A block that held only this growing line is not kept, and its pages go to the new one:
     // no line's text is in it.
-    size_t start = pages_.size() << kPageBits;
-    if (lineStart_ == 0 && !blocks_.empty()) {
+    const bool dropped = lineStart_ == 0 && !blocks_.empty();
+    const size_t start = dropped ? blockStart_ : pages_.size() << kPageBits;
+    if (start + size > UINT32_MAX) throw std::length_error("text of the lines over 4 GiB");
+    if (dropped) {
       blocks_.pop_back();
-      start = blockStart_;
       pages_.resize(start >> kPageBits);
     }
-    if (start + size > UINT32_MAX) throw std::length_error("text of the lines over 4 GiB");
-    for (size_t page = 0; page < size >> kPageBits; ++page)
-      pages_.push_back({block.get() + (page << kPageBits), static_cast<uint32_t>(start)});
+    pages_.insert(pages_.end(), size >> kPageBits, {block.get(), static_cast<uint32_t>(start)});
     blocks_.push_back(std::move(block));
     block_ = blocks_.back().get();
     blockStart_ = start;
@@ -208,13 +240,13 @@ class TextLines {
   size_t capacity_ = 0;
   size_t used_ = 0;
   size_t lineStart_ = 0;  // where the line being built begins in the block
-  // Of each line, the number of the byte after its text: over its group's base, or whole.
-  std::deque<uint16_t> narrowEnds_;
-  std::deque<uint32_t> wideEnds_;
-  std::deque<Group> groups_;
-  std::deque<Run> runs_;
+  Blocks<Group, 6> groups_;
+  Blocks<uint32_t, 11> wideEnds_;
+  Blocks<Run, 10> runs_;
   size_t size_ = 0;
   uint32_t lastEnd_ = 0;
+  Group* group_ = nullptr;  // the last group, which the next line joins
+  Run lastRun_{};
 };
 
 }  // namespace lumora::reading

@@ -169,13 +169,8 @@ NodeId Document::makeDocumentType(std::string_view name, std::string_view public
 // turn then move a logarithmic number of times, not once per append, and the copying stays
 // linear in the text.
 
-void Document::setSpan(Record& r, Span span) {
+void Document::setSpanBeside(Record& r, Span span) {
   if (r.flags() & kInlineSpan) {
-    if (span.offset < Record::kLinkMask && span.length <= Record::kMostPayload) {
-      r.setDown(span.offset);
-      r.setPayload(span.length);
-      return;
-    }
     r.setFlags(r.flags() & ~kInlineSpan);
     r.setDown(spans_.push(span));
     return;

@@ -364,7 +364,16 @@ class Document {
   }
   // Sets the span of a text, data or comment node: inline while it fits there, else in
   // spans_, where it then stays.
-  void setSpan(Record& r, Span span);
+  void setSpan(Record& r, Span span) {
+    if ((r.flags() & kInlineSpan) && span.offset < Record::kLinkMask &&
+        span.length <= Record::kMostPayload) {
+      r.setDown(span.offset);
+      r.setPayload(span.length);
+      return;
+    }
+    setSpanBeside(r, span);
+  }
+  void setSpanBeside(Record& r, Span span);
   bool inSource(std::string_view characters) const;
   std::string_view contentOf(const Record& r) const;
 

@@ -35,9 +35,13 @@ Document::Document(std::string owned, std::string_view unowned, Attributes kept)
 Document::~Document() = default;
 
 NodeId Document::add(NodeKind kind, TagId tag, uint32_t down) {
-  if (records_.size() >= kMaxNodes) throw std::length_error("HTML tree of too many nodes");
   Record r;
   r.init(kind, tag, down);
+  return add(r);
+}
+
+NodeId Document::add(const Record& r) {
+  if (records_.size() >= kMaxNodes) throw std::length_error("HTML tree of too many nodes");
   return records_.push(r);
 }
 
@@ -78,8 +82,8 @@ bool Document::inSource(std::string_view characters) const {
 
 std::string_view Document::nameOf(NodeId id) const {
   const Record& r = at(id);
-  if (r.tag() != TagId::unknown) return tagNameOf(r.tag());
   if (r.kind() != NodeKind::element) return {};
+  if (r.tag() != TagId::unknown) return tagNameOf(r.tag());
   const uint32_t extra = extraOf(id);
   return extra == kNone ? std::string_view() : std::string_view(extras_[extra].name);
 }
@@ -190,10 +194,15 @@ NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
   } else {
     span.offset = static_cast<uint32_t>(characters.data() - source_.data());
   }
-  const NodeId id = add(kind, TagId::unknown, kNoNode);
-  Record& r = at(id);
-  r.setFlags(inArena ? kInlineSpan | kInArena : kInlineSpan);
-  setSpan(r, span);
+  const uint8_t flags = inArena ? kInArena : 0;
+  Record r;
+  if (span.offset < Record::kLinkMask && span.length <= Record::kMostPayload) {
+    r.init(kind, static_cast<uint8_t>(flags | kInlineSpan), span.length, span.offset);
+    return add(r);
+  }
+  r.init(kind, flags, static_cast<unsigned>(TagId::unknown), spans_.size());
+  const NodeId id = add(r);
+  spans_.push(span);
   return id;
 }
 

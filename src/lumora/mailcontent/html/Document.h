@@ -156,7 +156,7 @@ class Document {
     const Record& r = at(id);
     return r.parent() == kNoNode || at(r.parent()).down() == id ? kNoNode : r.previous();
   }
-  TagId tagOf(NodeId id) const { return at(id).tag(); }
+  TagId tagOf(NodeId id) const { return at(id).tagOrUnknown(); }
   std::string_view nameOf(NodeId id) const;
   std::span<const Attribute> attributesOf(NodeId id) const;
   std::string_view contentOf(NodeId id) const;
@@ -165,6 +165,10 @@ class Document {
   friend class Node;
   // The tree builder's side of the document, the only one that changes it.
   friend class DocumentBuilder;
+
+  // The tag of a node known to be an element, as the tree builder asks it of its open and
+  // formatting elements on every token.
+  TagId elementTagOf(NodeId element) const { return at(element).tag(); }
 
   // ---- building ------------------------------------------------------------------------
 
@@ -210,10 +214,13 @@ class Document {
   class Record {
    public:
     void init(NodeKind kind, TagId tag, uint32_t down) {
+      init(kind, 0, static_cast<unsigned>(tag), down);
+    }
+    void init(NodeKind kind, uint8_t flags, uint32_t payload, uint32_t down) {
       words_[0] = words_[1] = words_[2] = words_[3] = kLinkMask;
       setDown(down);
-      setMeta(
-          static_cast<uint16_t>(static_cast<unsigned>(kind) | (static_cast<unsigned>(tag) << 6)));
+      setMeta(static_cast<uint16_t>(static_cast<unsigned>(kind) | ((flags & 7u) << 3) |
+                                    (payload << 6)));
     }
     NodeId parent() const { return link(0); }
     NodeId down() const { return link(1); }
@@ -225,8 +232,9 @@ class Document {
     void setPrevious(NodeId id) { setLink(3, id); }
     NodeKind kind() const { return static_cast<NodeKind>(meta() & 7); }
     uint8_t flags() const { return static_cast<uint8_t>((meta() >> 3) & 7); }
-    // Only elements have a tag of their own; the payload of the others is not one.
-    TagId tag() const {
+    // An element's tag; for other nodes the payload is no tag (see tagOrUnknown()).
+    TagId tag() const { return static_cast<TagId>(meta() >> 6); }
+    TagId tagOrUnknown() const {
       const uint16_t m = meta();
       return (m & 7) == static_cast<unsigned>(NodeKind::element) ? static_cast<TagId>(m >> 6)
                                                                  : TagId::unknown;
@@ -356,6 +364,7 @@ class Document {
   Record& at(NodeId id) { return records_[id]; }
   const Record& at(NodeId id) const { return records_[id]; }
   NodeId add(NodeKind kind, TagId tag, uint32_t down);
+  NodeId add(const Record& r);
   NodeId addElement(TagId tag, uint32_t extra);
   // The entry of extras_ of an element; kNone when it has none.
   uint32_t extraOf(NodeId element) const;

@@ -55,6 +55,15 @@ TEST(HtmlDocument, TextIsASpanOfTheSourceWhereItStandsThereVerbatim) {
       {"a NUL the body drops joins what stood apart: copied", "a\0b"s, {{"ab", false}}},
       {"an ignored end tag joins what stood apart: copied", "a</span>b", {{"ab", false}}},
       {"a NUL replaced in a title: copied", "<title>a\0</title>"s, {{"a\xEF\xBF\xBD", false}}},
+      // A short text's span is held in its node's record, a longer one beside it.
+      {"as long as a record holds", std::string(1023, 'a'), {{std::string(1023, 'a'), true}}},
+      {"longer than a record holds", std::string(1024, 'a'), {{std::string(1024, 'a'), true}}},
+      {"outgrowing its record where it stands",
+       std::string(1020, 'a') + " < " + std::string(9, 'b'),
+       {{std::string(1020, 'a') + " < " + std::string(9, 'b'), true}}},
+      {"outgrowing its record as it is copied",
+       std::string(1000, 'a') + "</span>" + std::string(1000, 'b'),
+       {{std::string(1000, 'a') + std::string(1000, 'b'), false}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -1,6 +1,10 @@
 // The pieces of the whole-message reading, each against the shapes mail comes in: header words
-// and parameters, body decoding, the MIME structure, HTML as lines, and the thread's split.
+// and parameters, body decoding, the MIME structure, the lines of a text, HTML as lines, and the
+// thread's split.
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
 
 #include "lumora/mailcontent/html/Document.h"
 #include "lumora/mailcontent/reading/BodyText.h"
@@ -137,8 +141,8 @@ std::vector<std::string> plainLines(std::string_view text, bool flowed, bool del
   TextLines lines;
   addPlainLines(text, flowed, delSp, lines);
   std::vector<std::string> out;
-  for (const auto& line : lines.lines())
-    out.push_back(std::to_string(line.depth) + ":" + std::string(lines.text(line)));
+  for (size_t i = 0; i < lines.size(); ++i)
+    out.push_back(std::to_string(lines.depth(i)) + ":" + std::string(lines.text(i)));
   return out;
 }
 
@@ -157,6 +161,67 @@ TEST(PlainLines, QuotationDepthsAndFlowedParagraphs) {
 }
 
 // The parts of a message as "kind(body)" in document order, nesting in brackets.
+// TextLines keeps a line's end in 16 bits while its group of lines is short and in 32 once the
+// group is wider, moves the line being built to a new block when its block is full (dropping a
+// block that held that line alone), and keeps depths and marks once for each run of lines: at
+// every length and on every path each line must read back as it was written.
+TEST(TextLines, EveryLineReadsBackAsWritten) {
+  struct Case {
+    const char* name;
+    size_t lines;
+    std::function<size_t(size_t)> length;
+    std::function<uint32_t(size_t)> depth;
+    bool listMarkers;  // a marker begins each line and is dropped again, as before an empty item
+  };
+  const auto one = [](size_t) { return 1u; };
+  const Case cases[] = {
+      {"short lines and empty ones, one depth", 5000, [](size_t i) { return i % 3; }, one, false},
+      {"a new depth and marks on every line", 5000, [](size_t i) { return i % 5; },
+       [](size_t i) { return static_cast<uint32_t>(i % 4); }, false},
+      {"groups of lines wider than 16 bits", 300, [](size_t i) { return 1500 + i % 7; }, one,
+       false},
+      {"a group turning wide at its last line", 130,
+       [](size_t i) { return i % 64 == 63 ? 70000 : i % 2; }, one, false},
+      {"lines longer than a block, grown in pieces", 12,
+       [](size_t i) { return i % 3 == 1 ? 150000 + i : 40000 + i; }, one, false},
+      {"blocks filled to the last byte, a marker moved to a new block and dropped", 60,
+       [](size_t i) { return i % 2 == 0 ? 65535 : 0; }, one, true},
+      {"markers dropped before lines of every length", 3000, [](size_t i) { return i * 7 % 90; },
+       [](size_t i) { return static_cast<uint32_t>(i / 100 % 3); }, true},
+      {"deeper than a line is kept", 3, [](size_t) { return 2; },
+       [](size_t i) { return i == 1 ? UINT32_MAX : 0; }, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TextLines lines;
+    std::vector<std::string> texts;
+    std::vector<uint32_t> depths;
+    std::vector<uint8_t> flags;
+    for (size_t i = 0; i < c.lines; ++i) {
+      const std::string text(c.length(i), static_cast<char>('a' + i % 26));
+      if (c.listMarkers) {
+        lines.append("- ");
+        lines.dropPending(lines.pending().size());
+      }
+      for (size_t at = 0; at < text.size(); at += 997) lines.append(text.substr(at, 997));
+      ASSERT_EQ(lines.pending(), text);
+      const uint8_t mark = static_cast<uint8_t>(i / 7 % 3 == 0 ? TextLines::signature : 0);
+      lines.endLine(c.depth(i), mark);
+      texts.push_back(text);
+      depths.push_back(std::min(c.depth(i), TextLines::kMostDepth));
+      flags.push_back(mark);
+    }
+    ASSERT_EQ(lines.size(), c.lines);
+    for (size_t i = 0; i < c.lines; ++i) {
+      ASSERT_EQ(lines.text(i), texts[i]) << "line " << i;
+      ASSERT_EQ(lines.depth(i), depths[i]) << "line " << i;
+      ASSERT_EQ(lines.flags(i), flags[i]) << "line " << i;
+      const TextLines::Line line = lines[i];
+      ASSERT_TRUE(line.text == texts[i] && line.depth == depths[i] && line.flags == flags[i]);
+    }
+  }
+}
+
 std::string picture(std::string_view raw) {
   const MessageTree tree(raw);
   const auto& e = tree.entities();
@@ -259,7 +324,7 @@ std::string htmlText(const std::string& html) {
   const auto document = html::Document::parse(html);
   TextLines lines;
   addHtmlLines(*document, lines);
-  return renderLines(lines, 0, lines.lines().size());
+  return renderLines(lines, 0, lines.size());
 }
 
 TEST(HtmlText, BlocksListsTablesAndWhatIsLeftOut) {
@@ -291,8 +356,8 @@ TEST(HtmlText, MailProgramsMarksReachTheLines) {
   TextLines lines;
   addHtmlLines(*document, lines);
   std::vector<std::pair<std::string, uint8_t>> got;
-  for (const auto& line : lines.lines())
-    if (!lines.text(line).empty()) got.emplace_back(std::string(lines.text(line)), line.flags);
+  for (size_t i = 0; i < lines.size(); ++i)
+    if (!lines.text(i).empty()) got.emplace_back(std::string(lines.text(i)), lines.flags(i));
   using F = TextLines;
   const std::vector<std::pair<std::string, uint8_t>> expected{
       {"new", 0},

@@ -60,7 +60,7 @@ std::string draftWithReply(std::string_view draft, std::string_view reply) {
   // The body's lines, one for each line of the text, with their quotation depths.
   reading::TextLines lines;
   reading::addPlainLines(body, false, false, lines);
-  const auto depth = [&](size_t i) { return i < lines.lines().size() ? lines.lines()[i].depth : 0; };
+  const auto depth = [&](size_t i) { return i < lines.size() ? lines.depth(i) : 0; };
   const auto text = [&](size_t i) { return body.substr(starts[i], starts[i + 1] - starts[i]); };
 
   const auto quotation = reading::firstQuotation(lines);

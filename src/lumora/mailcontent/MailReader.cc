@@ -555,7 +555,7 @@ MailReading MailReader::read(std::string_view raw, size_t maxCharacters, bool dr
   result.thread = std::move(split.thread);
   result.earlierMessages = split.earlierMessages + attachedMessages;
   if (!attached.empty()) {
-    const std::string more = reading::renderLines(attached, 0, attached.lines().size());
+    const std::string more = reading::renderLines(attached, 0, attached.size());
     if (!more.empty()) result.thread = joined({result.thread, more});
   }
   compose(result, std::max(maxCharacters, kLeastMaxCharacters));

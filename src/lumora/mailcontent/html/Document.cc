@@ -1,8 +1,11 @@
 #include "lumora/mailcontent/html/Document.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "lumora/platform/Text.h"
@@ -10,6 +13,14 @@
 namespace lumora::html {
 
 // ---- the store ---------------------------------------------------------------------------
+
+void* Document::mapBlock(size_t bytes) {
+  void* block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block == MAP_FAILED) throw std::bad_alloc();
+  return block;
+}
+
+void Document::unmapBlock(void* block, size_t bytes) { munmap(block, bytes); }
 
 Document::Document(std::string owned, std::string_view unowned, Attributes kept)
     : ownedSource_(std::move(owned)), kept_(kept) {
@@ -24,9 +35,13 @@ Document::Document(std::string owned, std::string_view unowned, Attributes kept)
 Document::~Document() = default;
 
 NodeId Document::add(NodeKind kind, TagId tag, uint32_t down) {
-  if (records_.size() >= kMaxNodes) throw std::length_error("HTML tree of too many nodes");
   Record r;
   r.init(kind, tag, down);
+  return add(r);
+}
+
+NodeId Document::add(const Record& r) {
+  if (records_.size() >= kMaxNodes) throw std::length_error("HTML tree of too many nodes");
   return records_.push(r);
 }
 
@@ -67,8 +82,8 @@ bool Document::inSource(std::string_view characters) const {
 
 std::string_view Document::nameOf(NodeId id) const {
   const Record& r = at(id);
-  if (r.tag() != TagId::unknown) return tagNameOf(r.tag());
   if (r.kind() != NodeKind::element) return {};
+  if (r.tag() != TagId::unknown) return tagNameOf(r.tag());
   const uint32_t extra = extraOf(id);
   return extra == kNone ? std::string_view() : std::string_view(extras_[extra].name);
 }
@@ -87,7 +102,7 @@ std::string_view Document::contentOf(const Record& r) const {
     case NodeKind::text:
     case NodeKind::data:
     case NodeKind::comment: {
-      const Span& span = spanOf(r);
+      const Span span = spanOf(r);
       return r.flags() & kInArena ? std::string_view(arena_).substr(span.offset, span.length)
                                   : source_.substr(span.offset, span.length);
     }
@@ -158,6 +173,15 @@ NodeId Document::makeDocumentType(std::string_view name, std::string_view public
 // turn then move a logarithmic number of times, not once per append, and the copying stays
 // linear in the text.
 
+void Document::setSpanBeside(Record& r, Span span) {
+  if (r.flags() & kInlineSpan) {
+    r.setFlags(r.flags() & ~kInlineSpan);
+    r.setDown(spans_.push(span));
+    return;
+  }
+  spans_[r.down()] = span;
+}
+
 NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
   // The span is made first: a node whose span failed must not be left behind.
   const bool inArena = !inSource(characters);
@@ -170,19 +194,26 @@ NodeId Document::makeCharacters(NodeKind kind, std::string_view characters) {
   } else {
     span.offset = static_cast<uint32_t>(characters.data() - source_.data());
   }
-  const NodeId id = add(kind, TagId::unknown, spans_.size());
+  const uint8_t flags = inArena ? kInArena : 0;
+  Record r;
+  if (span.offset < Record::kLinkMask && span.length <= Record::kMostPayload) {
+    r.init(kind, static_cast<uint8_t>(flags | kInlineSpan), span.length, span.offset);
+    return add(r);
+  }
+  r.init(kind, flags, static_cast<unsigned>(TagId::unknown), spans_.size());
+  const NodeId id = add(r);
   spans_.push(span);
-  if (inArena) at(id).setFlags(kInArena);
   return id;
 }
 
 void Document::appendCharacters(NodeId id, std::string_view more) {
   if (more.empty()) return;
   Record& r = at(id);
-  Span& span = spanOf(r);
+  Span span = spanOf(r);
   const bool inArena = r.flags() & kInArena;
   if (!inArena && inSource(more) && more.data() == source_.data() + span.offset + span.length) {
     span.length += static_cast<uint32_t>(more.size());
+    setSpan(r, span);
     return;
   }
   const size_t length = size_t{span.length} + more.size();
@@ -191,6 +222,7 @@ void Document::appendCharacters(NodeId id, std::string_view more) {
   if (inArena && length <= capacity) {
     std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
     span.length = static_cast<uint32_t>(length);
+    setSpan(r, span);
     return;
   }
   const size_t room = std::bit_ceil(length);
@@ -210,6 +242,7 @@ void Document::appendCharacters(NodeId id, std::string_view more) {
   std::memcpy(arena_.data() + span.offset + span.length, more.data(), more.size());
   span.length = static_cast<uint32_t>(length);
   r.setFlags(r.flags() | kInArena | kHasRoom);
+  setSpan(r, span);
 }
 
 // ---- links -------------------------------------------------------------------------------

@@ -8,7 +8,7 @@
 // the walks below never recurse. Text is not copied where it stands in the source as it is:
 // a text node is a span of the source the Document keeps, and only text that differs from its
 // source (character references, replaced NULs, text joined from separate places) is written to
-// an arena of the Document's own.
+// an arena of the Document's own. A short span is held in the text node's record itself.
 //
 // Thread safety: a Document is built by one thread; once parse returns, reading it from several
 // threads is safe.
@@ -18,9 +18,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "lumora/mailcontent/html/Tags.h"
@@ -154,7 +156,7 @@ class Document {
     const Record& r = at(id);
     return r.parent() == kNoNode || at(r.parent()).down() == id ? kNoNode : r.previous();
   }
-  TagId tagOf(NodeId id) const { return at(id).tag(); }
+  TagId tagOf(NodeId id) const { return at(id).tagOrUnknown(); }
   std::string_view nameOf(NodeId id) const;
   std::span<const Attribute> attributesOf(NodeId id) const;
   std::string_view contentOf(NodeId id) const;
@@ -163,6 +165,10 @@ class Document {
   friend class Node;
   // The tree builder's side of the document, the only one that changes it.
   friend class DocumentBuilder;
+
+  // The tag of a node known to be an element, as the tree builder asks it of its open and
+  // formatting elements on every token.
+  TagId elementTagOf(NodeId element) const { return at(element).tag(); }
 
   // ---- building ------------------------------------------------------------------------
 
@@ -196,19 +202,25 @@ class Document {
 
   // One node, 16 bytes: four links of 28 bits (parent; down; next sibling; previous sibling,
   // which for a first child is the last child of its parent), and in the 4 bits above each
-  // link a quarter of the node's kind (3 bits), flags (3 bits) and tag (8 bits). An element's
-  // `down` is its first child, and its name and attributes, when it has any, are found through
-  // `extraOf_`. A text, data or comment node's `down` indexes its span in `spans_` (the bytes
-  // at an offset of the source, or of the arena with kInArena); a doctype's indexes doctypes_.
+  // link a quarter of the node's kind (3 bits), flags (3 bits) and a 10-bit payload: an
+  // element's tag, a short span's length. An element's `down` is its first child, and its name
+  // and attributes, when it has any, are found through `extraOf_`. A text, data or comment
+  // node's characters are bytes at an offset of the source, or of the arena with kInArena:
+  // with kInlineSpan its `down` is that offset and its payload the length, else its `down`
+  // indexes the span in `spans_`. A doctype's `down` indexes doctypes_.
   // 16 bytes rather than the 24 of a plain struct: an element never closed is 5 bytes of
-  // markup, and its node must stay within the few bytes per byte that a reading may take.
+  // markup, and its node must stay within the few bytes per byte that a reading may take. The
+  // span inline for the same reason: a quotation of one word is 13 bytes of markup.
   class Record {
    public:
     void init(NodeKind kind, TagId tag, uint32_t down) {
+      init(kind, 0, static_cast<unsigned>(tag), down);
+    }
+    void init(NodeKind kind, uint8_t flags, uint32_t payload, uint32_t down) {
       words_[0] = words_[1] = words_[2] = words_[3] = kLinkMask;
       setDown(down);
-      setMeta(
-          static_cast<uint16_t>(static_cast<unsigned>(kind) | (static_cast<unsigned>(tag) << 6)));
+      setMeta(static_cast<uint16_t>(static_cast<unsigned>(kind) | ((flags & 7u) << 3) |
+                                    (payload << 6)));
     }
     NodeId parent() const { return link(0); }
     NodeId down() const { return link(1); }
@@ -220,13 +232,25 @@ class Document {
     void setPrevious(NodeId id) { setLink(3, id); }
     NodeKind kind() const { return static_cast<NodeKind>(meta() & 7); }
     uint8_t flags() const { return static_cast<uint8_t>((meta() >> 3) & 7); }
+    // An element's tag; for other nodes the payload is no tag (see tagOrUnknown()).
     TagId tag() const { return static_cast<TagId>(meta() >> 6); }
+    TagId tagOrUnknown() const {
+      const uint16_t m = meta();
+      return (m & 7) == static_cast<unsigned>(NodeKind::element) ? static_cast<TagId>(m >> 6)
+                                                                 : TagId::unknown;
+    }
+    uint32_t payload() const { return meta() >> 6; }
     void setFlags(uint8_t flags) {
       setMeta(static_cast<uint16_t>((meta() & ~(7u << 3)) | ((flags & 7u) << 3)));
     }
+    void setPayload(uint32_t payload) {
+      setMeta(static_cast<uint16_t>((meta() & 63u) | (payload << 6)));
+    }
+
+    static constexpr uint32_t kLinkMask = (uint32_t{1} << 28) - 1;  // also: no node
+    static constexpr uint32_t kMostPayload = (uint32_t{1} << 10) - 1;
 
    private:
-    static constexpr uint32_t kLinkMask = (uint32_t{1} << 28) - 1;  // also: no node
     NodeId link(int i) const {
       const uint32_t v = words_[i] & kLinkMask;
       return v == kLinkMask ? kNoNode : v;
@@ -245,9 +269,11 @@ class Document {
     uint32_t words_[4];
   };
   static_assert(sizeof(Record) == 16);
-  static constexpr uint8_t kParserOpen = 1;
-  static constexpr uint8_t kInArena = 2;   // text: its span is in the arena
-  static constexpr uint8_t kHasExtra = 2;  // element: it has a name or attributes of its own
+  static_assert(static_cast<unsigned>(TagId::unknown) <= Record::kMostPayload);
+  static constexpr uint8_t kParserOpen = 1;  // element
+  static constexpr uint8_t kInlineSpan = 1;  // text: its span is in its record
+  static constexpr uint8_t kInArena = 2;     // text: its span is in the arena
+  static constexpr uint8_t kHasExtra = 2;    // element: it has a name or attributes of its own
   // The arena span has room behind it up to the next power of two of its length.
   static constexpr uint8_t kHasRoom = 4;
   static constexpr uint32_t kNone = UINT32_MAX;
@@ -255,30 +281,55 @@ class Document {
 
   // Items in blocks of 256 KiB that never move: growing the store copies nothing, and its
   // peak is the items themselves, not the items and the copy of them a doubling array would
-  // make. A block is above the 128 KiB from which glibc's allocator maps a request from the
-  // system and unmaps it when freed (its default, which only a larger block freed earlier
-  // raises): a freed tree goes back to the system, where a block from the allocator's heap
-  // would stay with the thread that parsed, and the reply's request is built on another. Each
-  // mapping takes one page more than its block, for the allocator's header: 1/64 at this size.
-  // The pages of a block are only taken as they are written.
+  // make. A store's first block comes from the allocator, which keeps it at hand for the next
+  // small tree; every further block is mapped from the system and unmapped when the tree goes,
+  // whatever the allocator would do with a request of its size: glibc's maps one of 256 KiB
+  // only until a larger block has been freed, and serves it from its heap after that. A large
+  // freed tree in the heap stays there, as a hole that what comes next rarely fits (the text
+  // made from the tree, or the reply's request, built on another thread than the parse). The
+  // pages of a block are only taken as they are written.
+  static void* mapBlock(size_t bytes);
+  static void unmapBlock(void* block, size_t bytes);
   template <typename T>
   class Blocks {
    public:
+    Blocks() = default;
+    Blocks(const Blocks&) = delete;
+    Blocks& operator=(const Blocks&) = delete;
+    ~Blocks() {
+      for (size_t b = 0; b < blocks_.size(); ++b) release(blocks_[b], b);
+    }
     uint32_t size() const { return size_; }
     T& operator[](uint32_t i) { return blocks_[i >> kBits][i & kMask]; }
     const T& operator[](uint32_t i) const { return blocks_[i >> kBits][i & kMask]; }
     uint32_t push(const T& item) {
-      if ((size_ & kMask) == 0) blocks_.push_back(std::make_unique_for_overwrite<T[]>(kMask + 1));
+      if ((size_ & kMask) == 0) {
+        const size_t b = blocks_.size();
+        T* block = static_cast<T*>(b == 0 ? ::operator new(kBlockBytes) : mapBlock(kBlockBytes));
+        try {
+          blocks_.push_back(block);
+        } catch (...) {
+          release(block, b);
+          throw;
+        }
+      }
       (*this)[size_] = item;
       return size_++;
     }
 
    private:
+    static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
     static constexpr size_t kBlockBytes = size_t{256} << 10;
     static constexpr unsigned kBits = std::countr_zero(kBlockBytes / sizeof(T));
     static constexpr uint32_t kMask = (uint32_t{1} << kBits) - 1;
     static_assert(sizeof(T) << kBits == kBlockBytes);
-    std::vector<std::unique_ptr<T[]>> blocks_;
+    static void release(T* block, size_t b) {
+      if (b == 0)
+        ::operator delete(block);
+      else
+        unmapBlock(block, kBlockBytes);
+    }
+    std::vector<T*> blocks_;
     uint32_t size_ = 0;
   };
 
@@ -313,11 +364,25 @@ class Document {
   Record& at(NodeId id) { return records_[id]; }
   const Record& at(NodeId id) const { return records_[id]; }
   NodeId add(NodeKind kind, TagId tag, uint32_t down);
+  NodeId add(const Record& r);
   NodeId addElement(TagId tag, uint32_t extra);
   // The entry of extras_ of an element; kNone when it has none.
   uint32_t extraOf(NodeId element) const;
-  Span& spanOf(const Record& r) { return spans_[r.down()]; }
-  const Span& spanOf(const Record& r) const { return spans_[r.down()]; }
+  Span spanOf(const Record& r) const {
+    return r.flags() & kInlineSpan ? Span{r.down(), r.payload()} : spans_[r.down()];
+  }
+  // Sets the span of a text, data or comment node: inline while it fits there, else in
+  // spans_, where it then stays.
+  void setSpan(Record& r, Span span) {
+    if ((r.flags() & kInlineSpan) && span.offset < Record::kLinkMask &&
+        span.length <= Record::kMostPayload) {
+      r.setDown(span.offset);
+      r.setPayload(span.length);
+      return;
+    }
+    setSpanBeside(r, span);
+  }
+  void setSpanBeside(Record& r, Span span);
   bool inSource(std::string_view characters) const;
   std::string_view contentOf(const Record& r) const;
 

@@ -41,7 +41,8 @@ class DocumentBuilder {
   NodeId firstChildOf(NodeId id) const { return document_.firstChildOf(id); }
   NodeId lastChildOf(NodeId id) const { return document_.lastChildOf(id); }
   NodeId previousSiblingOf(NodeId id) const { return document_.previousSiblingOf(id); }
-  TagId tagOf(NodeId id) const { return document_.tagOf(id); }
+  // Asked of elements only.
+  TagId tagOf(NodeId element) const { return document_.elementTagOf(element); }
   std::string_view nameOf(NodeId id) const { return document_.nameOf(id); }
   std::span<const Attribute> attributesOf(NodeId id) const { return document_.attributesOf(id); }
 

@@ -48,7 +48,7 @@ constexpr std::array<std::string_view, 24> kSeparatorPhrases{
     "元のメッセージ",          "original-nachricht",     "reply message"};
 
 std::string_view trimmedText(const TextLines& lines, size_t i) {
-  return text::trimmed(lines.text(lines.lines()[i]));
+  return text::trimmed(lines.text(i));
 }
 
 bool isBlank(const TextLines& lines, size_t i) { return trimmedText(lines, i).empty(); }
@@ -61,7 +61,7 @@ bool containsIgnoringCase(std::string_view haystack, std::string_view needle) {
 }
 
 bool isSignatureMark(const TextLines& lines, size_t i) {
-  std::string_view t = lines.text(lines.lines()[i]);
+  std::string_view t = lines.text(i);
   while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\r')) t.remove_suffix(1);
   return t == "--";
 }
@@ -110,8 +110,7 @@ class Rendering {
     size_t bytes = 0;
     for (const auto& [begin, end] : ranges)
       for (size_t i = begin; i < end; ++i) {
-        const Line& line = lines.lines()[i];
-        bytes += line.size + 2 + 2 * std::min(line.depth, kMostQuoteMarks);
+        bytes += lines.text(i).size() + 2 + 2 * std::min(lines.depth(i), kMostQuoteMarks);
       }
     out_.reserve(bytes);
   }
@@ -154,16 +153,16 @@ class Rendering {
 
 class Splitter {
  public:
-  explicit Splitter(const TextLines& lines) : lines_(lines), all_(lines.lines()) {}
+  explicit Splitter(const TextLines& lines) : lines_(lines) {}
 
   SplitText run() {
-    const size_t n = all_.size();
+    const size_t n = lines_.size();
     const size_t cut = firstCut();
     // A signature that ends the sender's text, with no quotation after it, is left out here,
     // so that a quotation above it still counts as trailing.
     size_t end = cut;
     for (size_t i = 0; i < cut; ++i) {
-      if (all_[i].depth > 0) end = cut;
+      if (lines_.depth(i) > 0) end = cut;
       else if (end == cut && isSignatureMark(lines_, i)) end = i;
     }
     // Back from there over what belongs to trailing quotations.
@@ -171,7 +170,7 @@ class Splitter {
     bool quoted = false;
     while (start > 0) {
       const size_t l = start - 1;
-      if (all_[l].depth > 0) {
+      if (lines_.depth(l) > 0) {
         quoted = true;
         --start;
       } else if (isBlank(lines_, l)) {
@@ -212,7 +211,7 @@ class Splitter {
     const size_t cut = firstCut();
     std::vector<std::pair<size_t, size_t>> found = quotations(cut, 1);
     if (!found.empty()) return found.front();
-    if (cut < all_.size()) return std::pair<size_t, size_t>{cut, all_.size()};
+    if (cut < lines_.size()) return std::pair<size_t, size_t>{cut, lines_.size()};
     return std::nullopt;
   }
 
@@ -231,7 +230,7 @@ class Splitter {
     std::vector<std::pair<size_t, size_t>> found;
     size_t i = 0;
     while (i < end && found.size() < most) {
-      if (isBlank(lines_, i) || !(all_[i].depth > 0 || attributionEnd(i) != kNone)) {
+      if (isBlank(lines_, i) || !(lines_.depth(i) > 0 || attributionEnd(i) != kNone)) {
         ++i;
         continue;
       }
@@ -239,7 +238,7 @@ class Splitter {
       const size_t begin = i;
       size_t last = i;
       while (i < end) {
-        if (all_[i].depth > 0) {
+        if (lines_.depth(i) > 0) {
           last = i++;
         } else if (isBlank(lines_, i)) {
           ++i;
@@ -258,23 +257,26 @@ class Splitter {
   // Behind the attribution that begins at line `i` (one or two lines, its quotation after
   // it); kNone when none begins there.
   size_t attributionEnd(size_t i) const {
-    if (all_[i].depth > 0) return kNone;
-    if (all_[i].flags & TextLines::attribution ||
+    if (lines_.depth(i) > 0) return kNone;
+    if (lines_.flags(i) & TextLines::attribution ||
         (looksLikeAttribution(trimmedText(lines_, i)) && quotationFollows(i))) {
       size_t j = i + 1;
-      while (j < all_.size() && all_[j].depth == 0 && (all_[j].flags & TextLines::attribution)) ++j;
+      while (j < lines_.size() && lines_.depth(j) == 0 &&
+             (lines_.flags(j) & TextLines::attribution))
+        ++j;
       return j;
     }
-    if (i + 1 < all_.size() && all_[i + 1].depth == 0 && attributionBegin(i + 1) == i) return i + 2;
+    if (i + 1 < lines_.size() && lines_.depth(i + 1) == 0 && attributionBegin(i + 1) == i)
+      return i + 2;
     return kNone;
   }
 
   // The first line from which everything is the earlier thread, by a mark, a separator or an
   // Outlook-style header block; all lines when there is none.
   size_t firstCut() const {
-    for (size_t i = 0; i < all_.size(); ++i) {
-      if (all_[i].depth > 0) continue;
-      if (all_[i].flags & TextLines::threadStart) return i;
+    for (size_t i = 0; i < lines_.size(); ++i) {
+      if (lines_.depth(i) > 0) continue;
+      if (lines_.flags(i) & TextLines::threadStart) return i;
       const std::string_view t = trimmedText(lines_, i);
       if (isSeparator(t)) return withRuleAbove(i);
       if (startsHeaderBlock(i)) return withRuleAbove(i);
@@ -282,14 +284,14 @@ class Splitter {
       // program did not quote (Yahoo's plain text does this).
       if (isPlainAttribution(t) && !quotationFollows(i)) return i;
     }
-    return all_.size();
+    return lines_.size();
   }
 
   // The rule line just above `i`, if there is one, goes with the thread.
   size_t withRuleAbove(size_t i) const {
     size_t above = i;
     while (above > 0 && isBlank(lines_, above - 1)) --above;
-    if (above > 0 && all_[above - 1].depth == 0 && isRule(trimmedText(lines_, above - 1)))
+    if (above > 0 && lines_.depth(above - 1) == 0 && isRule(trimmedText(lines_, above - 1)))
       return above - 1;
     return i;
   }
@@ -298,12 +300,12 @@ class Splitter {
   // "From:" line and one more header line suffice.
   bool startsHeaderBlock(size_t i) const {
     if (!isOneOf(fieldNameOf(trimmedText(lines_, i)), kFromNames)) return false;
-    bool ruled = all_[i].flags & TextLines::ruleBefore;
+    bool ruled = lines_.flags(i) & TextLines::ruleBefore;
     if (!ruled && withRuleAbove(i) != i) ruled = true;
     bool date = false;
     bool to = false;
     size_t seen = 0;
-    for (size_t j = i + 1; j < all_.size() && seen < 6; ++j) {
+    for (size_t j = i + 1; j < lines_.size() && seen < 6; ++j) {
       const std::string_view t = trimmedText(lines_, j);
       if (t.empty()) continue;
       ++seen;
@@ -319,15 +321,15 @@ class Splitter {
   // When line `l` is an attribution (or the last line of one) whose quotation follows: the
   // attribution's first line; else kNone.
   size_t attributionBegin(size_t l) const {
-    const bool marked = all_[l].flags & TextLines::attribution;
+    const bool marked = lines_.flags(l) & TextLines::attribution;
     const std::string_view t = trimmedText(lines_, l);
     if (!marked && !(looksLikeAttribution(t) && quotationFollows(l))) return kNone;
     size_t first = l;
     // A marked attribution may span lines; so may a long one that the sender's program
     // wrapped ("On Tue, ... Carla Mendes <" / "carla@example.org> wrote:").
-    while (first > 0 && all_[first - 1].depth == 0 && !isBlank(lines_, first - 1)) {
+    while (first > 0 && lines_.depth(first - 1) == 0 && !isBlank(lines_, first - 1)) {
       const std::string_view above = trimmedText(lines_, first - 1);
-      if (marked ? (all_[first - 1].flags & TextLines::attribution)
+      if (marked ? (lines_.flags(first - 1) & TextLines::attribution)
                  : (opensAttribution(above) && !opensAttribution(t) && !endsSentence(above) &&
                     first == l))
         --first;
@@ -360,9 +362,9 @@ class Splitter {
 
   // The next line with text after `l` is quoted.
   bool quotationFollows(size_t l) const {
-    for (size_t j = l + 1; j < all_.size(); ++j) {
+    for (size_t j = l + 1; j < lines_.size(); ++j) {
       if (isBlank(lines_, j)) continue;
-      return all_[j].depth > all_[l].depth;
+      return lines_.depth(j) > lines_.depth(l);
     }
     return false;
   }
@@ -375,11 +377,11 @@ class Splitter {
     bool inSignature = false;
     for (const auto& [begin, end] : ranges) {
       for (size_t i = begin; i < end; ++i) {
-        const Line& line = all_[i];
+        const Line line = lines_[i];
         if (line.depth > 0) inSignature = false;
         if (line.depth == 0 && isSignatureMark(lines_, i)) inSignature = true;
         if (inSignature || (line.flags & TextLines::signature)) continue;
-        out.line(lines_.text(line), line.depth);
+        out.line(line.text, line.depth);
       }
     }
     return out.take();
@@ -394,14 +396,14 @@ class Splitter {
       uint32_t signatureDepth = 0;
       bool inSignature = false;
       for (size_t i = begin; i < end; ++i) {
-        const Line& line = all_[i];
+        const Line line = lines_[i];
         if (inSignature && (line.depth != signatureDepth || startsMessage(i))) inSignature = false;
         if (!inSignature && isSignatureMark(lines_, i)) {
           inSignature = true;
           signatureDepth = line.depth;
         }
         if (inSignature || (line.flags & TextLines::signature)) continue;
-        out.line(lines_.text(line), line.depth);
+        out.line(line.text, line.depth);
       }
     }
     return out.take();
@@ -411,7 +413,7 @@ class Splitter {
   bool startsMessage(size_t i) const {
     if (isBlank(lines_, i)) return false;
     const std::string_view t = trimmedText(lines_, i);
-    if (all_[i].flags & (TextLines::attribution | TextLines::threadStart)) return true;
+    if (lines_.flags(i) & (TextLines::attribution | TextLines::threadStart)) return true;
     if (looksLikeAttribution(t) && quotationFollows(i)) return true;
     return isSeparator(t) || startsHeaderBlock(i);
   }
@@ -425,11 +427,11 @@ class Splitter {
       for (size_t i = begin; i < end; ++i) {
         if (isBlank(lines_, i)) continue;
         any = true;
-        deepest = std::max(deepest, all_[i].depth);
+        deepest = std::max(deepest, lines_.depth(i));
         const bool marked = startsMessage(i);
         // An attribution spanning lines counts once.
         if (marked && !previousMarked) ++starts;
-        previousMarked = marked && all_[i].depth == 0;
+        previousMarked = marked && lines_.depth(i) == 0;
       }
     }
     if (!any) return 0;
@@ -437,7 +439,6 @@ class Splitter {
   }
 
   const TextLines& lines_;
-  const std::deque<Line>& all_;
 };
 
 }  // namespace
@@ -450,7 +451,10 @@ bool looksLikeAttribution(std::string_view line) {
 std::string renderLines(const TextLines& lines, size_t begin, size_t end) {
   Rendering out;
   out.reserveFor(lines, {{begin, end}});
-  for (size_t i = begin; i < end; ++i) out.line(lines.text(lines.lines()[i]), lines.lines()[i].depth);
+  for (size_t i = begin; i < end; ++i) {
+    const Line line = lines[i];
+    out.line(line.text, line.depth);
+  }
   return out.take();
 }
 

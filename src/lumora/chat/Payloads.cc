@@ -9,6 +9,7 @@
 #include "lumora/platform/Base64.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/KeyCase.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 
@@ -51,6 +52,22 @@ std::string ChatRequestPayload::toJSON() const {
 
 // ---- decoding -------------------------------------------------------------------------------
 
+namespace {
+
+// The last line read without a tree whose one text is the only part that a stream changes from
+// record to record ("a record that repeats the one before", below). Usable only while the
+// decoder's record and the strings of its On-Demand parser are still that line's: any other
+// reading ends it.
+struct RepeatedRecord {
+  bool usable = false;
+  std::string line;
+  size_t textStart = 0;  // the text's first byte, after its opening quote
+  size_t textEnd = 0;    // its closing quote
+  std::string text;      // the text of a repeating record, unescaped
+};
+
+}  // namespace
+
 struct WireDecoder::Impl {
   simdjson::dom::parser parser;
   simdjson::ondemand::parser plainParser;  // for streamLine()'s common shape
@@ -58,6 +75,7 @@ struct WireDecoder::Impl {
   std::string padded;  // the input copied with simdjson's padding, reused
   std::string keyScratch;
   ChatDelta delta;
+  RepeatedRecord repeat;
 };
 
 WireDecoder::WireDecoder() : impl_(std::make_unique<Impl>()) {}
@@ -65,6 +83,7 @@ WireDecoder::~WireDecoder() = default;
 
 void WireDecoder::pad(std::string_view json) {
   Impl& d = *impl_;
+  d.repeat.usable = false;  // the buffers of the line before are about to be read anew
   if (d.padded.size() < json.size() + simdjson::SIMDJSON_PADDING)
     d.padded.resize(json.size() + simdjson::SIMDJSON_PADDING);
   std::memcpy(d.padded.data(), json.data(), json.size());
@@ -349,7 +368,14 @@ bool fields(od::object object, std::string& scratch, Each&& each) {
   return true;
 }
 
-bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
+// Where the "content" values of a record stand in its line: how many there are, and the last
+// one as written (from its first byte to the next structural character).
+struct TextPlace {
+  unsigned count = 0;
+  std::string_view token;
+};
+
+bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch, TextPlace& place) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -357,6 +383,8 @@ bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
       case Field::role:
         return optionalString(v, out.role);
       case Field::content:
+        ++place.count;
+        place.token = v.raw_json_token();
         return optionalString(v, out.content);
       default:
         return scalar(v);
@@ -364,7 +392,7 @@ bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
   });
 }
 
-bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
+bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch, TextPlace& place) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -374,7 +402,7 @@ bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
         if (v.type().get(type)) return false;
         if (type == od::json_type::null) return scalar(v);  // a null delta leaves it as it was
         ChatDelta::Delta d;
-        if (!delta(v, d, scratch)) return false;
+        if (!delta(v, d, scratch, place)) return false;
         out.delta = d;
         return true;
       }
@@ -386,7 +414,8 @@ bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
   });
 }
 
-bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch) {
+bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch,
+             TextPlace& place) {
   od::array list;
   if (value.get_array().get(list)) return false;
   out.clear();  // a later "choices" replaces an earlier one, as in the tree reading
@@ -394,16 +423,17 @@ bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& 
     od::value v;
     if (std::move(item).get(v)) return false;
     ChatDelta::Choice c;
-    if (!choice(v, c, scratch)) return false;
+    if (!choice(v, c, scratch, place)) return false;
     out.push_back(c);
   }
   return true;
 }
 
 // The record in `padded` (its first `length` bytes, `capacity` with simdjson's padding), read
-// into `out`; false, with `out` in any state, when the tree reading must decide.
+// into `out`, and where its texts stand into `place`; false, with `out` in any state, when the
+// tree reading must decide.
 bool record(od::parser& parser, const char* padded, size_t length, size_t capacity,
-            ChatDelta& out, std::string& scratch) {
+            ChatDelta& out, std::string& scratch, TextPlace& place) {
   od::document document;
   if (parser.iterate(padded, length, capacity).get(document)) return false;
   od::object top;
@@ -427,7 +457,7 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
         return !v.get_string().get(out.model);
       case Field::choices:
         seen |= kChoices;
-        return choices(v, out.choices, scratch);
+        return choices(v, out.choices, scratch, place);
       case Field::errorKey:
         return false;  // an error body is read as one by the tree reading
       default:
@@ -441,6 +471,151 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
 }
 
 }  // namespace plain
+
+// ---- a record that repeats the one before ---------------------------------------------------
+//
+// The records of one stream differ in their text alone: the id, the model, the keys and all the
+// rest are the same bytes from record to record. Once a line has been read whole, found of the
+// plain shape, with one choice whose delta has one "content" string, a next line with the same
+// bytes before that string's text and the same bytes after it is the same record with another
+// text, provided that text is the well-formed body of a JSON string: then the string's quotes
+// stand where they stood, every other token is the one already read, and the line is well-formed
+// JSON that reads to the record before with the new text. So only the text is read, by the rules
+// simdjson reads a string with; a line that differs anywhere else, or whose text is not a
+// well-formed string body, is read whole as before.
+namespace repeat {
+
+// The value of four hex digits at `p`, or false when one is not a hex digit.
+bool hex4(const unsigned char* p, uint32_t& value) {
+  value = 0;
+  for (int i = 0; i < 4; ++i) {
+    const unsigned char c = p[i];
+    uint32_t digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') {
+      digit = (c | 0x20) - 'a' + 10;
+    } else {
+      return false;
+    }
+    value = value << 4 | digit;
+  }
+  return true;
+}
+
+// Writes `cp` (at most U+10FFFF, not a surrogate) as UTF-8 at `out`; returns the byte after.
+char* utf8(uint32_t cp, char* out) {
+  if (cp < 0x80) {
+    *out++ = static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    *out++ = static_cast<char>(0xC0 | cp >> 6);
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    *out++ = static_cast<char>(0xE0 | cp >> 12);
+    *out++ = static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    *out++ = static_cast<char>(0xF0 | cp >> 18);
+    *out++ = static_cast<char>(0x80 | (cp >> 12 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  }
+  return out;
+}
+
+// `body` (what stands between a string's quotes) unescaped into `out`, which it resizes as it
+// needs; the text's length, or nullopt where simdjson refuses the string: a quote or a control
+// character unescaped, an escape it does not know, a \u escape without four hex digits, a
+// surrogate that is not half of a pair, or bytes that are not UTF-8. One pass, no recursion.
+std::optional<size_t> stringBody(std::string_view body, std::string& out) {
+  if (out.size() < body.size()) out.resize(body.size());  // escapes only ever shorten
+  const auto* p = reinterpret_cast<const unsigned char*>(body.data());
+  const auto* const end = p + body.size();
+  char* const start = out.data();
+  char* w = start;
+  bool ascii = true;
+  while (p < end) {
+    const unsigned char c = *p;
+    if (c != '\\') {
+      if (c == '"' || c < 0x20) return std::nullopt;
+      ascii &= c < 0x80;
+      *w++ = static_cast<char>(c);
+      ++p;
+      continue;
+    }
+    if (end - p < 2) return std::nullopt;
+    switch (p[1]) {
+      case '"':
+      case '\\':
+      case '/':
+        *w++ = static_cast<char>(p[1]);
+        break;
+      case 'b':
+        *w++ = '\b';
+        break;
+      case 'f':
+        *w++ = '\f';
+        break;
+      case 'n':
+        *w++ = '\n';
+        break;
+      case 'r':
+        *w++ = '\r';
+        break;
+      case 't':
+        *w++ = '\t';
+        break;
+      case 'u': {
+        uint32_t cp;
+        if (end - p < 6 || !hex4(p + 2, cp)) return std::nullopt;
+        if (cp >= 0xD800 && cp < 0xDC00) {
+          // A high surrogate is read only with the low one escaped right after it.
+          uint32_t low;
+          if (end - p < 12 || p[6] != '\\' || p[7] != 'u' || !hex4(p + 8, low) || low < 0xDC00 ||
+              low > 0xDFFF)
+            return std::nullopt;
+          cp = ((cp - 0xD800) << 10 | (low - 0xDC00)) + 0x10000;
+          p += 6;
+        } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+          return std::nullopt;
+        }
+        w = utf8(cp, w);
+        p += 6;
+        continue;
+      }
+      default:
+        return std::nullopt;
+    }
+    p += 2;
+  }
+  // simdjson checks the UTF-8 of the line as written, before any escape is read.
+  if (!ascii && !text::isValidUtf8(body)) return std::nullopt;
+  return static_cast<size_t>(w - start);
+}
+
+// After `json` (copied at `padded`) was read into `record` without a tree: keeps the line for
+// reading the next as its repeat when the record has one choice whose delta has one "content"
+// field, a string. Anything else (no text, several, or one in a choice that a later one
+// replaced) is not kept.
+void remember(RepeatedRecord& repeat, std::string_view json, const char* padded,
+              const ChatDelta& record, const plain::TextPlace& place) {
+  if (place.count != 1 || record.choices.size() != 1 || !record.choices.front().delta ||
+      !record.choices.front().delta->content)
+    return;
+  // The token runs from the opening quote to the next structural character: the closing quote
+  // is its last byte but for white space.
+  std::string_view token = place.token;
+  while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' ||
+                            token.back() == '\r'))
+    token.remove_suffix(1);
+  if (token.size() < 2 || token.front() != '"' || token.back() != '"') return;
+  repeat.line.assign(json);
+  repeat.textStart = static_cast<size_t>(token.data() - padded) + 1;
+  repeat.textEnd = repeat.textStart + token.size() - 2;
+  repeat.usable = true;
+}
+
+}  // namespace repeat
 
 }  // namespace
 
@@ -492,13 +667,33 @@ const ChatDelta& WireDecoder::streamRecord() {
 }
 
 const ChatDelta* WireDecoder::streamLine(std::string_view json) {
-  pad(json);
   Impl& d = *impl_;
+  // A record that is the one before with another text is read as that text alone (above).
+  RepeatedRecord& last = d.repeat;
+  if (last.usable) {
+    const size_t head = last.textStart;
+    const size_t tail = last.line.size() - last.textEnd;
+    if (json.size() >= head + tail && std::memcmp(json.data(), last.line.data(), head) == 0 &&
+        std::memcmp(json.data() + json.size() - tail, last.line.data() + last.textEnd,
+                    tail) == 0) {
+      const auto length =
+          repeat::stringBody(json.substr(head, json.size() - tail - head), last.text);
+      if (length) {
+        d.delta.choices.front().delta->content = std::string_view(last.text.data(), *length);
+        return &d.delta;
+      }
+    }
+  }
+  pad(json);
   // Records are short; a long line goes to the tree reading alone, so that no line costs the
   // memory of both parsers.
-  if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(), d.padded.size(), d.delta,
-                    d.keyScratch))
+  plain::TextPlace place;
+  if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(),
+                                                    d.padded.size(), d.delta, d.keyScratch,
+                                                    place)) {
+    repeat::remember(last, json, d.padded.data(), d.delta, place);
     return &d.delta;
+  }
   if (!parsePadded(json.size())) return nullptr;
   return &streamRecord();
 }

@@ -117,7 +117,28 @@ TEST(StreamRecord, ALineAfterAnotherComesToItsOwnOutcome) {
     expectEachAsOnItsOwn({usual("first"), usual(text, R"("stop")"), usual(text)});
     expectEachAsOnItsOwn({record(R"({"delta":{"content":null}})"), usual(text)});
   }
-  // Records whose text is not the one place they differ from the record before.
+  // Values the record does not keep may change too, each by the same rules as the text; a
+  // value it keeps may not.
+  const auto padded = [](std::string_view text, std::string_view padding,
+                         std::string_view fingerprint = "fp_1") {
+    return record(R"({"index":0,"delta":{"content":")" + std::string(text) + R"("},"x":"y"})",
+                  R"(,"system_fingerprint":")" + std::string(fingerprint) +
+                      R"(","obfuscation":")" + std::string(padding) + R"("})");
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    expectEachAsOnItsOwn({padded("a", "Zk3"), padded("b", text), padded("c", "\u0041b"),
+                          padded(text, "q", text), padded("d", "")});
+  }
+  expectEachAsOnItsOwn({padded("a", "1"), padded("b", "2", "fp_2"), padded("c", "3", "")});
+  const auto named = [](std::string_view id, std::string_view model, std::string_view text) {
+    return R"({"id":")" + std::string(id) + R"(","object":"o","created":1,"model":")" +
+           std::string(model) + R"(","choices":[{"delta":{"content":")" + std::string(text) +
+           R"("}}]})";
+  };
+  expectEachAsOnItsOwn({named("a", "m", "x"), named("b", "m", "y"), named("b", "n", "z"),
+                        named("b", "n\u0041", "z"), named("b", "nA", "z")});
+  // Records whose values are not the only places they differ from the record before.
   expectEachAsOnItsOwn({usual("a"), usual("b", R"("stop")"), usual("c")});
   expectEachAsOnItsOwn({usual("a"), usual("b") + " ", usual("c") + "x", usual("d")});
   expectEachAsOnItsOwn({usual("a"), " " + usual("b"), usual("c")});

@@ -54,16 +54,40 @@ std::string ChatRequestPayload::toJSON() const {
 
 namespace {
 
-// The last line read without a tree whose one text is the only part that a stream changes from
-// record to record ("a record that repeats the one before", below). Usable only while the
-// decoder's record and the strings of its On-Demand parser are still that line's: any other
-// reading ends it.
+// The last line read without a tree, with the string values that the next record of its stream
+// may change ("a record that repeats the one before", below). Usable only while the decoder's
+// record and the strings of its On-Demand parser are still that line's: any other reading ends
+// it.
 struct RepeatedRecord {
+  // A string value of the line that a repeat may change: from its first byte after the opening
+  // quote to its closing quote; `text` for the delta's content, the one such value kept.
+  struct Span {
+    size_t start = 0;
+    size_t end = 0;
+    bool text = false;
+  };
   bool usable = false;
   std::string line;
-  size_t textStart = 0;  // the text's first byte, after its opening quote
-  size_t textEnd = 0;    // its closing quote
-  std::string text;      // the text of a repeating record, unescaped
+  std::vector<Span> spans;  // in the order they stand in the line
+  std::string text;         // the text of a repeating record, unescaped
+  std::string scratch;      // the other values, unescaped to be checked
+};
+
+// The string values of a record that a stream may change from one record to the next, each as
+// written (from its opening quote to the next structural character) and in the order they
+// stand: the delta's "content", and the values of keys that the record does not keep (a
+// fingerprint, a server's padding). Kept for reading a record that repeats the one before.
+struct ChangingStrings {
+  struct Token {
+    std::string_view raw;
+    bool text;
+  };
+  std::vector<Token> tokens;  // reused from line to line
+  unsigned texts = 0;         // "content" fields met
+  void clear() {
+    tokens.clear();
+    texts = 0;
+  }
 };
 
 }  // namespace
@@ -75,6 +99,7 @@ struct WireDecoder::Impl {
   std::string padded;  // the input copied with simdjson's padding, reused
   std::string keyScratch;
   ChatDelta delta;
+  ChangingStrings strings;  // of the last line read without a tree
   RepeatedRecord repeat;
 };
 
@@ -307,11 +332,13 @@ Field rawField(const char* raw) {
 }
 
 // A scalar value read to its end: its string unescaped, its number parsed, its atom spelled out.
-bool scalar(od::value value) {
+// A string is a value the record does not keep, so it joins `strings`.
+bool scalar(od::value value, ChangingStrings& strings) {
   od::json_type type;
   if (value.type().get(type)) return false;
   switch (type) {
     case od::json_type::string: {
+      strings.tokens.push_back({value.raw_json_token(), false});
       std::string_view s;
       return !value.get_string().get(s);
     }
@@ -368,14 +395,8 @@ bool fields(od::object object, std::string& scratch, Each&& each) {
   return true;
 }
 
-// Where the "content" values of a record stand in its line: how many there are, and the last
-// one as written (from its first byte to the next structural character).
-struct TextPlace {
-  unsigned count = 0;
-  std::string_view token;
-};
-
-bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch, TextPlace& place) {
+bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch,
+           ChangingStrings& strings) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -383,16 +404,17 @@ bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch, TextPla
       case Field::role:
         return optionalString(v, out.role);
       case Field::content:
-        ++place.count;
-        place.token = v.raw_json_token();
+        ++strings.texts;
+        strings.tokens.push_back({v.raw_json_token(), true});
         return optionalString(v, out.content);
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
 }
 
-bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch, TextPlace& place) {
+bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch,
+            ChangingStrings& strings) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -400,22 +422,22 @@ bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch, TextP
       case Field::delta: {
         od::json_type type;
         if (v.type().get(type)) return false;
-        if (type == od::json_type::null) return scalar(v);  // a null delta leaves it as it was
+        if (type == od::json_type::null) return scalar(v, strings);  // leaves the delta as it was
         ChatDelta::Delta d;
-        if (!delta(v, d, scratch, place)) return false;
+        if (!delta(v, d, scratch, strings)) return false;
         out.delta = d;
         return true;
       }
       case Field::finishReason:
         return optionalString(v, out.finishReason);
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
 }
 
 bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch,
-             TextPlace& place) {
+             ChangingStrings& strings) {
   od::array list;
   if (value.get_array().get(list)) return false;
   out.clear();  // a later "choices" replaces an earlier one, as in the tree reading
@@ -423,22 +445,23 @@ bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& 
     od::value v;
     if (std::move(item).get(v)) return false;
     ChatDelta::Choice c;
-    if (!choice(v, c, scratch, place)) return false;
+    if (!choice(v, c, scratch, strings)) return false;
     out.push_back(c);
   }
   return true;
 }
 
 // The record in `padded` (its first `length` bytes, `capacity` with simdjson's padding), read
-// into `out`, and where its texts stand into `place`; false, with `out` in any state, when the
-// tree reading must decide.
+// into `out`, the string values it may change into `strings`; false, with `out` in any state,
+// when the tree reading must decide.
 bool record(od::parser& parser, const char* padded, size_t length, size_t capacity,
-            ChatDelta& out, std::string& scratch, TextPlace& place) {
+            ChatDelta& out, std::string& scratch, ChangingStrings& strings) {
   od::document document;
   if (parser.iterate(padded, length, capacity).get(document)) return false;
   od::object top;
   if (document.get_object().get(top)) return false;
   out.choices.clear();
+  strings.clear();
   enum : unsigned { kId = 1, kObject = 2, kCreated = 4, kModel = 8, kChoices = 16, kAll = 31 };
   unsigned seen = 0;
   const bool read = fields(top, scratch, [&](Field field, od::value v) {
@@ -457,11 +480,11 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
         return !v.get_string().get(out.model);
       case Field::choices:
         seen |= kChoices;
-        return choices(v, out.choices, scratch, place);
+        return choices(v, out.choices, scratch, strings);
       case Field::errorKey:
         return false;  // an error body is read as one by the tree reading
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
   if (!read || seen != kAll) return false;
@@ -474,15 +497,17 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
 
 // ---- a record that repeats the one before ---------------------------------------------------
 //
-// The records of one stream differ in their text alone: the id, the model, the keys and all the
-// rest are the same bytes from record to record. Once a line has been read whole, found of the
-// plain shape, with one choice whose delta has one "content" string, a next line with the same
-// bytes before that string's text and the same bytes after it is the same record with another
-// text, provided that text is the well-formed body of a JSON string: then the string's quotes
-// stand where they stood, every other token is the one already read, and the line is well-formed
-// JSON that reads to the record before with the new text. So only the text is read, by the rules
-// simdjson reads a string with; a line that differs anywhere else, or whose text is not a
-// well-formed string body, is read whole as before.
+// The records of one stream are the same bytes from record to record but for a few string
+// values: the text, and values the record does not keep, such as a server's random padding;
+// the id, the model, the keys and all the rest stay. Once a line has been read whole, found of
+// the plain shape, with one choice whose delta has one "content" string, a next line that has
+// the same bytes around those string values is the same record with other values, provided each
+// of them is the well-formed body of a JSON string: each string then ends at its first quote not
+// escaped, every other token is one already read, and the line is well-formed JSON that reads to
+// the record before with the new text. So only those values are read, by the rules simdjson
+// reads a string with; a line that differs anywhere else, or whose values are not well-formed
+// string bodies, is read whole as before.
+
 namespace repeat {
 
 // The value of four hex digits at `p`, or false when one is not a hex digit.
@@ -523,21 +548,26 @@ char* utf8(uint32_t cp, char* out) {
   return out;
 }
 
-// `body` (what stands between a string's quotes) unescaped into `out`, which it resizes as it
-// needs; the text's length, or nullopt where simdjson refuses the string: a quote or a control
-// character unescaped, an escape it does not know, a \u escape without four hex digits, a
-// surrogate that is not half of a pair, or bytes that are not UTF-8. One pass, no recursion.
-std::optional<size_t> stringBody(std::string_view body, std::string& out) {
-  if (out.size() < body.size()) out.resize(body.size());  // escapes only ever shorten
-  const auto* p = reinterpret_cast<const unsigned char*>(body.data());
-  const auto* const end = p + body.size();
+// The JSON string whose body begins at line[from] (just after its opening quote), unescaped
+// into `out` (resized as it needs), its length into `length`: returns the index of its closing
+// quote, or nullopt where simdjson refuses the string: no closing quote, a control character
+// unescaped, an escape it does not know, a \u escape without four hex digits, a surrogate that
+// is not half of a pair, or bytes that are not UTF-8. One pass, no recursion.
+std::optional<size_t> stringBody(std::string_view line, size_t from, std::string& out,
+                                 size_t& length) {
+  if (out.size() < line.size() - from) out.resize(line.size() - from);  // escapes only shorten
+  const auto* const begin = reinterpret_cast<const unsigned char*>(line.data()) + from;
+  const auto* const end = reinterpret_cast<const unsigned char*>(line.data()) + line.size();
+  const auto* p = begin;
   char* const start = out.data();
   char* w = start;
   bool ascii = true;
-  while (p < end) {
+  while (true) {
+    if (p == end) return std::nullopt;
     const unsigned char c = *p;
+    if (c == '"') break;
     if (c != '\\') {
-      if (c == '"' || c < 0x20) return std::nullopt;
+      if (c < 0x20) return std::nullopt;
       ascii &= c < 0x80;
       *w++ = static_cast<char>(c);
       ++p;
@@ -589,30 +619,63 @@ std::optional<size_t> stringBody(std::string_view body, std::string& out) {
     p += 2;
   }
   // simdjson checks the UTF-8 of the line as written, before any escape is read.
-  if (!ascii && !text::isValidUtf8(body)) return std::nullopt;
-  return static_cast<size_t>(w - start);
+  const auto* const chars = reinterpret_cast<const char*>(begin);
+  if (!ascii && !text::isValidUtf8(std::string_view(chars, static_cast<size_t>(p - begin))))
+    return std::nullopt;
+  length = static_cast<size_t>(w - start);
+  return from + static_cast<size_t>(p - begin);
 }
 
-// After `json` (copied at `padded`) was read into `record` without a tree: keeps the line for
-// reading the next as its repeat when the record has one choice whose delta has one "content"
-// field, a string. Anything else (no text, several, or one in a choice that a later one
-// replaced) is not kept.
+// After `json` (copied at `padded`) was read into `record` without a tree, with `strings` the
+// values it may change: keeps the line for reading the next as its repeat when the record has
+// one choice whose delta has one "content" field, a string. Anything else (no text, several,
+// one in a choice that a later one replaced) is not kept.
 void remember(RepeatedRecord& repeat, std::string_view json, const char* padded,
-              const ChatDelta& record, const plain::TextPlace& place) {
-  if (place.count != 1 || record.choices.size() != 1 || !record.choices.front().delta ||
+              const ChatDelta& record, const ChangingStrings& strings) {
+  if (strings.texts != 1 || record.choices.size() != 1 || !record.choices.front().delta ||
       !record.choices.front().delta->content)
     return;
-  // The token runs from the opening quote to the next structural character: the closing quote
-  // is its last byte but for white space.
-  std::string_view token = place.token;
-  while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' ||
-                            token.back() == '\r'))
-    token.remove_suffix(1);
-  if (token.size() < 2 || token.front() != '"' || token.back() != '"') return;
+  repeat.spans.clear();
+  for (const ChangingStrings::Token& t : strings.tokens) {
+    // A token runs from the opening quote to the next structural character: the closing quote
+    // is its last byte but for white space.
+    std::string_view token = t.raw;
+    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' ||
+                              token.back() == '\n' || token.back() == '\r'))
+      token.remove_suffix(1);
+    if (token.size() < 2 || token.front() != '"' || token.back() != '"') return;
+    const size_t start = static_cast<size_t>(token.data() - padded) + 1;
+    repeat.spans.push_back({start, start + token.size() - 2, t.text});
+  }
   repeat.line.assign(json);
-  repeat.textStart = static_cast<size_t>(token.data() - padded) + 1;
-  repeat.textEnd = repeat.textStart + token.size() - 2;
   repeat.usable = true;
+}
+
+// `json` read as a repeat of the kept line into `record`, the record of that line: false,
+// leaving `record` as it was, when it is none.
+bool read(RepeatedRecord& repeat, std::string_view json, ChatDelta& record) {
+  const std::string_view kept = repeat.line;
+  size_t i = 0;  // in the kept line
+  size_t j = 0;  // in `json`
+  std::optional<std::string_view> text;
+  for (const RepeatedRecord::Span& span : repeat.spans) {
+    const size_t same = span.start - i;
+    if (json.size() - j < same || std::memcmp(json.data() + j, kept.data() + i, same) != 0)
+      return false;
+    j += same;
+    std::string& out = span.text ? repeat.text : repeat.scratch;
+    size_t length = 0;
+    const auto quote = stringBody(json, j, out, length);
+    if (!quote) return false;
+    if (span.text) text = std::string_view(out.data(), length);
+    i = span.end;
+    j = *quote;
+  }
+  const size_t rest = kept.size() - i;
+  if (json.size() - j != rest || std::memcmp(json.data() + j, kept.data() + i, rest) != 0)
+    return false;
+  record.choices.front().delta->content = text;
+  return true;
 }
 
 }  // namespace repeat
@@ -668,30 +731,15 @@ const ChatDelta& WireDecoder::streamRecord() {
 
 const ChatDelta* WireDecoder::streamLine(std::string_view json) {
   Impl& d = *impl_;
-  // A record that is the one before with another text is read as that text alone (above).
-  RepeatedRecord& last = d.repeat;
-  if (last.usable) {
-    const size_t head = last.textStart;
-    const size_t tail = last.line.size() - last.textEnd;
-    if (json.size() >= head + tail && std::memcmp(json.data(), last.line.data(), head) == 0 &&
-        std::memcmp(json.data() + json.size() - tail, last.line.data() + last.textEnd,
-                    tail) == 0) {
-      const auto length =
-          repeat::stringBody(json.substr(head, json.size() - tail - head), last.text);
-      if (length) {
-        d.delta.choices.front().delta->content = std::string_view(last.text.data(), *length);
-        return &d.delta;
-      }
-    }
-  }
+  // A record that is the one before with other values is read as those values alone (above).
+  if (d.repeat.usable && repeat::read(d.repeat, json, d.delta)) return &d.delta;
   pad(json);
   // Records are short; a long line goes to the tree reading alone, so that no line costs the
   // memory of both parsers.
-  plain::TextPlace place;
   if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(),
                                                     d.padded.size(), d.delta, d.keyScratch,
-                                                    place)) {
-    repeat::remember(last, json, d.padded.data(), d.delta, place);
+                                                    d.strings)) {
+    repeat::remember(d.repeat, json, d.padded.data(), d.delta, d.strings);
     return &d.delta;
   }
   if (!parsePadded(json.size())) return nullptr;

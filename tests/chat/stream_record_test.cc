@@ -138,6 +138,14 @@ TEST(StreamRecord, ALineAfterAnotherComesToItsOwnOutcome) {
   };
   expectEachAsOnItsOwn({named("a", "m", "x"), named("b", "m", "y"), named("b", "n", "z"),
                         named("b", "n\u0041", "z"), named("b", "nA", "z")});
+  // A run of records that differ in their id, then records that repeat, then the run again:
+  // the decoder stops keeping lines for a while and starts again, each line read as on its own.
+  std::vector<std::string> stream;
+  for (int i = 0; i < 300; ++i) {
+    const bool numbered = i < 100 || i >= 200;
+    stream.push_back(named(numbered ? std::to_string(i) : "same", "m", std::to_string(i % 7)));
+  }
+  expectEachAsOnItsOwn(stream);
   // Records whose values are not the only places they differ from the record before.
   expectEachAsOnItsOwn({usual("a"), usual("b", R"("stop")"), usual("c")});
   expectEachAsOnItsOwn({usual("a"), usual("b") + " ", usual("c") + "x", usual("d")});

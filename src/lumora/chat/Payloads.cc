@@ -67,6 +67,11 @@ struct RepeatedRecord {
     bool text = false;
   };
   bool usable = false;
+  // A stream whose records differ elsewhere (a server that numbers them) would pay for keeping
+  // each line and for trying each next one in vain: after `misses` lines in a row that did not
+  // repeat the one kept, the next 2^misses - 1 lines read whole are not kept.
+  unsigned misses = 0;
+  unsigned skip = 0;
   std::string line;
   std::vector<Span> spans;  // in the order they stand in the line
   std::string text;         // the text of a repeating record, unescaped
@@ -84,9 +89,13 @@ struct ChangingStrings {
   };
   std::vector<Token> tokens;  // reused from line to line
   unsigned texts = 0;         // "content" fields met
+  bool wanted = true;         // false when the line will not be kept: nothing is noted then
   void clear() {
     tokens.clear();
     texts = 0;
+  }
+  void note(std::string_view raw, bool text) {
+    if (wanted) tokens.push_back({raw, text});
   }
 };
 
@@ -338,7 +347,7 @@ bool scalar(od::value value, ChangingStrings& strings) {
   if (value.type().get(type)) return false;
   switch (type) {
     case od::json_type::string: {
-      strings.tokens.push_back({value.raw_json_token(), false});
+      strings.note(value.raw_json_token(), false);
       std::string_view s;
       return !value.get_string().get(s);
     }
@@ -405,7 +414,7 @@ bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch,
         return optionalString(v, out.role);
       case Field::content:
         ++strings.texts;
-        strings.tokens.push_back({v.raw_json_token(), true});
+        strings.note(v.raw_json_token(), true);
         return optionalString(v, out.content);
       default:
         return scalar(v, strings);
@@ -732,14 +741,26 @@ const ChatDelta& WireDecoder::streamRecord() {
 const ChatDelta* WireDecoder::streamLine(std::string_view json) {
   Impl& d = *impl_;
   // A record that is the one before with other values is read as those values alone (above).
-  if (d.repeat.usable && repeat::read(d.repeat, json, d.delta)) return &d.delta;
+  RepeatedRecord& last = d.repeat;
+  if (last.usable) {
+    if (repeat::read(last, json, d.delta)) {
+      last.misses = 0;
+      return &d.delta;
+    }
+    constexpr unsigned kMostMisses = 6;  // a line in 64 kept at the least
+    last.misses = std::min(last.misses + 1, kMostMisses);
+    last.skip = (1u << last.misses) - 1;
+  }
+  const bool keep = last.skip == 0;
+  if (!keep) --last.skip;
+  d.strings.wanted = keep;
   pad(json);
   // Records are short; a long line goes to the tree reading alone, so that no line costs the
   // memory of both parsers.
   if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(),
                                                     d.padded.size(), d.delta, d.keyScratch,
                                                     d.strings)) {
-    repeat::remember(d.repeat, json, d.padded.data(), d.delta, d.strings);
+    if (keep) repeat::remember(last, json, d.padded.data(), d.delta, d.strings);
     return &d.delta;
   }
   if (!parsePadded(json.size())) return nullptr;

@@ -69,8 +69,13 @@ inline void appendRecord(std::string& out, std::string_view contentJson) {
   out += kRecordTail;
 }
 
+// How the records of a stream differ: in their text alone, as a service's do, or also in their
+// id, as from a server that numbers each record (then no record repeats the one before but for
+// its text, and a client reads each one whole).
+enum class Ids { shared, numbered };
+
 // `records` records cycling through kWords, then the end marker.
-inline Body chatStream(size_t records) {
+inline Body chatStream(size_t records, Ids ids = Ids::shared) {
   std::array<size_t, std::size(kWords)> sizes{};
   for (size_t i = 0; i < std::size(kWords); ++i) sizes[i] = decoded(kWords[i]).size();
   std::string text;
@@ -78,8 +83,16 @@ inline Body chatStream(size_t records) {
   size_t content = 0;
   for (size_t i = 0; i < records; ++i) {
     const size_t w = i % std::size(kWords);
+    const size_t start = text.size();
     appendRecord(text, kWords[w]);
     content += sizes[w];
+    if (ids == Ids::numbered) {
+      // The id's last seven characters become the record's number: the records keep their size.
+      const size_t end = start + kRecordHead.find("\",\"object\"");
+      std::string number = std::to_string(i % 10'000'000);
+      number.insert(0, 7 - number.size(), '0');
+      text.replace(end - 7, 7, number);
+    }
   }
   text += kDone;
   return {std::make_shared<const std::string>(std::move(text)), records, content};

@@ -129,6 +129,7 @@ struct Options {
   int streamRuns = 11;
   int dryRunRuns = 31;
   size_t records = 100'000;
+  bench::Ids ids = bench::Ids::shared;
   int memoryRuns = 5;
   std::string only;  // "stream", "dryrun" or "memory"; empty runs all
   std::string lumora = LUMORA_BINARY;
@@ -147,7 +148,7 @@ std::string whyNoNode(const std::string& node) {
 }
 
 void reportStream(ScriptedServer& server, const Home& home, const Options& options) {
-  const bench::Body body = bench::chatStream(options.records);
+  const bench::Body body = bench::chatStream(options.records, options.ids);
   const Response response = bench::perRecordChunks(body);
   const std::string reply = bench::chatStreamReply(options.records) + "\n";
   if (reply.size() != body.contentBytes + 1) fail("the expected reply does not match the body");
@@ -223,9 +224,9 @@ void reportStream(ScriptedServer& server, const Home& home, const Options& optio
 
   const double mb = static_cast<double>(body.text->size()) / 1e6;
   std::printf(
-      "1. lumora reply on a chat stream: %zu records, %.1f MB, one HTTP chunk per record, "
+      "1. lumora reply on a chat stream: %zu records, %.1f MB, one HTTP chunk per record%s, "
       "loopback; each program timed from spawn to exit\n",
-      body.records, mb);
+      body.records, mb, options.ids == bench::Ids::numbered ? ", each with its own id" : "");
   for (const Contender* c : contenders) {
     const double t = bench::median(c->times);
     std::printf("   %-26s %9.1f ms  %7.0f MB/s\n", c->name.c_str(), t * 1e3, mb / t);
@@ -451,9 +452,12 @@ void reportMemory(ScriptedServer& server, const Home& home, const Options& optio
 }
 
 constexpr const char* kUsage =
-    "usage: bench_e2e [--runs N] [--records N] [--only stream|dryrun|memory] [--lumora PATH]\n"
+    "usage: bench_e2e [--runs N] [--records N] [--numbered-ids] [--only stream|dryrun|memory]\n"
+    "                 [--lumora PATH]\n"
     "  --runs N     rounds per part (default: 11 for stream, 31 for dryrun, 5 for memory)\n"
     "  --records N  records of the chat stream (default 100000)\n"
+    "  --numbered-ids  each record of the chat stream with its own id, so that no record\n"
+    "               repeats the one before but for its text and every one is read whole\n"
     "  --lumora PATH  the lumora binary to time (default: the one built with this program)\n";
 
 // The options of the command line, or nullopt when it is not understood.
@@ -470,6 +474,8 @@ std::optional<Options> parseOptions(int argc, char** argv) {
         options.streamRuns = options.dryRunRuns = options.memoryRuns =
             static_cast<int>(std::min<size_t>(value, 1000));
       }
+    } else if (arg == "--numbered-ids") {
+      options.ids = bench::Ids::numbered;
     } else if (arg == "--lumora" && i + 1 < argc) {
       options.lumora = argv[++i];
     } else if (arg == "--only" && i + 1 < argc) {

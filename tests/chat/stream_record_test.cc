@@ -2,6 +2,9 @@
 // line to the tree reading: both must come to the same outcome for every line.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "support/StreamLineOutcome.h"
 
 namespace lumora {
@@ -17,8 +20,9 @@ std::string record(std::string_view choices, std::string_view after = "}") {
   return std::string(kHead) + std::string(choices) + "]" + std::string(after);
 }
 
-TEST(StreamRecord, BothReadingsAgreeOnEveryShape) {
-  const std::string lines[] = {
+// Lines of every shape the readings tell apart.
+std::vector<std::string> shapes() {
+  return {
       // The usual records, first, middle and last.
       record(R"({"index":0,"delta":{"role":"assistant","content":""},"logprobs":null,"finish_reason":null})"),
       record(R"({"index":0,"delta":{"content":"Hel\"lo\n\u00e9\ud83d\ude00"},"finish_reason":null})"),
@@ -68,9 +72,100 @@ TEST(StreamRecord, BothReadingsAgreeOnEveryShape) {
       "null",
       "\"text\"",
   };
+}
+
+// One decoder reads `lines` in turn, as a stream's reader does: each must come to what a decoder
+// that never saw the lines before it makes of it through the tree.
+void expectEachAsOnItsOwn(const std::vector<std::string>& lines) {
+  WireDecoder decoder;
   for (const std::string& line : lines) {
     SCOPED_TRACE(line);
+    EXPECT_EQ(testing::outcomeOf([&] { return decoder.streamLine(line); }), treeOutcome(line));
+  }
+}
+
+TEST(StreamRecord, BothReadingsAgreeOnEveryShape) {
+  for (const std::string& line : shapes()) {
+    SCOPED_TRACE(line);
     EXPECT_EQ(streamLineOutcome(line), treeOutcome(line));
+  }
+}
+
+// A line that repeats the record before it but for the text is read as that text alone; every
+// text and every other change must still come to the outcome of the line read on its own.
+TEST(StreamRecord, ALineAfterAnotherComesToItsOwnOutcome) {
+  const auto usual = [](std::string_view text, std::string_view finish = "null") {
+    return record(R"({"index":0,"delta":{"content":")" + std::string(text) +
+                  R"("},"logprobs":null,"finish_reason":)" + std::string(finish) + "}");
+  };
+  const std::string texts[] = {
+      "", "Hel", "caf\xC3\xA9", "\x7F", std::string(70'000, 'a'),
+      // Every escape, and escapes simdjson refuses.
+      R"(a\"b)", R"(\\)", R"(\/)", R"(\b\f\n\r\t)", R"(\u00e9\u00E9)", R"(\u0000)", R"(\u2019)",
+      R"(\ud83d\ude00)", R"(\uD83D\uDE00x)", R"(\uDE00)", R"(\uD83D)", R"(\uD83Dx)",
+      R"(\uD83D\u0041)", R"(\uD83D\uD83D)", R"(\uD83D\uDE0)", R"(\u12)", R"(\u12G4)", R"(\x)",
+      R"(\)", R"(a\)", R"(\\\)",
+      // Quotes and control characters as written, which end or break the string.
+      R"(a"b)", R"(x","role":"user)", R"(x"},"delta":{"content":"y)", "\x01", "a\tb", "\n",
+      // Bytes that are not UTF-8.
+      "\xC3", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "ok\xE2\x82",
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    // After a record of the usual shape, and after one whose text is no string.
+    expectEachAsOnItsOwn({usual("first"), usual(text), usual("next"), usual(text)});
+    expectEachAsOnItsOwn({usual("first"), usual(text, R"("stop")"), usual(text)});
+    expectEachAsOnItsOwn({record(R"({"delta":{"content":null}})"), usual(text)});
+  }
+  // Values the record does not keep may change too, each by the same rules as the text; a
+  // value it keeps may not.
+  const auto padded = [](std::string_view text, std::string_view padding,
+                         std::string_view fingerprint = "fp_1") {
+    return record(R"({"index":0,"delta":{"content":")" + std::string(text) + R"("},"x":"y"})",
+                  R"(,"system_fingerprint":")" + std::string(fingerprint) +
+                      R"(","obfuscation":")" + std::string(padding) + R"("})");
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    expectEachAsOnItsOwn({padded("a", "Zk3"), padded("b", text), padded("c", "\u0041b"),
+                          padded(text, "q", text), padded("d", "")});
+  }
+  expectEachAsOnItsOwn({padded("a", "1"), padded("b", "2", "fp_2"), padded("c", "3", "")});
+  const auto named = [](std::string_view id, std::string_view model, std::string_view text) {
+    return R"({"id":")" + std::string(id) + R"(","object":"o","created":1,"model":")" +
+           std::string(model) + R"(","choices":[{"delta":{"content":")" + std::string(text) +
+           R"("}}]})";
+  };
+  expectEachAsOnItsOwn({named("a", "m", "x"), named("b", "m", "y"), named("b", "n", "z"),
+                        named("b", "n\u0041", "z"), named("b", "nA", "z")});
+  // A run of records that differ in their id, then records that repeat, then the run again:
+  // the decoder stops keeping lines for a while and starts again, each line read as on its own.
+  std::vector<std::string> stream;
+  for (int i = 0; i < 300; ++i) {
+    const bool numbered = i < 100 || i >= 200;
+    stream.push_back(named(numbered ? std::to_string(i) : "same", "m", std::to_string(i % 7)));
+  }
+  expectEachAsOnItsOwn(stream);
+  // Records whose values are not the only places they differ from the record before.
+  expectEachAsOnItsOwn({usual("a"), usual("b", R"("stop")"), usual("c")});
+  expectEachAsOnItsOwn({usual("a"), usual("b") + " ", usual("c") + "x", usual("d")});
+  expectEachAsOnItsOwn({usual("a"), " " + usual("b"), usual("c")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content":"a"}},{"delta":{"content":"b"}})"),
+                        record(R"({"delta":{"content":"a"}},{"delta":{"content":"c"}})")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content":"a","content":"b"}})"),
+                        record(R"({"delta":{"content":"a","content":"c"}})")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content":"a"},"delta":{}})"),
+                        record(R"({"delta":{"content":"b"},"delta":{}})")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content":"a"},"delta":null})"),
+                        record(R"({"delta":{"content":"b"},"delta":null})")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content":"a"}})", R"(,"choices":[]})"),
+                        record(R"({"delta":{"content":"b"}})", R"(,"choices":[]})")});
+  expectEachAsOnItsOwn({record(R"({"delta":{"content" : "a" }})"),
+                        record(R"({"delta":{"content" : "b\n" }})")});
+  // Every shape after every other, so that no reading leaves the next one wrong.
+  const std::vector<std::string> all = shapes();
+  for (const std::string& first : all) {
+    for (const std::string& second : all) expectEachAsOnItsOwn({first, second});
   }
 }
 

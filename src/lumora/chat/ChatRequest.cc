@@ -83,6 +83,33 @@ LineProcessor::LineProcessor(LineRule rule, std::shared_ptr<ReplyBuffer> text)
     : rule_(rule), text_(std::move(text)) {}
 
 std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
+  const ChatDelta* record = take(raw);
+  if (!record) return std::nullopt;
+  std::optional<StreamChunk> chunk(std::in_place);
+  write(*record, *chunk);
+  return chunk;
+}
+
+bool LineProcessor::update(std::string_view raw, StreamChunk& chunk, size_t maxReply) {
+  const ChatDelta* record = take(raw);
+  if (!record) return false;
+  if (text_->size() > maxReply) failReplyTooLong(maxReply);
+  write(*record, chunk);
+  return true;
+}
+
+void LineProcessor::write(const ChatDelta& record, StreamChunk& chunk) const {
+  if (!(chunk.model == record.model)) chunk.model = ModelName(record.model);
+  chunk.completed.assign(text_, text_->size());
+  const ChatDelta::Choice* first = record.choices.empty() ? nullptr : &record.choices.front();
+  if (first && first->finishReason) {
+    chunk.finishReason.emplace(*first->finishReason);
+  } else {
+    chunk.finishReason.reset();
+  }
+}
+
+const ChatDelta* LineProcessor::take(std::string_view raw) {
   // Servers that send bytes that are not UTF-8 get them shown as U+FFFD, not a failed reply.
   // The JSON parser checks UTF-8 anyway, so a line is only looked at again when it fails
   // there (or when it is about to be shown in a debug line).
@@ -95,9 +122,8 @@ std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
   std::string_view line = text::trimmed(raw);
   if (debugging) debug::line({"[debug] process line", line});
 
-  if (line.ends_with(kDoneMarker)) return std::nullopt;
-  if (rule_ == LineRule::openAICompatible && line.ends_with(kOpenRouterKeepAlive))
-    return std::nullopt;
+  if (line.ends_with(kDoneMarker)) return nullptr;
+  if (rule_ == LineRule::openAICompatible && line.ends_with(kOpenRouterKeepAlive)) return nullptr;
   if (line.starts_with(kDataPrefix)) line.remove_prefix(kDataPrefix.size());
 
   const ChatDelta* record = decoder_.streamLine(line);
@@ -107,16 +133,11 @@ std::optional<StreamChunk> LineProcessor::line(std::string_view raw) {
     record = decoder_.streamLine(line);
   }
   if (!record) json::failNotJson(line);
-  const ChatDelta& delta = *record;
-
-  std::optional<std::string> finishReason;
-  if (!delta.choices.empty()) {
-    const ChatDelta::Choice& first = delta.choices.front();
+  if (!record->choices.empty()) {
+    const ChatDelta::Choice& first = record->choices.front();
     if (first.delta && first.delta->content) text_->append(*first.delta->content);
-    if (first.finishReason) finishReason = std::string(*first.finishReason);
   }
-  return StreamChunk{ModelName(delta.model), ReplyText(text_, text_->size()),
-                     std::move(finishReason)};
+  return record;
 }
 
 void checkErrorBody(std::string_view body, int status) {

@@ -67,8 +67,17 @@ class LineProcessor final : public LineReader {
   // The chunk for one line, or nullopt for a line that yields nothing. Throws OpenAIError for
   // an error record and DecodingError for a line that is no record.
   std::optional<StreamChunk> line(std::string_view line) override;
+  // line() written over `chunk` in place: the model name only when it changed, the reply's
+  // length, the finish reason. This is the stream's path for every record.
+  bool update(std::string_view line, StreamChunk& chunk, size_t maxReply) override;
 
  private:
+  // The record of one line, its text appended to the reply; nullptr for a line that yields
+  // nothing. Throws as line() does.
+  const ChatDelta* take(std::string_view line);
+  // Makes `chunk` the chunk of `record`, the record take() returned last.
+  void write(const ChatDelta& record, StreamChunk& chunk) const;
+
   LineRule rule_;
   WireDecoder decoder_;
   std::shared_ptr<ReplyBuffer> text_;

@@ -35,9 +35,7 @@ struct ChunkSink::Target {
   std::jthread producer;     // last: joined first when the state goes
 };
 
-bool ChunkSink::newestOnly() const {
-  return target_.newestOnly.load(std::memory_order_relaxed);
-}
+ChunkSink::ChunkSink(Target& target) : target_(target), newestOnly_(target.newestOnly) {}
 
 void ChunkSink::publish() {
   if (kept_.empty()) return;

@@ -11,6 +11,7 @@
 // Thread-safety: one consumer thread calls next(); the producer runs on its own thread.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -33,24 +34,39 @@ class ChunkSink {
   static constexpr size_t kMaxKept = 1024;
 
   void emit(StreamChunk&& chunk) {
-    // A consumer of the newest chunk only would drop every older one kept here, so the newest
-    // replaces them as it comes: nothing to hand over or free for each record.
-    if (!kept_.empty() && newestOnly()) {
-      kept_.back() = std::move(chunk);
-      return;
-    }
-    kept_.push_back(std::move(chunk));
+    slot() = std::move(chunk);
+    commit();
+  }
+
+  // emit() in two steps, for a producer that writes a chunk in place: slot() is the chunk to
+  // write, then commit() emits it, or drop() takes it back when the producer has nothing to
+  // emit after all. A consumer of the newest chunk only would drop every older one kept here,
+  // so for it the slot is the chunk kept last, if there is one: the newest replaces it, and
+  // nothing is made, handed over or freed for each record. The producer writes the slot only
+  // once it knows the chunk stands, since a kept chunk is still to be published as it was.
+  StreamChunk& slot() {
+    fresh_ = kept_.empty() || !newestOnly();
+    if (fresh_) kept_.emplace_back();
+    return kept_.back();
+  }
+  void commit() {
     if (kept_.size() >= kMaxKept) publish();
   }
+  void drop() {
+    if (fresh_) kept_.pop_back();
+  }
+
   void publish();
 
  private:
   friend class ChunkStream;
   struct Target;
-  explicit ChunkSink(Target& target) : target_(target) {}
-  bool newestOnly() const;
+  explicit ChunkSink(Target& target);
+  bool newestOnly() const { return newestOnly_.load(std::memory_order_relaxed); }
   Target& target_;
+  const std::atomic<bool>& newestOnly_;  // the target's: set by the consumer's first newest()
   std::vector<StreamChunk> kept_;
+  bool fresh_ = false;  // the slot was made by the last slot()
 };
 
 class ChunkStream {

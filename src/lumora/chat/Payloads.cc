@@ -9,6 +9,7 @@
 #include "lumora/platform/Base64.h"
 #include "lumora/platform/Errors.h"
 #include "lumora/platform/KeyCase.h"
+#include "lumora/platform/Text.h"
 
 namespace lumora {
 
@@ -51,6 +52,55 @@ std::string ChatRequestPayload::toJSON() const {
 
 // ---- decoding -------------------------------------------------------------------------------
 
+namespace {
+
+// The last line read without a tree, with the string values that the next record of its stream
+// may change ("a record that repeats the one before", below). Usable only while the decoder's
+// record and the strings of its On-Demand parser are still that line's: any other reading ends
+// it.
+struct RepeatedRecord {
+  // A string value of the line that a repeat may change: from its first byte after the opening
+  // quote to its closing quote; `text` for the delta's content, the one such value kept.
+  struct Span {
+    size_t start = 0;
+    size_t end = 0;
+    bool text = false;
+  };
+  bool usable = false;
+  // A stream whose records differ elsewhere (a server that numbers them) would pay for keeping
+  // each line and for trying each next one in vain: after `misses` lines in a row that did not
+  // repeat the one kept, the next 2^misses - 1 lines read whole are not kept.
+  unsigned misses = 0;
+  unsigned skip = 0;
+  std::string line;
+  std::vector<Span> spans;  // in the order they stand in the line
+  std::string text;         // the text of a repeating record, unescaped
+  std::string scratch;      // the other values, unescaped to be checked
+};
+
+// The string values of a record that a stream may change from one record to the next, each as
+// written (from its opening quote to the next structural character) and in the order they
+// stand: the delta's "content", and the values of keys that the record does not keep (a
+// fingerprint, a server's padding). Kept for reading a record that repeats the one before.
+struct ChangingStrings {
+  struct Token {
+    std::string_view raw;
+    bool text;
+  };
+  std::vector<Token> tokens;  // reused from line to line
+  unsigned texts = 0;         // "content" fields met
+  bool wanted = true;         // false when the line will not be kept: nothing is noted then
+  void clear() {
+    tokens.clear();
+    texts = 0;
+  }
+  void note(std::string_view raw, bool text) {
+    if (wanted) tokens.push_back({raw, text});
+  }
+};
+
+}  // namespace
+
 struct WireDecoder::Impl {
   simdjson::dom::parser parser;
   simdjson::ondemand::parser plainParser;  // for streamLine()'s common shape
@@ -58,6 +108,8 @@ struct WireDecoder::Impl {
   std::string padded;  // the input copied with simdjson's padding, reused
   std::string keyScratch;
   ChatDelta delta;
+  ChangingStrings strings;  // of the last line read without a tree
+  RepeatedRecord repeat;
 };
 
 WireDecoder::WireDecoder() : impl_(std::make_unique<Impl>()) {}
@@ -65,6 +117,7 @@ WireDecoder::~WireDecoder() = default;
 
 void WireDecoder::pad(std::string_view json) {
   Impl& d = *impl_;
+  d.repeat.usable = false;  // the buffers of the line before are about to be read anew
   if (d.padded.size() < json.size() + simdjson::SIMDJSON_PADDING)
     d.padded.resize(json.size() + simdjson::SIMDJSON_PADDING);
   std::memcpy(d.padded.data(), json.data(), json.size());
@@ -288,11 +341,13 @@ Field rawField(const char* raw) {
 }
 
 // A scalar value read to its end: its string unescaped, its number parsed, its atom spelled out.
-bool scalar(od::value value) {
+// A string is a value the record does not keep, so it joins `strings`.
+bool scalar(od::value value, ChangingStrings& strings) {
   od::json_type type;
   if (value.type().get(type)) return false;
   switch (type) {
     case od::json_type::string: {
+      strings.note(value.raw_json_token(), false);
       std::string_view s;
       return !value.get_string().get(s);
     }
@@ -349,7 +404,8 @@ bool fields(od::object object, std::string& scratch, Each&& each) {
   return true;
 }
 
-bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
+bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch,
+           ChangingStrings& strings) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -357,14 +413,17 @@ bool delta(od::value value, ChatDelta::Delta& out, std::string& scratch) {
       case Field::role:
         return optionalString(v, out.role);
       case Field::content:
+        ++strings.texts;
+        strings.note(v.raw_json_token(), true);
         return optionalString(v, out.content);
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
 }
 
-bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
+bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch,
+            ChangingStrings& strings) {
   od::object object;
   if (value.get_object().get(object)) return false;
   return fields(object, scratch, [&](Field field, od::value v) {
@@ -372,21 +431,22 @@ bool choice(od::value value, ChatDelta::Choice& out, std::string& scratch) {
       case Field::delta: {
         od::json_type type;
         if (v.type().get(type)) return false;
-        if (type == od::json_type::null) return scalar(v);  // a null delta leaves it as it was
+        if (type == od::json_type::null) return scalar(v, strings);  // leaves the delta as it was
         ChatDelta::Delta d;
-        if (!delta(v, d, scratch)) return false;
+        if (!delta(v, d, scratch, strings)) return false;
         out.delta = d;
         return true;
       }
       case Field::finishReason:
         return optionalString(v, out.finishReason);
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
 }
 
-bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch) {
+bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& scratch,
+             ChangingStrings& strings) {
   od::array list;
   if (value.get_array().get(list)) return false;
   out.clear();  // a later "choices" replaces an earlier one, as in the tree reading
@@ -394,21 +454,23 @@ bool choices(od::value value, std::vector<ChatDelta::Choice>& out, std::string& 
     od::value v;
     if (std::move(item).get(v)) return false;
     ChatDelta::Choice c;
-    if (!choice(v, c, scratch)) return false;
+    if (!choice(v, c, scratch, strings)) return false;
     out.push_back(c);
   }
   return true;
 }
 
 // The record in `padded` (its first `length` bytes, `capacity` with simdjson's padding), read
-// into `out`; false, with `out` in any state, when the tree reading must decide.
+// into `out`, the string values it may change into `strings`; false, with `out` in any state,
+// when the tree reading must decide.
 bool record(od::parser& parser, const char* padded, size_t length, size_t capacity,
-            ChatDelta& out, std::string& scratch) {
+            ChatDelta& out, std::string& scratch, ChangingStrings& strings) {
   od::document document;
   if (parser.iterate(padded, length, capacity).get(document)) return false;
   od::object top;
   if (document.get_object().get(top)) return false;
   out.choices.clear();
+  strings.clear();
   enum : unsigned { kId = 1, kObject = 2, kCreated = 4, kModel = 8, kChoices = 16, kAll = 31 };
   unsigned seen = 0;
   const bool read = fields(top, scratch, [&](Field field, od::value v) {
@@ -427,11 +489,11 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
         return !v.get_string().get(out.model);
       case Field::choices:
         seen |= kChoices;
-        return choices(v, out.choices, scratch);
+        return choices(v, out.choices, scratch, strings);
       case Field::errorKey:
         return false;  // an error body is read as one by the tree reading
       default:
-        return scalar(v);
+        return scalar(v, strings);
     }
   });
   if (!read || seen != kAll) return false;
@@ -441,6 +503,191 @@ bool record(od::parser& parser, const char* padded, size_t length, size_t capaci
 }
 
 }  // namespace plain
+
+// ---- a record that repeats the one before ---------------------------------------------------
+//
+// The records of one stream are the same bytes from record to record but for a few string
+// values: the text, and values the record does not keep, such as a server's random padding;
+// the id, the model, the keys and all the rest stay. Once a line has been read whole, found of
+// the plain shape, with one choice whose delta has one "content" string, a next line that has
+// the same bytes around those string values is the same record with other values, provided each
+// of them is the well-formed body of a JSON string: each string then ends at its first quote not
+// escaped, every other token is one already read, and the line is well-formed JSON that reads to
+// the record before with the new text. So only those values are read, by the rules simdjson
+// reads a string with; a line that differs anywhere else, or whose values are not well-formed
+// string bodies, is read whole as before.
+
+namespace repeat {
+
+// The value of four hex digits at `p`, or false when one is not a hex digit.
+bool hex4(const unsigned char* p, uint32_t& value) {
+  value = 0;
+  for (int i = 0; i < 4; ++i) {
+    const unsigned char c = p[i];
+    uint32_t digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') {
+      digit = (c | 0x20) - 'a' + 10;
+    } else {
+      return false;
+    }
+    value = value << 4 | digit;
+  }
+  return true;
+}
+
+// Writes `cp` (at most U+10FFFF, not a surrogate) as UTF-8 at `out`; returns the byte after.
+char* utf8(uint32_t cp, char* out) {
+  if (cp < 0x80) {
+    *out++ = static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    *out++ = static_cast<char>(0xC0 | cp >> 6);
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    *out++ = static_cast<char>(0xE0 | cp >> 12);
+    *out++ = static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    *out++ = static_cast<char>(0xF0 | cp >> 18);
+    *out++ = static_cast<char>(0x80 | (cp >> 12 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+    *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+  }
+  return out;
+}
+
+// The JSON string whose body begins at line[from] (just after its opening quote), unescaped
+// into `out` (resized as it needs), its length into `length`: returns the index of its closing
+// quote, or nullopt where simdjson refuses the string: no closing quote, a control character
+// unescaped, an escape it does not know, a \u escape without four hex digits, a surrogate that
+// is not half of a pair, or bytes that are not UTF-8. One pass, no recursion.
+std::optional<size_t> stringBody(std::string_view line, size_t from, std::string& out,
+                                 size_t& length) {
+  if (out.size() < line.size() - from) out.resize(line.size() - from);  // escapes only shorten
+  const auto* const begin = reinterpret_cast<const unsigned char*>(line.data()) + from;
+  const auto* const end = reinterpret_cast<const unsigned char*>(line.data()) + line.size();
+  const auto* p = begin;
+  char* const start = out.data();
+  char* w = start;
+  bool ascii = true;
+  while (true) {
+    if (p == end) return std::nullopt;
+    const unsigned char c = *p;
+    if (c == '"') break;
+    if (c != '\\') {
+      if (c < 0x20) return std::nullopt;
+      ascii &= c < 0x80;
+      *w++ = static_cast<char>(c);
+      ++p;
+      continue;
+    }
+    if (end - p < 2) return std::nullopt;
+    switch (p[1]) {
+      case '"':
+      case '\\':
+      case '/':
+        *w++ = static_cast<char>(p[1]);
+        break;
+      case 'b':
+        *w++ = '\b';
+        break;
+      case 'f':
+        *w++ = '\f';
+        break;
+      case 'n':
+        *w++ = '\n';
+        break;
+      case 'r':
+        *w++ = '\r';
+        break;
+      case 't':
+        *w++ = '\t';
+        break;
+      case 'u': {
+        uint32_t cp;
+        if (end - p < 6 || !hex4(p + 2, cp)) return std::nullopt;
+        if (cp >= 0xD800 && cp < 0xDC00) {
+          // A high surrogate is read only with the low one escaped right after it.
+          uint32_t low;
+          if (end - p < 12 || p[6] != '\\' || p[7] != 'u' || !hex4(p + 8, low) || low < 0xDC00 ||
+              low > 0xDFFF)
+            return std::nullopt;
+          cp = ((cp - 0xD800) << 10 | (low - 0xDC00)) + 0x10000;
+          p += 6;
+        } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+          return std::nullopt;
+        }
+        w = utf8(cp, w);
+        p += 6;
+        continue;
+      }
+      default:
+        return std::nullopt;
+    }
+    p += 2;
+  }
+  // simdjson checks the UTF-8 of the line as written, before any escape is read.
+  const auto* const chars = reinterpret_cast<const char*>(begin);
+  if (!ascii && !text::isValidUtf8(std::string_view(chars, static_cast<size_t>(p - begin))))
+    return std::nullopt;
+  length = static_cast<size_t>(w - start);
+  return from + static_cast<size_t>(p - begin);
+}
+
+// After `json` (copied at `padded`) was read into `record` without a tree, with `strings` the
+// values it may change: keeps the line for reading the next as its repeat when the record has
+// one choice whose delta has one "content" field, a string. Anything else (no text, several,
+// one in a choice that a later one replaced) is not kept.
+void remember(RepeatedRecord& repeat, std::string_view json, const char* padded,
+              const ChatDelta& record, const ChangingStrings& strings) {
+  if (strings.texts != 1 || record.choices.size() != 1 || !record.choices.front().delta ||
+      !record.choices.front().delta->content)
+    return;
+  repeat.spans.clear();
+  for (const ChangingStrings::Token& t : strings.tokens) {
+    // A token runs from the opening quote to the next structural character: the closing quote
+    // is its last byte but for white space.
+    std::string_view token = t.raw;
+    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' ||
+                              token.back() == '\n' || token.back() == '\r'))
+      token.remove_suffix(1);
+    if (token.size() < 2 || token.front() != '"' || token.back() != '"') return;
+    const size_t start = static_cast<size_t>(token.data() - padded) + 1;
+    repeat.spans.push_back({start, start + token.size() - 2, t.text});
+  }
+  repeat.line.assign(json);
+  repeat.usable = true;
+}
+
+// `json` read as a repeat of the kept line into `record`, the record of that line: false,
+// leaving `record` as it was, when it is none.
+bool read(RepeatedRecord& repeat, std::string_view json, ChatDelta& record) {
+  const std::string_view kept = repeat.line;
+  size_t i = 0;  // in the kept line
+  size_t j = 0;  // in `json`
+  std::optional<std::string_view> text;
+  for (const RepeatedRecord::Span& span : repeat.spans) {
+    const size_t same = span.start - i;
+    if (json.size() - j < same || std::memcmp(json.data() + j, kept.data() + i, same) != 0)
+      return false;
+    j += same;
+    std::string& out = span.text ? repeat.text : repeat.scratch;
+    size_t length = 0;
+    const auto quote = stringBody(json, j, out, length);
+    if (!quote) return false;
+    if (span.text) text = std::string_view(out.data(), length);
+    i = span.end;
+    j = *quote;
+  }
+  const size_t rest = kept.size() - i;
+  if (json.size() - j != rest || std::memcmp(json.data() + j, kept.data() + i, rest) != 0)
+    return false;
+  record.choices.front().delta->content = text;
+  return true;
+}
+
+}  // namespace repeat
 
 }  // namespace
 
@@ -492,13 +739,30 @@ const ChatDelta& WireDecoder::streamRecord() {
 }
 
 const ChatDelta* WireDecoder::streamLine(std::string_view json) {
-  pad(json);
   Impl& d = *impl_;
+  // A record that is the one before with other values is read as those values alone (above).
+  RepeatedRecord& last = d.repeat;
+  if (last.usable) {
+    if (repeat::read(last, json, d.delta)) {
+      last.misses = 0;
+      return &d.delta;
+    }
+    constexpr unsigned kMostMisses = 6;  // a line in 64 kept at the least
+    last.misses = std::min(last.misses + 1, kMostMisses);
+    last.skip = (1u << last.misses) - 1;
+  }
+  const bool keep = last.skip == 0;
+  if (!keep) --last.skip;
+  d.strings.wanted = keep;
+  pad(json);
   // Records are short; a long line goes to the tree reading alone, so that no line costs the
   // memory of both parsers.
-  if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(), d.padded.size(), d.delta,
-                    d.keyScratch))
+  if (json.size() <= kPlainLineMax && plain::record(d.plainParser, d.padded.data(), json.size(),
+                                                    d.padded.size(), d.delta, d.keyScratch,
+                                                    d.strings)) {
+    if (keep) repeat::remember(last, json, d.padded.data(), d.delta, d.strings);
     return &d.delta;
+  }
   if (!parsePadded(json.size())) return nullptr;
   return &streamRecord();
 }

@@ -75,8 +75,9 @@ class WireDecoder {
 
   // parse() and streamRecord() of one stream line together: nullptr when `json` is not
   // well-formed JSON (error() tells why); otherwise the record, or the throw, of streamRecord().
-  // A record of the common shape is read without building the document's tree, which halves
-  // the time a line costs; the outcome is the same.
+  // A record of the common shape is read without building the document's tree, and a record
+  // that repeats the one before but for its text is read as that text alone; the outcome is
+  // the same as the tree's. The decoder keeps the last such line (at most 64 KiB) for that.
   const ChatDelta* streamLine(std::string_view json);
 
   // Why the last parse failed.

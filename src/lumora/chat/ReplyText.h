@@ -65,6 +65,15 @@ class ReplyText {
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
 
+  // Makes this the first `size` bytes of `buffer`. A stream's reader that keeps one chunk and
+  // writes each record over it grows the text this way, without a reference to the buffer
+  // taken and let go for every record.
+  template <typename Buffer>
+  void assign(const std::shared_ptr<Buffer>& buffer, size_t size) {
+    if (buffer_.get() != buffer.get()) buffer_ = buffer;
+    size_ = size;
+  }
+
   // The whole text, copied.
   std::string str() const;
   // Bytes [from, size()), copied; empty when from >= size().

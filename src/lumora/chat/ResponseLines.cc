@@ -13,6 +13,20 @@ constexpr size_t kMaxErrorBody = size_t{1} << 20;
 
 }  // namespace
 
+bool LineReader::update(std::string_view text, StreamChunk& chunk, size_t maxReply) {
+  std::optional<StreamChunk> made = line(text);
+  if (!made) return false;
+  if (made->completed.size() > maxReply) failReplyTooLong(maxReply);
+  chunk = std::move(*made);
+  return true;
+}
+
+void failReplyTooLong(size_t maxReply) {
+  throw TransportError(TransportError::Code::replyTooLong,
+                       "The reply passed " + text::sizeText(maxReply) +
+                           ", the limit of the setting \"maxReplyMiB\"; it was cut off there.");
+}
+
 void checkRequestSize(const ChatEnvironment& environment, const HttpRequest& request) {
   if (request.body.size() > environment.maxRequestBytes)
     throw RequestTooLargeError(request.body.size(), environment.maxRequestBytes);
@@ -48,15 +62,19 @@ ChunkStream readChunks(std::unique_ptr<HttpResponse> response, std::unique_ptr<L
   return ChunkStream::start([body, lines, maxReply](ChunkSink& sink, std::stop_token stop) {
     LineSplitter splitter;
     auto onLine = [&](std::string_view line) {
-      auto chunk = lines->line(line);
-      if (!chunk) return;
-      if (chunk->completed.size() > maxReply) {
-        throw TransportError(TransportError::Code::replyTooLong,
-                             "The reply passed " + text::sizeText(maxReply) +
-                                 ", the limit of the setting \"maxReplyMiB\"; it was cut off "
-                                 "there.");
+      StreamChunk& chunk = sink.slot();
+      bool made;
+      try {
+        made = lines->update(line, chunk, maxReply);
+      } catch (...) {
+        sink.drop();
+        throw;
       }
-      sink.emit(std::move(*chunk));
+      if (made) {
+        sink.commit();
+      } else {
+        sink.drop();
+      }
     };
     body->readBody([&](std::string_view bytes) { splitter.feed(bytes, onLine); }, stop,
                    [&] { sink.publish(); });

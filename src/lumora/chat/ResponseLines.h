@@ -25,9 +25,18 @@ class LineReader {
   // The chunk for one line, or nullopt for a line that yields nothing. Throws to fail the
   // stream; the chunks before stand.
   virtual std::optional<StreamChunk> line(std::string_view line) = 0;
+  // line() written over `chunk`, the way the stream reads its lines: `chunk` is a new chunk, or
+  // the one made for an earlier line that a newer one replaces. False, `chunk` untouched, for a
+  // line that yields nothing. Throws, `chunk` untouched, to fail the stream, and with
+  // TransportError(replyTooLong) (failReplyTooLong()) for a chunk whose reply passes `maxReply`
+  // bytes. Through line() unless a reader writes in place what changed from record to record.
+  virtual bool update(std::string_view line, StreamChunk& chunk, size_t maxReply);
   // After the last line of a body that the server ended normally. Throws to fail the stream.
   virtual void end() {}
 };
+
+// Fails a stream whose reply passed `maxReply` bytes, the limit of the setting "maxReplyMiB".
+[[noreturn]] void failReplyTooLong(size_t maxReply);
 
 // Throws RequestTooLargeError when the body of `request` passes the environment's
 // maxRequestBytes: every chat request is measured here before it goes out.

@@ -2,9 +2,9 @@
 // what the sending program marked about it. Plain text and HTML both become these lines, and
 // the thread is told apart from the new text on them alone.
 //
-// A text of a million short lines holds a million of them, so a line costs little more than 2
-// bytes beside its text: where its text ends, as 16 bits over the end of the line before its
-// group of lines, while the group's text fits in those 16 bits. How deep a line is quoted and
+// A text of a million short lines holds a million of them, so a line costs 2.5 bytes beside
+// its text: where its text ends, as 16 bits over the end of the line before its group of
+// lines, while the group's text fits in those 16 bits. How deep a line is quoted and
 // its marks are kept once for each run of lines that share them, which in mail is most of the
 // lines of a paragraph or a quotation. The text and the rest are kept in blocks that never
 // move: a 10 MB body grows them without the copy and the doubled room that one growing buffer
@@ -16,6 +16,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -77,12 +78,13 @@ class TextLines {
     const size_t k = size_ % kGroup;
     if (k == 0) {
       group_ = &groups_.push_back();
+      group_->starts = 0;
       group_->base = lastEnd_;
-      group_->firstRun = group_->lastRun = static_cast<uint32_t>(runs_.size() - 1);
+      group_->firstRun = static_cast<uint32_t>(runs_.size() - 1);
       group_->run = lastRun_;
       group_->wide = kNarrow;
     } else if (newRun) {
-      group_->lastRun = static_cast<uint32_t>(runs_.size() - 1);
+      group_->starts |= uint64_t{1} << k;
     }
     Group& group = *group_;
     if (group.wide == kNarrow && end - group.base > UINT16_MAX) {
@@ -161,17 +163,19 @@ class TextLines {
 
   // kGroup lines in a row: where their texts end, as 16 bits over the end of the line before
   // the group while they fit (`wide` kNarrow), else in wideEnds_ from `wide` on; and the runs
-  // its lines are in, the first of them copied here for the common group of one run.
+  // its lines are in: the run of its first line, copied here for the common group of one run,
+  // and a bit for each later line of the group that begins a run of its own.
   static constexpr size_t kGroup = 64;
   static constexpr uint32_t kNarrow = UINT32_MAX;
   struct Group {
+    uint64_t starts;
     uint32_t base;
     uint32_t wide;
     uint32_t firstRun;
-    uint32_t lastRun;
     Run run;
     uint16_t ends[kGroup];
   };
+  static_assert(kGroup == 64, "a group's run starts are the bits of one 64-bit word");
 
   uint32_t endIn(const Group& group, size_t k) const {
     return group.wide == kNarrow ? group.base + group.ends[k] : wideEnds_[group.wide + k];
@@ -187,22 +191,14 @@ class TextLines {
     uint32_t blockStart;  // the number of the block's first byte
   };
 
-  // The run of a line is looked for among its group's runs: at most kGroup of them, so the
-  // search is short however many runs there are, and none when the group has one.
+  // The run of a line is its group's first run and as many more as begin in the group up to
+  // the line: a count of bits, whatever the number of runs.
   const Run& runOf(size_t i) const {
     const Group& group = groups_[i / kGroup];
-    if (group.firstRun == group.lastRun) return group.run;
-    size_t low = group.firstRun;
-    size_t high = group.lastRun;
-    // The last run of [low, high] that begins at or before the line.
-    while (low < high) {
-      const size_t middle = high - (high - low) / 2;
-      if (runs_[middle].first <= i)
-        low = middle;
-      else
-        high = middle - 1;
-    }
-    return runs_[low];
+    const size_t k = i % kGroup;
+    const uint64_t upToLine = k + 1 == kGroup ? ~uint64_t{0} : (uint64_t{2} << k) - 1;
+    const uint64_t later = group.starts & upToLine;
+    return later == 0 ? group.run : runs_[group.firstRun + std::popcount(later)];
   }
 
   // Makes room for `more` bytes behind the line being built, in a new block when the current

@@ -32,7 +32,7 @@ class ModelName {
   ModelName() = default;
   ModelName(std::string_view name) {  // NOLINT: a name is a model name
     if (name.size() <= kInline) {
-      std::memcpy(inline_, name.data(), name.size());
+      if (!name.empty()) std::memcpy(inline_, name.data(), name.size());
       size_ = static_cast<uint8_t>(name.size());
     } else {
       long_.assign(name);

@@ -31,7 +31,7 @@ bool Parser::parse(std::string_view text) {
 bool Parser::parseExactly(std::string_view text) {
   if (padded_.size() < text.size() + simdjson::SIMDJSON_PADDING)
     padded_.resize(text.size() + simdjson::SIMDJSON_PADDING);
-  std::memcpy(padded_.data(), text.data(), text.size());
+  if (!text.empty()) std::memcpy(padded_.data(), text.data(), text.size());
   auto result = parser_.parse(padded_.data(), text.size(), false);
   if (result.error()) {
     error_ = simdjson::error_message(result.error());

@@ -76,7 +76,7 @@ void WireDecoder::pad(std::string_view json) {
   d.repeat.usable = false;  // the buffers of the line before are about to be read anew
   if (d.padded.size() < json.size() + simdjson::SIMDJSON_PADDING)
     d.padded.resize(json.size() + simdjson::SIMDJSON_PADDING);
-  std::memcpy(d.padded.data(), json.data(), json.size());
+  if (!json.empty()) std::memcpy(d.padded.data(), json.data(), json.size());
 }
 
 bool WireDecoder::parse(std::string_view json) {

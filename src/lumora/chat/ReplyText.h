@@ -24,6 +24,8 @@ class ReplyBuffer {
   // Called for every record of a stream: the common case, room left in the current block, is
   // one copy here.
   void append(std::string_view bytes) {
+    // An empty record adds nothing, and before the first block there is nowhere to copy to.
+    if (bytes.empty()) return;
     if (bytes.size() <= room_) {
       std::memcpy(tail_, bytes.data(), bytes.size());
       tail_ += bytes.size();

@@ -172,9 +172,13 @@ class PanelTerminalTest : public ::testing::Test {
   // A mail client in the pane, with the test's environment and `lumora` on its PATH. No debug
   // lines: the client gives the panel its own terminal, where they would be written at the end
   // and wait for a key. HOME is the test's too: the clients keep state under it (neomutt's
-  // ~/postponed), which must neither come from the user's nor be left there.
+  // ~/postponed), which must neither come from the user's nor be left there. TMPDIR too: aerc
+  // writes each draft it composes there and never removes it.
   std::string mailClientCommand(const std::string& program) {
-    std::string command = "env HOME=" + quoted(home_.path().string());
+    const std::filesystem::path tmp = home_ / "tmp";
+    std::filesystem::create_directories(tmp);
+    std::string command = "env HOME=" + quoted(home_.path().string()) +
+                          " TMPDIR=" + quoted(tmp.string());
     for (const auto& [name, value] : environment())
       if (name != "LUMORA_DEBUG") command += " " + name + "=" + quoted(value);
     command += " EDITOR=true PATH=" +

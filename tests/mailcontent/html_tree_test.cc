@@ -118,8 +118,8 @@ bool matches(std::string_view pattern, std::string_view name) {
 // one '*' that matches exactly one file of `files`.
 std::map<std::pair<std::string, int>, std::string> knownDifferences(
     const std::vector<std::filesystem::path>& files) {
-  std::ifstream in(std::string(LUMORA_SOURCE_DIR) +
-                   "/tests/mailcontent/html_tree_known_differences.tsv");
+  std::ifstream in(std::filesystem::path(LUMORA_SOURCE_DIR) / "tests" / "mailcontent" /
+                   "html_tree_known_differences.tsv");
   std::map<std::pair<std::string, int>, std::string> known;
   std::string line;
   while (std::getline(in, line)) {

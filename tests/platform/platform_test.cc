@@ -59,7 +59,7 @@ TEST(LineSplitter, ALineOverTheLimitFailsWhateverThePieces) {
                    "The server sent a line longer than 64 bytes; the reply was cut off there.");
     }
   }
-  EXPECT_EQ(split(std::string(64, 'y') + "\n", 5, 64).size(), 1u);
+  EXPECT_EQ(split(std::string(64, 'y').append("\n"), 5, 64).size(), 1u);
 }
 
 TEST(Text, Utf8ValidationAndRepair) {
